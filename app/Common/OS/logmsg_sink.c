@@ -1,0 +1,88 @@
+/* logmsg sink: the log device, and standard output while the device is away. */
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "logmsg.h"
+#include "logmsg_private.h"
+
+static const char kDevicePath[] = "/dev/vesklog";
+
+/* 0: never opened, and never written to. Negative: the last open failed and is
+ * retried with the next record. */
+static int device_fd = 0;
+/* 1 while records are also printed on standard output. */
+static unsigned char print_fallback = 0;
+static int use_device = 1;
+
+/* Test builds take the device from the environment so that tests need no
+ * file under /dev; the product always uses the kernel log device. */
+static const char* device_path(void) {
+#ifdef LOGMSG_TEST_DEVICE_ENV
+    const char* path = getenv(LOGMSG_TEST_DEVICE_ENV);
+    if (path != NULL && path[0] != '\0') {
+        return path;
+    }
+#endif
+    return kDevicePath;
+}
+
+void logmsg_open_device(void) {
+    device_fd = open(device_path(), O_WRONLY);
+    if (device_fd < 0) {
+        print_fallback = 1;
+    }
+}
+
+/* Labels indexed by the header's level character minus 2. Headers hold ASCII
+ * digits, so records of this library always fall outside the table and read
+ * "DEBUG "; readers of the fallback output rely on exactly these labels. */
+static const char* const kLevelLabels[] = {"CRIT  ", "ERROR ", "WARN  ", "DEBUG ", "INFO  "};
+static const char kOtherLabel[] = "DEBUG ";
+
+static void print_on_stdout(const char* record) {
+    if (record[0] == '<' && record[1] != '\0' && record[2] == '>') {
+        unsigned char index = (unsigned char)(record[1] - 2);
+        const char* label = index < sizeof kLevelLabels / sizeof kLevelLabels[0]
+                                ? kLevelLabels[index]
+                                : kOtherLabel;
+        fprintf(stdout, "%s %s", label, record + 3);
+    } else {
+        fputs(record, stdout);
+    }
+}
+
+static void write_to_device(const char* record, int length) {
+    if (device_fd >= 1 && length > 0) {
+        ssize_t ignored = write(device_fd, record, (size_t)length);
+        (void)ignored;  // a lost record must not disturb the program that logs
+    }
+}
+
+void logmsg_sink(const char* record, int length) {
+    if (use_device != 0) {
+        if (device_fd < 0) {
+            device_fd = open(device_path(), O_WRONLY);
+            if (device_fd < 0) {
+                print_fallback = 1;
+                print_on_stdout(record);
+                return;
+            }
+            print_fallback = 0;
+        }
+        write_to_device(record, length);
+    }
+    if (print_fallback == 1) {
+        print_on_stdout(record);
+    }
+}
+
+int logmsg_set_use_device(int value) {
+    use_device = value;
+    return 0;
+}
+
+int logmsg_get_use_device(void) {
+    return use_device;
+}
