@@ -6,8 +6,24 @@
  * boundaries and ids are kept end to end. Each connection is known to both of its ends by a
  * 32-bit address, which is what MSG_SendMsg takes.
  *
- * Endpoints live as Unix-domain sockets in the endpoint directory: $MSGPASS_DIR when set,
- * else MSG_DEFAULT_DIR, else (when that is not writable) a per-user directory.
+ * Endpoints live as Unix-domain sockets in the endpoint directory: $MSGPASS_DIR when set (created
+ * if missing), else MSG_DEFAULT_DIR (created with mode 1777 when we may), else, when that is not
+ * writable, a private per-user directory: $XDG_RUNTIME_DIR/msgpass or /tmp/msgpass-<uid> (mode
+ * 0700, which must belong to the user). Sockets are made connectable by every user (mode 0666): a
+ * service decides whom to serve from the kernel's credentials of each sender (MSG_GetSender).
+ * The directory is looked up when an endpoint is opened; MSG_OpenRemoteSync looks for the remote
+ * in the directory of the local endpoint. The socket path (directory, '/', name) must fit in a
+ * Unix socket address (107 bytes), else MSG_ERR_NO_DIR.
+ *
+ * Wire: each message travels over a stream socket as a 16-byte header (magic and version, id,
+ * payload length, a reserved zero word) followed by the payload. A peer that sends a header this
+ * library does not understand, an oversized length or a truncated frame is disconnected; the
+ * endpoint's other connections go on.
+ *
+ * Time-outs are in milliseconds. When the environment variable MSGPASS_MAX_WAIT_MS holds a
+ * non-negative decimal number, it caps every wait of the library (connect, receive, a stalled
+ * send), including "wait forever"; this keeps tests of an absent peer fast while callers keep
+ * passing their real time-outs. Any other value is ignored.
  *
  * Results: every int status is MSG_OK (0) on success or one of the positive MSG_ERR_* codes
  * below. Functions that return a handle or pointer return NULL on failure. No function writes
@@ -17,7 +33,9 @@
  * until it is given to MSG_ReleaseMsg, or to MSG_SendMsg: from that call on it belongs to the
  * library whatever the status, and the caller must not touch it again.
  *
- * Threads: every function may be called from several threads of one process at once.
+ * Threads: every function may be called from several threads of one process at once; a service
+ * may receive on one thread and reply from another. The library starts no threads of its own,
+ * installs no signal handlers and never raises SIGPIPE.
  */
 #ifndef MSGPASS_H
 #define MSGPASS_H
@@ -35,17 +53,17 @@ typedef struct MsgBuf MSG_Msg;
 /* Status codes. Each failure has its own number so that a caller can print it usefully. */
 enum {
     MSG_OK = 0,
-    MSG_ERR_BAD_ARG = 300,      /* null pointer, null handle or otherwise unusable argument */
-    MSG_ERR_BAD_NAME = 301,     /* endpoint name empty, too long or containing '/' */
-    MSG_ERR_NOT_OPEN = 302,     /* no local endpoint of that name is open in this process */
-    MSG_ERR_NAME_IN_USE = 303,  /* a live endpoint of that name exists already */
-    MSG_ERR_TIMEOUT = 304,      /* the remote did not appear or answer within the time-out */
-    MSG_ERR_NO_ROUTE = 305,     /* the address names no open connection of this endpoint */
-    MSG_ERR_PEER_GONE = 306,    /* the connection was closed by the other end */
-    MSG_ERR_TOO_BIG = 307,      /* payload larger than MSG_MAX_PAYLOAD_BYTES */
-    MSG_ERR_SYSTEM = 308,       /* an operating-system call failed (see errno) */
-    MSG_ERR_NO_MEMORY = 309,    /* out of memory */
-    MSG_ERR_NO_DIR = 310        /* the endpoint directory cannot be found or created */
+    MSG_ERR_BAD_ARG = 300,     /* null pointer, null handle or otherwise unusable argument */
+    MSG_ERR_BAD_NAME = 301,    /* endpoint name empty, too long or containing '/' */
+    MSG_ERR_NOT_OPEN = 302,    /* no local endpoint of that name is open in this process */
+    MSG_ERR_NAME_IN_USE = 303, /* a live endpoint of that name exists already */
+    MSG_ERR_TIMEOUT = 304,     /* the remote did not appear or answer within the time-out */
+    MSG_ERR_NO_ROUTE = 305,    /* the address names no open connection of this endpoint */
+    MSG_ERR_PEER_GONE = 306,   /* the connection was closed by the other end */
+    MSG_ERR_TOO_BIG = 307,     /* payload larger than MSG_MAX_PAYLOAD_BYTES */
+    MSG_ERR_SYSTEM = 308,      /* an operating-system call failed (see errno) */
+    MSG_ERR_NO_MEMORY = 309,   /* out of memory */
+    MSG_ERR_NO_DIR = 310       /* the endpoint directory cannot be found or created */
 };
 
 /* Longest endpoint name, in bytes, without the terminating NUL. */
@@ -54,50 +72,69 @@ enum {
 #define MSG_MAX_PAYLOAD_BYTES (16u * 1024u * 1024u)
 /* Endpoint directory used when MSGPASS_DIR is not set. */
 #define MSG_DEFAULT_DIR "/run/msgpass"
+/* Environment variables read by the library (see above). */
+#define MSG_DIR_ENV "MSGPASS_DIR"
+#define MSG_MAX_WAIT_ENV "MSGPASS_MAX_WAIT_MS"
+/* How long a send may make no progress because the peer does not read, before the connection is
+ * dropped and MSG_SendMsg returns MSG_ERR_TIMEOUT (also capped by MSGPASS_MAX_WAIT_MS). */
+#define MSG_SEND_STALL_MS 5000
 
-/* Attaches a name to this process for the library's own diagnostics. */
-int MSG_DebugSetName(const char *name);
+/* Attaches a name to this process for the library's own diagnostics. MSG_ERR_BAD_ARG for null,
+ * MSG_ERR_BAD_NAME for a name that would not be a valid endpoint name. */
+int MSG_DebugSetName(const char* name);
 
 /* Creates and registers the local endpoint `name`, so that other processes can connect to it.
- * A stale socket left by a process that died is reclaimed; a live one gives MSG_ERR_NAME_IN_USE. */
-int MSG_OpenLocal(const char *name);
+ * A stale socket left by a process that died is reclaimed; a live one (in this process or
+ * another), or a file of that name that is not a socket, gives MSG_ERR_NAME_IN_USE. */
+int MSG_OpenLocal(const char* name);
 
 /* Connects local endpoint `localName` to the endpoint `remoteName`, waiting up to `timeoutMs`
- * milliseconds for it to appear and accept (without busy-waiting). On success stores the
- * connection's address in *remoteAddress. */
-int MSG_OpenRemoteSync(const char *localName, const char *remoteName, int timeoutMs,
-                       uint32_t *remoteAddress);
+ * milliseconds (negative: wait forever) for it to appear and accept, without busy-waiting. On
+ * success stores the new connection's address (never 0) in *remoteAddress. MSG_ERR_TIMEOUT when
+ * the remote did not appear in time; MSG_ERR_NOT_OPEN when `localName` is not open here. */
+int MSG_OpenRemoteSync(const char* localName, const char* remoteName, int timeoutMs,
+                       uint32_t* remoteAddress);
 
 /* Closes the local endpoint `name` and all its connections; a null name closes every local
  * endpoint of this process. MSG_ERR_NOT_OPEN (302) when there is none to close. */
-int MSG_CloseLocal(const char *name);
+int MSG_CloseLocal(const char* name);
 
 /* Allocates a message with id `msgId` whose payload holds exactly `payloadBytes` bytes
  * (uninitialised). `flags` is reserved and must be 0. NULL on failure or when the payload is
  * larger than MSG_MAX_PAYLOAD_BYTES. */
-MSG_Msg *MSG_AllocMsg(uint32_t msgId, int flags, uint32_t payloadBytes);
+MSG_Msg* MSG_AllocMsg(uint32_t msgId, int flags, uint32_t payloadBytes);
 
 /* Writable payload of a message; NULL for a null handle. */
-void *MSG_GetPayloadMutable(MSG_Msg *msg);
+void* MSG_GetPayloadMutable(MSG_Msg* msg);
 
 /* Sends `msg` from `localName` over the connection `remoteAddress`. The handle belongs to the
- * library from this call on, whatever the status. A message is sent whole or not at all. */
-int MSG_SendMsg(const char *localName, uint32_t remoteAddress, MSG_Msg *msg);
+ * library from this call on, whatever the status. MSG_ERR_NO_ROUTE for an address that names no
+ * open connection; MSG_ERR_PEER_GONE when the other end has closed it. When the peer takes no
+ * bytes for MSG_SEND_STALL_MS the connection is dropped and the result is MSG_ERR_TIMEOUT: a
+ * client that does not read its replies cannot hold a service forever. Several threads may send
+ * on one connection at once; their messages never interleave. */
+int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Msg* msg);
 
 /* Receives the first message with id `msgId` that arrives at `localName` within `timeoutMs`
- * milliseconds (negative: wait forever). Messages of other ids that arrive meanwhile are kept,
- * in arrival order, for later receives. NULL on time-out, on failure, or at once when every
- * connection the endpoint could hear from has been closed by its other end. */
-MSG_Msg *MSG_RecvMsg(const char *localName, uint32_t msgId, int timeoutMs);
+ * milliseconds (negative: wait forever; 0: only what is already there). Messages of other ids
+ * that arrive meanwhile are kept, in arrival order, for later receives (MSG_RecvMsg or
+ * MSG_RecvAny). NULL on time-out, on failure, or at once when the endpoint has connected out
+ * (MSG_OpenRemoteSync) and every one of its connections has since been closed: the peers it was
+ * talking to are gone and nothing more can come. An endpoint that never connected out keeps
+ * waiting for clients to connect.
+ *
+ * Memory stays bounded: when many unclaimed messages from one connection are queued, reading
+ * from that connection pauses (its sender then waits) until some are received. */
+MSG_Msg* MSG_RecvMsg(const char* localName, uint32_t msgId, int timeoutMs);
 
 /* Read-only payload of a message; NULL for a null handle. */
-const void *MSG_GetPayload(const MSG_Msg *msg);
+const void* MSG_GetPayload(const MSG_Msg* msg);
 
 /* Payload length in bytes; -1 for a null handle. */
-int MSG_GetPayloadBytes(const MSG_Msg *msg);
+int MSG_GetPayloadBytes(const MSG_Msg* msg);
 
-/* Returns a message to the library. */
-int MSG_ReleaseMsg(MSG_Msg *msg);
+/* Returns a message to the library. MSG_ERR_BAD_ARG for a null handle. */
+int MSG_ReleaseMsg(MSG_Msg* msg);
 
 /* ---- For services: serving many clients on one endpoint. ---- */
 
@@ -113,19 +150,19 @@ typedef struct MSG_Sender {
 /* Receives the next message of any id at `localName` within `timeoutMs` milliseconds (negative:
  * wait forever; 0: only what is already there). Incoming connections are accepted on the way.
  * NULL on time-out or failure. */
-MSG_Msg *MSG_RecvAny(const char *localName, int timeoutMs);
+MSG_Msg* MSG_RecvAny(const char* localName, int timeoutMs);
 
 /* Id of a message; 0 for a null handle. */
-uint32_t MSG_GetMsgId(const MSG_Msg *msg);
+uint32_t MSG_GetMsgId(const MSG_Msg* msg);
 
 /* The sender of a received message. MSG_ERR_BAD_ARG for a null argument or a message that was
  * not received. */
-int MSG_GetSender(const MSG_Msg *msg, MSG_Sender *sender);
+int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
 
 /* A descriptor that becomes readable when MSG_RecvAny on `localName` may have something to
  * return, for use in a caller's poll loop; -1 when the endpoint is not open. The descriptor
  * stays owned by the library. */
-int MSG_GetPollFd(const char *localName);
+int MSG_GetPollFd(const char* localName);
 
 #ifdef __cplusplus
 }

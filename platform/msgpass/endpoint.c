@@ -1,0 +1,261 @@
+/* endpoint.c - opening and closing local endpoints, and the socket files behind them. */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "internal.h"
+#include "registry.h"
+
+enum { kBacklog = 128 };
+
+/* Serialises probing, reclaiming and installing socket files among all processes sharing the
+ * directory, so that two of them never both reclaim the same stale name. Best effort: without
+ * the lock file (read-only directory) we carry on unlocked. */
+static int lock_dir(const char* dir) {
+    char path[kMsgPathBytes];
+    if (snprintf(path, sizeof(path), "%s/.lock", dir) >= (int)sizeof(path)) {
+        return -1;
+    }
+    int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return -1;
+    }
+    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    return fd;
+}
+
+static void unlock_dir(int fd) {
+    if (fd >= 0) {
+        close(fd); /* releases the flock */
+    }
+}
+
+/* MSG_OK when `path` is free (a stale socket there has been removed), else why not. */
+static int reclaim_name(const char* path) {
+    struct stat st;
+    if (lstat(path, &st) != 0) {
+        return errno == ENOENT ? MSG_OK : MSG_ERR_SYSTEM;
+    }
+    if (!S_ISSOCK(st.st_mode)) {
+        return MSG_ERR_NAME_IN_USE; /* not ours to delete */
+    }
+    int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (probe < 0) {
+        return MSG_ERR_SYSTEM;
+    }
+    struct sockaddr_un addr;
+    socklen_t length = msg_sockaddr(path, &addr);
+    int connected = connect(probe, (struct sockaddr*)&addr, length);
+    int saved = errno;
+    close(probe);
+    if (connected == 0 || saved == EAGAIN) {
+        return MSG_ERR_NAME_IN_USE; /* someone listens there (EAGAIN: busy, but alive) */
+    }
+    if (saved != ECONNREFUSED) {
+        errno = saved;
+        return MSG_ERR_SYSTEM;
+    }
+    /* Nobody listens: the process that made it has died. */
+    return unlink(path) == 0 || errno == ENOENT ? MSG_OK : MSG_ERR_SYSTEM;
+}
+
+static int bind_listening(struct msg_endpoint* ep, const char* temp) {
+    ep->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (ep->listen_fd < 0) {
+        return MSG_ERR_SYSTEM;
+    }
+    struct sockaddr_un addr;
+    socklen_t length = msg_sockaddr(temp, &addr);
+    if (bind(ep->listen_fd, (struct sockaddr*)&addr, length) != 0) {
+        return MSG_ERR_SYSTEM;
+    }
+    /* Anyone may connect: services judge their clients by SO_PEERCRED, not by file modes. */
+    if (chmod(temp, 0666) != 0 || listen(ep->listen_fd, kBacklog) != 0) {
+        return MSG_ERR_SYSTEM;
+    }
+    return MSG_OK;
+}
+
+/* The socket is bound and listening under a temporary name first and then renamed into place,
+ * so a client never finds the name without someone accepting behind it. */
+static int install_socket(struct msg_endpoint* ep) {
+    static unsigned sequence;
+    char temp[kMsgPathBytes];
+    int written = snprintf(temp, sizeof(temp), "%s/.tmp-%ld-%u", ep->dir, (long)getpid(),
+                           __atomic_add_fetch(&sequence, 1, __ATOMIC_RELAXED));
+    if (written <= 0 || written >= (int)sizeof(temp)) {
+        return MSG_ERR_NO_DIR;
+    }
+    int lock_fd = lock_dir(ep->dir);
+    int status = reclaim_name(ep->path);
+    if (status == MSG_OK) {
+        unlink(temp); /* left by an earlier process that had our pid */
+        status = bind_listening(ep, temp);
+        struct stat st;
+        if (status == MSG_OK && (rename(temp, ep->path) != 0 || stat(ep->path, &st) != 0)) {
+            status = MSG_ERR_SYSTEM;
+        }
+        if (status == MSG_OK) {
+            ep->socket_dev = st.st_dev;
+            ep->socket_ino = st.st_ino;
+        } else {
+            int saved = errno;
+            unlink(temp);
+            errno = saved;
+        }
+    }
+    unlock_dir(lock_fd);
+    return status;
+}
+
+/* Removes the socket file only if it is still the one we made. */
+static void remove_socket(struct msg_endpoint* ep) {
+    int lock_fd = lock_dir(ep->dir);
+    struct stat st;
+    if (stat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev && st.st_ino == ep->socket_ino) {
+        unlink(ep->path);
+    }
+    unlock_dir(lock_fd);
+}
+
+static int add_to_wait_set(int wait_fd, int fd, uint64_t token) {
+    struct epoll_event event = {.events = EPOLLIN, .data.u64 = token};
+    return epoll_ctl(wait_fd, EPOLL_CTL_ADD, fd, &event);
+}
+
+static struct msg_endpoint* endpoint_new(const char* name) {
+    struct msg_endpoint* ep = calloc(1, sizeof(*ep));
+    if (!ep) {
+        return NULL;
+    }
+    strcpy(ep->name, name);
+    ep->listen_fd = ep->wait_fd = ep->wake_fd = ep->poll_fd = ep->pending_fd = -1;
+    pthread_mutex_init(&ep->lock, NULL);
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&ep->turn, &attr);
+    pthread_condattr_destroy(&attr);
+    return ep;
+}
+
+void msg_endpoint_free(struct msg_endpoint* ep) {
+    while (ep->conns) {
+        msg_conn_drop(ep, ep->conns);
+    }
+    while (ep->queue_head) {
+        MSG_Msg* next = ep->queue_head->next;
+        free(ep->queue_head);
+        ep->queue_head = next;
+    }
+    int fds[] = {ep->listen_fd, ep->wait_fd, ep->wake_fd, ep->poll_fd, ep->pending_fd};
+    for (size_t i = 0; i < sizeof(fds) / sizeof(fds[0]); i++) {
+        if (fds[i] >= 0) {
+            close(fds[i]);
+        }
+    }
+    free(ep->stage);
+    pthread_cond_destroy(&ep->turn);
+    pthread_mutex_destroy(&ep->lock);
+    free(ep);
+}
+
+static int endpoint_open(struct msg_endpoint* ep) {
+    int status = msg_resolve_dir(ep->dir, sizeof(ep->dir));
+    if (status == MSG_OK) {
+        status = msg_socket_path(ep->dir, ep->name, ep->path);
+    }
+    if (status != MSG_OK) {
+        return status;
+    }
+    ep->stage = malloc(kMsgStageBytes);
+    if (!ep->stage) {
+        return MSG_ERR_NO_MEMORY;
+    }
+    ep->wait_fd = epoll_create1(EPOLL_CLOEXEC);
+    ep->wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (ep->wait_fd < 0 || ep->wake_fd < 0 ||
+        add_to_wait_set(ep->wait_fd, ep->wake_fd, kMsgWakeToken) != 0) {
+        return MSG_ERR_SYSTEM;
+    }
+    status = install_socket(ep);
+    if (status == MSG_OK && add_to_wait_set(ep->wait_fd, ep->listen_fd, kMsgListenToken) != 0) {
+        remove_socket(ep);
+        status = MSG_ERR_SYSTEM;
+    }
+    return status;
+}
+
+MSG_EXPORT int MSG_OpenLocal(const char* name) {
+    int status = msg_check_name(name);
+    if (status != MSG_OK) {
+        return status;
+    }
+    /* Held throughout, so two threads opening one name cannot both succeed. */
+    msg_registry_lock();
+    if (msg_registry_find_locked(name)) {
+        msg_registry_unlock();
+        return MSG_ERR_NAME_IN_USE;
+    }
+    struct msg_endpoint* ep = endpoint_new(name);
+    status = ep ? endpoint_open(ep) : MSG_ERR_NO_MEMORY;
+    if (status == MSG_OK) {
+        msg_registry_insert_locked(ep);
+    }
+    msg_registry_unlock();
+    if (status != MSG_OK && ep) {
+        int saved = errno;
+        msg_endpoint_free(ep);
+        errno = saved;
+    }
+    return status;
+}
+
+/* Wakes every thread waiting on the endpoint; they see it closed and return. Callers still
+ * inside the library hold references, so the memory goes with the last of them. */
+static void endpoint_close(struct msg_endpoint* ep) {
+    pthread_mutex_lock(&ep->lock);
+    ep->closed = 1;
+    while (ep->conns) {
+        msg_conn_drop(ep, ep->conns);
+    }
+    uint64_t one = 1;
+    ssize_t ignored = write(ep->wake_fd, &one, sizeof(one));
+    (void)ignored;
+    pthread_cond_broadcast(&ep->turn);
+    pthread_mutex_unlock(&ep->lock);
+    remove_socket(ep);
+    msg_endpoint_put(ep);
+}
+
+MSG_EXPORT int MSG_CloseLocal(const char* name) {
+    if (name) {
+        int status = msg_check_name(name);
+        if (status != MSG_OK) {
+            return status;
+        }
+    }
+    int closed = 0;
+    for (;;) {
+        msg_registry_lock();
+        struct msg_endpoint* ep = msg_registry_remove_locked(name);
+        msg_registry_unlock();
+        if (!ep) {
+            break;
+        }
+        endpoint_close(ep);
+        closed++;
+        if (name) {
+            break;
+        }
+    }
+    return closed ? MSG_OK : MSG_ERR_NOT_OPEN;
+}

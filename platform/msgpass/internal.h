@@ -1,0 +1,143 @@
+/*
+ * internal.h - shared declarations of the library's translation units. Not installed.
+ *
+ * Locking, outermost first: the registry lock (list of open endpoints), an endpoint's lock
+ * (its connections, its queue of received messages, its state), a connection's write lock
+ * (held while one message is written, without the endpoint's lock so that receiving goes on).
+ */
+#ifndef MSGPASS_INTERNAL_H
+#define MSGPASS_INTERNAL_H
+
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/un.h>
+
+#include "msgpass.h"
+
+#define MSG_EXPORT __attribute__((visibility("default")))
+
+/* ---- Messages and their wire header (message.c) ---- */
+
+enum { kMsgHeaderBytes = 16 };
+/* 'M', 'P', version 1, 0: bumped if the header ever changes. */
+#define kMsgMagic 0x0001504du
+
+struct MsgBuf {
+    struct MsgBuf* next; /* link in an endpoint's receive queue */
+    uint32_t id;
+    uint32_t bytes;
+    int received; /* sender below is valid */
+    MSG_Sender sender;
+    /* Header then payload, contiguous so that a send is one write. 16-aligned payload. */
+    _Alignas(16) unsigned char frame[];
+};
+
+MSG_Msg* msg_new(uint32_t id, uint32_t bytes);
+unsigned char* msg_payload(MSG_Msg* msg);
+void msg_encode_header(MSG_Msg* msg);
+/* 0 and the id and length when the header is one of ours, -1 otherwise. */
+int msg_decode_header(const unsigned char* header, uint32_t* id, uint32_t* bytes);
+
+/* ---- Clock and time-outs (clock.c) ---- */
+
+#define kMsgForever INT64_MAX
+
+int64_t msg_now_ms(void);
+/* Absolute monotonic deadline for a caller's time-out, after the MSGPASS_MAX_WAIT_MS cap. */
+int64_t msg_deadline(int timeoutMs);
+/* Milliseconds left until `deadline`, as poll() takes them: -1 for forever, never negative. */
+int msg_remaining_ms(int64_t deadline);
+/* The deadline as a CLOCK_MONOTONIC timespec, for condition variables. */
+struct timespec msg_deadline_timespec(int64_t deadline);
+
+/* ---- Names and the endpoint directory (names.c) ---- */
+
+enum { kMsgPathBytes = sizeof(((struct sockaddr_un*)0)->sun_path) };
+
+int msg_check_name(const char* name);
+/* Finds (and creates when needed) the endpoint directory into `dir`. */
+int msg_resolve_dir(char* dir, size_t dirBytes);
+/* "<dir>/<name>" into `path` (kMsgPathBytes); MSG_ERR_NO_DIR when it does not fit. */
+int msg_socket_path(const char* dir, const char* name, char* path);
+/* Fills a socket address for `path`; returns its length. */
+socklen_t msg_sockaddr(const char* path, struct sockaddr_un* addr);
+
+/* ---- Connections (conn.c) ---- */
+
+struct msg_endpoint;
+
+struct msg_conn {
+    struct msg_conn* next;
+    uint32_t address;
+    int fd;
+    int refs; /* the endpoint's table plus senders in flight; under the endpoint's lock */
+    int dropped;
+    int paused; /* not read until the receive queue drains */
+    MSG_Sender peer;
+    pthread_mutex_t write_lock;
+    /* Reassembly of the frame being read; touched only by the receiving leader. */
+    unsigned char header[kMsgHeaderBytes];
+    uint32_t header_fill;
+    MSG_Msg* partial;
+    uint32_t partial_fill;
+    /* What of this connection's input waits in the endpoint's queue. */
+    size_t queued_bytes;
+    uint32_t queued_count;
+};
+
+/* The following take the endpoint's lock held. */
+int msg_conn_add(struct msg_endpoint* ep, int fd, uint32_t* address);
+struct msg_conn* msg_conn_find(struct msg_endpoint* ep, uint32_t address);
+void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn);
+void msg_conn_unref(struct msg_conn* conn);
+void msg_conn_pause(struct msg_endpoint* ep, struct msg_conn* conn);
+void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn);
+
+/* ---- Endpoints (endpoint.c, registry.c) ---- */
+
+/* The leader's read buffer; larger payloads are read straight into their message. */
+enum { kMsgStageBytes = 64 * 1024 };
+
+/* epoll tokens that are not connection addresses (addresses are never 0). */
+#define kMsgWakeToken 0u
+#define kMsgListenToken (1ull << 32)
+
+struct msg_endpoint {
+    struct msg_endpoint* next; /* registry link */
+    int refs;                  /* registry plus callers in flight; under the registry lock */
+    char name[MSG_MAX_NAME_BYTES + 1];
+    char dir[kMsgPathBytes];
+    char path[kMsgPathBytes];
+    dev_t socket_dev; /* identity of our socket file, so that we only ever remove our own */
+    ino_t socket_ino;
+    int listen_fd;
+    int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection */
+    int wake_fd;    /* eventfd that interrupts the leader when the endpoint closes */
+    int poll_fd;    /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
+    int pending_fd; /* eventfd readable while the queue is not empty, or -1 */
+
+    pthread_mutex_t lock;
+    pthread_cond_t turn; /* signalled when the leader leaves or messages are queued */
+    int closed;
+    int leader;        /* a thread is waiting in epoll for the endpoint */
+    int connected_out; /* MSG_OpenRemoteSync has succeeded once */
+    int listen_paused; /* out of descriptors: stop accepting until a connection goes */
+    uint32_t last_address;
+    struct msg_conn* conns;
+    MSG_Msg* queue_head;
+    MSG_Msg* queue_tail;
+    unsigned char* stage; /* read buffer of the leader */
+};
+
+/* Registered endpoint `name` with a reference taken, or NULL. */
+struct msg_endpoint* msg_endpoint_get(const char* name);
+void msg_endpoint_put(struct msg_endpoint* ep);
+void msg_endpoint_free(struct msg_endpoint* ep);
+
+/* Common prologue: checks the name and finds the endpoint. */
+int msg_endpoint_lookup(const char* name, struct msg_endpoint** ep);
+
+#endif /* MSGPASS_INTERNAL_H */

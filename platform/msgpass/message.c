@@ -1,0 +1,87 @@
+/* message.c - message handles and the wire header that frames them. */
+#include <stdlib.h>
+#include <string.h>
+
+#include "internal.h"
+
+MSG_Msg* msg_new(uint32_t id, uint32_t bytes) {
+    MSG_Msg* msg = malloc(sizeof(MSG_Msg) + kMsgHeaderBytes + (size_t)bytes);
+    if (!msg) {
+        return NULL;
+    }
+    memset(msg, 0, sizeof(*msg));
+    msg->id = id;
+    msg->bytes = bytes;
+    return msg;
+}
+
+unsigned char* msg_payload(MSG_Msg* msg) {
+    return msg->frame + kMsgHeaderBytes;
+}
+
+/* Little-endian on the wire whatever the host, so the format is one thing to document. */
+static void put_u32(unsigned char* p, uint32_t v) {
+    p[0] = (unsigned char)v;
+    p[1] = (unsigned char)(v >> 8);
+    p[2] = (unsigned char)(v >> 16);
+    p[3] = (unsigned char)(v >> 24);
+}
+
+static uint32_t get_u32(const unsigned char* p) {
+    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
+}
+
+void msg_encode_header(MSG_Msg* msg) {
+    put_u32(msg->frame, kMsgMagic);
+    put_u32(msg->frame + 4, msg->id);
+    put_u32(msg->frame + 8, msg->bytes);
+    put_u32(msg->frame + 12, 0);
+}
+
+int msg_decode_header(const unsigned char* header, uint32_t* id, uint32_t* bytes) {
+    if (get_u32(header) != kMsgMagic || get_u32(header + 12) != 0) {
+        return -1;
+    }
+    *id = get_u32(header + 4);
+    *bytes = get_u32(header + 8);
+    return *bytes <= MSG_MAX_PAYLOAD_BYTES ? 0 : -1;
+}
+
+MSG_EXPORT MSG_Msg* MSG_AllocMsg(uint32_t msgId, int flags, uint32_t payloadBytes) {
+    if (flags != 0 || payloadBytes > MSG_MAX_PAYLOAD_BYTES) {
+        return NULL;
+    }
+    return msg_new(msgId, payloadBytes);
+}
+
+MSG_EXPORT void* MSG_GetPayloadMutable(MSG_Msg* msg) {
+    return msg ? msg_payload(msg) : NULL;
+}
+
+MSG_EXPORT const void* MSG_GetPayload(const MSG_Msg* msg) {
+    return msg ? msg->frame + kMsgHeaderBytes : NULL;
+}
+
+MSG_EXPORT int MSG_GetPayloadBytes(const MSG_Msg* msg) {
+    return msg ? (int)msg->bytes : -1;
+}
+
+MSG_EXPORT uint32_t MSG_GetMsgId(const MSG_Msg* msg) {
+    return msg ? msg->id : 0;
+}
+
+MSG_EXPORT int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender) {
+    if (!msg || !sender || !msg->received) {
+        return MSG_ERR_BAD_ARG;
+    }
+    *sender = msg->sender;
+    return MSG_OK;
+}
+
+MSG_EXPORT int MSG_ReleaseMsg(MSG_Msg* msg) {
+    if (!msg) {
+        return MSG_ERR_BAD_ARG;
+    }
+    free(msg);
+    return MSG_OK;
+}

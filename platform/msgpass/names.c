@@ -1,0 +1,91 @@
+/* names.c - endpoint names, and where their sockets live. */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "internal.h"
+
+int msg_check_name(const char* name) {
+    if (!name) {
+        return MSG_ERR_BAD_ARG;
+    }
+    size_t length = strnlen(name, MSG_MAX_NAME_BYTES + 1);
+    if (length == 0 || length > MSG_MAX_NAME_BYTES || memchr(name, '/', length)) {
+        return MSG_ERR_BAD_NAME;
+    }
+    return MSG_OK;
+}
+
+/* Makes `dir` exist with `mode` when it does not; 0 when it is a usable directory. */
+static int ensure_dir(const char* dir, mode_t mode) {
+    if (mkdir(dir, mode) == 0) {
+        /* mkdir honours the umask; the shared, sticky directory needs its full mode. */
+        if (mode & S_ISVTX) {
+            chmod(dir, mode);
+        }
+    } else if (errno != EEXIST) {
+        return -1;
+    }
+    struct stat st;
+    if (stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        return -1;
+    }
+    return access(dir, W_OK | X_OK) == 0 ? 0 : -1;
+}
+
+/* A per-user directory is only trusted when it is really ours and closed to others: in /tmp
+ * anyone could have created it first. */
+static int ensure_private_dir(const char* dir) {
+    if (ensure_dir(dir, 0700) != 0) {
+        return -1;
+    }
+    struct stat st;
+    if (lstat(dir, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != getuid() ||
+        (st.st_mode & 077) != 0) {
+        return -1;
+    }
+    return 0;
+}
+
+static int copy_dir(char* dir, size_t dirBytes, const char* text) {
+    int written = snprintf(dir, dirBytes, "%s", text);
+    return written > 0 && (size_t)written < dirBytes ? MSG_OK : MSG_ERR_NO_DIR;
+}
+
+int msg_resolve_dir(char* dir, size_t dirBytes) {
+    const char* chosen = getenv(MSG_DIR_ENV);
+    if (chosen && *chosen) {
+        if (ensure_dir(chosen, 0777) != 0) {
+            return MSG_ERR_NO_DIR;
+        }
+        return copy_dir(dir, dirBytes, chosen);
+    }
+    if (ensure_dir(MSG_DEFAULT_DIR, 01777) == 0) {
+        return copy_dir(dir, dirBytes, MSG_DEFAULT_DIR);
+    }
+    char fallback[kMsgPathBytes];
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    int written = runtime && *runtime
+                      ? snprintf(fallback, sizeof(fallback), "%s/msgpass", runtime)
+                      : snprintf(fallback, sizeof(fallback), "/tmp/msgpass-%u", (unsigned)getuid());
+    if (written <= 0 || (size_t)written >= sizeof(fallback) || ensure_private_dir(fallback) != 0) {
+        return MSG_ERR_NO_DIR;
+    }
+    return copy_dir(dir, dirBytes, fallback);
+}
+
+int msg_socket_path(const char* dir, const char* name, char* path) {
+    int written = snprintf(path, kMsgPathBytes, "%s/%s", dir, name);
+    return written > 0 && written < kMsgPathBytes ? MSG_OK : MSG_ERR_NO_DIR;
+}
+
+socklen_t msg_sockaddr(const char* path, struct sockaddr_un* addr) {
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    size_t length = strnlen(path, sizeof(addr->sun_path) - 1);
+    memcpy(addr->sun_path, path, length);
+    return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + length + 1);
+}

@@ -1,0 +1,307 @@
+/* receive.c - reading frames from every connection of an endpoint and handing them out.
+ *
+ * One thread at a time, the leader, waits in epoll for the endpoint; other receivers wait on a
+ * condition variable until the leader has queued something or stepped down. Reads never block
+ * and each connection reassembles its own frame, so a peer that sends half a frame and then
+ * nothing holds up no one.
+ */
+#include <errno.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "internal.h"
+
+enum {
+    kMaxEvents = 32,
+    kAcceptsPerPass = 32,
+    /* Read at most this much from one connection per pass, so that a fast sender of large
+     * messages does not starve the others. */
+    kReadBudgetBytes = 1024 * 1024,
+    /* Stop reading a connection when this much of its input waits unclaimed; resume at half. */
+    kPauseQueuedBytes = MSG_MAX_PAYLOAD_BYTES,
+    kPauseQueuedCount = 4096
+};
+
+/* The descriptor of MSG_GetPollFd must be readable while messages are queued, since the
+ * sockets alone no longer say so. Kept only once someone asked for that descriptor. */
+static void signal_pending(struct msg_endpoint* ep, int pending) {
+    if (ep->pending_fd < 0) {
+        return;
+    }
+    uint64_t value = 1;
+    ssize_t ignored = pending ? write(ep->pending_fd, &value, sizeof(value))
+                              : read(ep->pending_fd, &value, sizeof(value));
+    (void)ignored;
+}
+
+static void enqueue(struct msg_endpoint* ep, struct msg_conn* conn, MSG_Msg* msg) {
+    msg->received = 1;
+    msg->sender = conn->peer;
+    msg->next = NULL;
+    if (ep->queue_tail) {
+        ep->queue_tail->next = msg;
+    } else {
+        ep->queue_head = msg;
+        signal_pending(ep, 1);
+    }
+    ep->queue_tail = msg;
+    conn->queued_bytes += msg->bytes;
+    conn->queued_count++;
+    if (conn->queued_bytes >= kPauseQueuedBytes || conn->queued_count >= kPauseQueuedCount) {
+        msg_conn_pause(ep, conn);
+    }
+}
+
+static void account_taken(struct msg_endpoint* ep, const MSG_Msg* msg) {
+    struct msg_conn* conn = msg_conn_find(ep, msg->sender.address);
+    if (!conn) {
+        return; /* it has gone since; its messages stay deliverable */
+    }
+    conn->queued_bytes -= msg->bytes <= conn->queued_bytes ? msg->bytes : conn->queued_bytes;
+    conn->queued_count -= conn->queued_count > 0;
+    if (conn->queued_bytes <= kPauseQueuedBytes / 2 &&
+        conn->queued_count <= kPauseQueuedCount / 2) {
+        msg_conn_resume(ep, conn);
+    }
+}
+
+/* First queued message of id `id` (of any id when `any`), unlinked, or NULL. */
+static MSG_Msg* take_queued(struct msg_endpoint* ep, int any, uint32_t id) {
+    MSG_Msg* previous = NULL;
+    for (MSG_Msg* msg = ep->queue_head; msg; previous = msg, msg = msg->next) {
+        if (!any && msg->id != id) {
+            continue;
+        }
+        if (previous) {
+            previous->next = msg->next;
+        } else {
+            ep->queue_head = msg->next;
+        }
+        if (ep->queue_tail == msg) {
+            ep->queue_tail = previous;
+        }
+        msg->next = NULL;
+        if (!ep->queue_head) {
+            signal_pending(ep, 0);
+        }
+        account_taken(ep, msg);
+        return msg;
+    }
+    return NULL;
+}
+
+static void complete_if_whole(struct msg_endpoint* ep, struct msg_conn* conn) {
+    if (conn->partial && conn->partial_fill == conn->partial->bytes) {
+        enqueue(ep, conn, conn->partial);
+        conn->partial = NULL;
+    }
+}
+
+/* Feeds bytes read from `conn` into its reassembly; -1 when the peer speaks no sense. */
+static int consume(struct msg_endpoint* ep, struct msg_conn* conn, const unsigned char* data,
+                   size_t length) {
+    while (length > 0) {
+        size_t step;
+        if (!conn->partial) {
+            step = kMsgHeaderBytes - conn->header_fill;
+            step = step < length ? step : length;
+            memcpy(conn->header + conn->header_fill, data, step);
+            conn->header_fill += (uint32_t)step;
+            if (conn->header_fill == kMsgHeaderBytes) {
+                uint32_t id, bytes;
+                if (msg_decode_header(conn->header, &id, &bytes) != 0) {
+                    return -1;
+                }
+                conn->header_fill = 0;
+                conn->partial_fill = 0;
+                conn->partial = msg_new(id, bytes);
+                if (!conn->partial) {
+                    return -1;
+                }
+            }
+        } else {
+            step = conn->partial->bytes - conn->partial_fill;
+            step = step < length ? step : length;
+            memcpy(msg_payload(conn->partial) + conn->partial_fill, data, step);
+            conn->partial_fill += (uint32_t)step;
+        }
+        complete_if_whole(ep, conn);
+        data += step;
+        length -= step;
+    }
+    return 0;
+}
+
+/* Reads what `conn` has for us now; -1 when the connection must go (closed by the peer, cut
+ * in the middle of a frame, or garbage). */
+static int read_conn(struct msg_endpoint* ep, struct msg_conn* conn) {
+    size_t budget = kReadBudgetBytes;
+    while (budget > 0 && !conn->paused) {
+        size_t missing = conn->partial ? conn->partial->bytes - conn->partial_fill : 0;
+        int direct = missing >= kMsgStageBytes;
+        unsigned char* into = direct ? msg_payload(conn->partial) + conn->partial_fill : ep->stage;
+        size_t want = direct ? (missing < budget ? missing : budget) : kMsgStageBytes;
+        ssize_t n = recv(conn->fd, into, want, MSG_DONTWAIT);
+        if (n == 0) {
+            return -1;
+        }
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+        }
+        if (direct) {
+            conn->partial_fill += (uint32_t)n;
+            complete_if_whole(ep, conn);
+        } else if (consume(ep, conn, ep->stage, (size_t)n) != 0) {
+            return -1;
+        }
+        if ((size_t)n < want) {
+            return 0; /* drained for now */
+        }
+        budget -= (size_t)n < budget ? (size_t)n : budget;
+    }
+    return 0;
+}
+
+static void accept_pending(struct msg_endpoint* ep) {
+    for (int i = 0; i < kAcceptsPerPass; i++) {
+        int fd = accept4(ep->listen_fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0) {
+            msg_conn_add(ep, fd, NULL); /* on failure the client just sees its socket closed */
+            continue;
+        }
+        if (errno == EINTR || errno == ECONNABORTED) {
+            continue;
+        }
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            /* Level-triggered, the listener would wake us for ever; wait for a free slot. */
+            if (epoll_ctl(ep->wait_fd, EPOLL_CTL_DEL, ep->listen_fd, NULL) == 0) {
+                ep->listen_paused = 1;
+            }
+        }
+        return;
+    }
+}
+
+static void serve_events(struct msg_endpoint* ep, const struct epoll_event* events, int count) {
+    for (int i = 0; i < count && !ep->closed; i++) {
+        uint64_t token = events[i].data.u64;
+        if (token == kMsgWakeToken) {
+            continue; /* only ever written when closing, which the loop checks */
+        }
+        if (token == kMsgListenToken) {
+            accept_pending(ep);
+            continue;
+        }
+        struct msg_conn* conn = msg_conn_find(ep, (uint32_t)token);
+        if (conn && !conn->paused && read_conn(ep, conn) != 0) {
+            msg_conn_drop(ep, conn);
+        }
+    }
+}
+
+/* One turn as leader: wait for the endpoint without its lock, then serve what came. */
+static void lead(struct msg_endpoint* ep, int timeoutMs) {
+    struct epoll_event events[kMaxEvents];
+    ep->leader = 1;
+    pthread_mutex_unlock(&ep->lock);
+    int count = epoll_wait(ep->wait_fd, events, kMaxEvents, timeoutMs);
+    pthread_mutex_lock(&ep->lock);
+    ep->leader = 0;
+    if (count > 0) {
+        serve_events(ep, events, count);
+    }
+    pthread_cond_broadcast(&ep->turn);
+}
+
+static void wait_turn(struct msg_endpoint* ep, int64_t deadline) {
+    if (deadline == kMsgForever) {
+        pthread_cond_wait(&ep->turn, &ep->lock);
+    } else {
+        struct timespec until = msg_deadline_timespec(deadline);
+        pthread_cond_timedwait(&ep->turn, &ep->lock, &until);
+    }
+}
+
+/* A RecvMsg caller that connected out and has lost every connection would wait for nothing. */
+static int orphaned(const struct msg_endpoint* ep) {
+    return ep->connected_out && !ep->conns;
+}
+
+static MSG_Msg* receive(const char* localName, int any, uint32_t id, int timeoutMs) {
+    struct msg_endpoint* ep;
+    if (msg_endpoint_lookup(localName, &ep) != MSG_OK) {
+        return NULL;
+    }
+    int64_t deadline = msg_deadline(timeoutMs);
+    int looked = 0; /* at least one look at the sockets, even with a zero time-out */
+    MSG_Msg* msg = NULL;
+    pthread_mutex_lock(&ep->lock);
+    while (!ep->closed) {
+        msg = take_queued(ep, any, id);
+        if (msg || (!any && orphaned(ep))) {
+            break;
+        }
+        int left = msg_remaining_ms(deadline);
+        if (left == 0 && (looked || ep->leader)) {
+            break;
+        }
+        if (ep->leader) {
+            wait_turn(ep, deadline);
+        } else {
+            lead(ep, left);
+            looked = 1;
+        }
+    }
+    pthread_mutex_unlock(&ep->lock);
+    msg_endpoint_put(ep);
+    return msg;
+}
+
+MSG_EXPORT MSG_Msg* MSG_RecvMsg(const char* localName, uint32_t msgId, int timeoutMs) {
+    return receive(localName, 0, msgId, timeoutMs);
+}
+
+MSG_EXPORT MSG_Msg* MSG_RecvAny(const char* localName, int timeoutMs) {
+    return receive(localName, 1, 0, timeoutMs);
+}
+
+static int make_poll_fd(struct msg_endpoint* ep) {
+    ep->pending_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    ep->poll_fd = epoll_create1(EPOLL_CLOEXEC);
+    struct epoll_event on_wait = {.events = EPOLLIN, .data.u64 = 0};
+    struct epoll_event on_pending = {.events = EPOLLIN, .data.u64 = 1};
+    if (ep->pending_fd < 0 || ep->poll_fd < 0 ||
+        epoll_ctl(ep->poll_fd, EPOLL_CTL_ADD, ep->wait_fd, &on_wait) != 0 ||
+        epoll_ctl(ep->poll_fd, EPOLL_CTL_ADD, ep->pending_fd, &on_pending) != 0) {
+        if (ep->pending_fd >= 0) {
+            close(ep->pending_fd);
+        }
+        if (ep->poll_fd >= 0) {
+            close(ep->poll_fd);
+        }
+        ep->pending_fd = ep->poll_fd = -1;
+        return -1;
+    }
+    signal_pending(ep, ep->queue_head != NULL);
+    return 0;
+}
+
+MSG_EXPORT int MSG_GetPollFd(const char* localName) {
+    struct msg_endpoint* ep;
+    if (msg_endpoint_lookup(localName, &ep) != MSG_OK) {
+        return -1;
+    }
+    pthread_mutex_lock(&ep->lock);
+    if (ep->poll_fd < 0 && !ep->closed) {
+        make_poll_fd(ep);
+    }
+    int fd = ep->closed ? -1 : ep->poll_fd;
+    pthread_mutex_unlock(&ep->lock);
+    msg_endpoint_put(ep);
+    return fd;
+}

@@ -1,0 +1,83 @@
+/* registry.c - the endpoints open in this process, found by name. */
+#include <string.h>
+
+#include "internal.h"
+#include "registry.h"
+
+static pthread_mutex_t registry_lock = PTHREAD_MUTEX_INITIALIZER;
+static struct msg_endpoint* registry_head;
+static char debug_name[MSG_MAX_NAME_BYTES + 1];
+
+void msg_registry_lock(void) {
+    pthread_mutex_lock(&registry_lock);
+}
+
+void msg_registry_unlock(void) {
+    pthread_mutex_unlock(&registry_lock);
+}
+
+struct msg_endpoint* msg_registry_find_locked(const char* name) {
+    for (struct msg_endpoint* ep = registry_head; ep; ep = ep->next) {
+        if (strcmp(ep->name, name) == 0) {
+            return ep;
+        }
+    }
+    return NULL;
+}
+
+void msg_registry_insert_locked(struct msg_endpoint* ep) {
+    ep->refs = 1;
+    ep->next = registry_head;
+    registry_head = ep;
+}
+
+struct msg_endpoint* msg_registry_remove_locked(const char* name) {
+    for (struct msg_endpoint** link = &registry_head; *link; link = &(*link)->next) {
+        struct msg_endpoint* ep = *link;
+        if (!name || strcmp(ep->name, name) == 0) {
+            *link = ep->next;
+            ep->next = NULL;
+            return ep;
+        }
+    }
+    return NULL;
+}
+
+struct msg_endpoint* msg_endpoint_get(const char* name) {
+    msg_registry_lock();
+    struct msg_endpoint* ep = msg_registry_find_locked(name);
+    if (ep) {
+        ep->refs++;
+    }
+    msg_registry_unlock();
+    return ep;
+}
+
+void msg_endpoint_put(struct msg_endpoint* ep) {
+    msg_registry_lock();
+    int last = --ep->refs == 0;
+    msg_registry_unlock();
+    if (last) {
+        msg_endpoint_free(ep);
+    }
+}
+
+int msg_endpoint_lookup(const char* name, struct msg_endpoint** ep) {
+    int status = msg_check_name(name);
+    if (status != MSG_OK) {
+        return status;
+    }
+    *ep = msg_endpoint_get(name);
+    return *ep ? MSG_OK : MSG_ERR_NOT_OPEN;
+}
+
+MSG_EXPORT int MSG_DebugSetName(const char* name) {
+    int status = msg_check_name(name);
+    if (status != MSG_OK) {
+        return status;
+    }
+    msg_registry_lock();
+    strcpy(debug_name, name);
+    msg_registry_unlock();
+    return MSG_OK;
+}

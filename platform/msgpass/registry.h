@@ -1,0 +1,16 @@
+/* registry.h - the list of open endpoints; every function here but the first two expects the
+ * registry lock held. */
+#ifndef MSGPASS_REGISTRY_H
+#define MSGPASS_REGISTRY_H
+
+#include "internal.h"
+
+void msg_registry_lock(void);
+void msg_registry_unlock(void);
+struct msg_endpoint* msg_registry_find_locked(const char* name);
+/* Adds `ep` holding the registry's reference. */
+void msg_registry_insert_locked(struct msg_endpoint* ep);
+/* Unlinks endpoint `name` (any endpoint for NULL) and hands over the registry's reference. */
+struct msg_endpoint* msg_registry_remove_locked(const char* name);
+
+#endif /* MSGPASS_REGISTRY_H */
