@@ -1,0 +1,148 @@
+#include "DeviceModel.h"
+
+#include <cstdlib>
+
+namespace configsrvc {
+
+namespace {
+
+struct RoleEntry {
+    int role;
+    const char* name;
+};
+
+constexpr RoleEntry kRoles[] = {
+    {kRoleUser, "kUser"},       {kRoleAdmin, "kAdmin"},
+    {kRoleSystem, "kSystem"},   {kRoleProvisioning, "kProvisioning"},
+    {kRoleStartup, "kStartup"},
+};
+
+// Instance 0 is what clients send when their user gave no number: it means the first.
+int32_t effectiveInstance(int32_t requested) {
+    return requested == 0 ? 1 : requested;
+}
+
+void appendStep(std::string* key, const std::string& name, int32_t instance) {
+    *key += name;
+    *key += '[';
+    *key += std::to_string(instance);
+    *key += "]/";
+}
+
+}  // namespace
+
+int roleFromName(const std::string& name) {
+    for (const auto& entry : kRoles) {
+        if (name == entry.name) {
+            return entry.role;
+        }
+    }
+    return 0;
+}
+
+const char* roleName(int role) {
+    for (const auto& entry : kRoles) {
+        if (role == entry.role) {
+            return entry.name;
+        }
+    }
+    return "";
+}
+
+const char* kindName(ValueKind kind) {
+    switch (kind) {
+        case ValueKind::kString:
+            return "string";
+        case ValueKind::kInteger:
+            return "integer";
+        case ValueKind::kBoolean:
+            return "boolean";
+        case ValueKind::kOption:
+            return "option";
+    }
+    return "";
+}
+
+DeviceModel::DeviceModel() = default;
+DeviceModel::~DeviceModel() = default;
+
+bool DeviceModel::resolve(const std::vector<PathStep>& path, ResolvedVariable* found) const {
+    if (path.empty() || path.size() > kMaxPathDepth) {
+        return false;
+    }
+    found->answered.clear();
+    found->key.clear();
+    const NodeDef* node = &root_;
+    for (size_t i = 0; i < path.size(); ++i) {
+        const PathStep& step = path[i];
+        auto child = node->childIndex.find(step.name);
+        if (child == node->childIndex.end()) {
+            return false;
+        }
+        int32_t instance = effectiveInstance(step.instance);
+        bool last = i + 1 == path.size();
+        if (child->second < 0) {  // a variable: it must end the path and has one instance
+            if (!last || instance != 1) {
+                return false;
+            }
+            found->variable = node->variables[~child->second].get();
+            found->answered.push_back({step.name, instance});
+            found->key += step.name;
+            return true;
+        }
+        const NodeDef* next = node->nodes[child->second].get();
+        if (last || instance < 1 || instance > next->instances) {
+            return false;
+        }
+        found->answered.push_back({step.name, instance});
+        appendStep(&found->key, step.name, instance);
+        node = next;
+    }
+    return false;
+}
+
+bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) const {
+    // Keys look like "net[1]/interface[2]/address"; names never hold '[', ']' or '/'.
+    std::vector<PathStep> path;
+    size_t pos = 0;
+    while (pos <= key.size()) {
+        size_t slash = key.find('/', pos);
+        std::string part = key.substr(pos, slash == std::string::npos ? slash : slash - pos);
+        PathStep step;
+        size_t open = part.find('[');
+        if (open == std::string::npos) {
+            step.name = part;
+        } else {
+            if (part.back() != ']' || open + 2 >= part.size()) {
+                return false;
+            }
+            step.name = part.substr(0, open);
+            std::string digits = part.substr(open + 1, part.size() - open - 2);
+            char* end = nullptr;
+            long number = std::strtol(digits.c_str(), &end, 10);
+            if (*end != '\0' || number < 1 || number > kMaxInstances) {
+                return false;
+            }
+            step.instance = static_cast<int32_t>(number);
+        }
+        path.push_back(step);
+        if (slash == std::string::npos) {
+            break;
+        }
+        pos = slash + 1;
+    }
+    return resolve(path, found) && found->key == key;
+}
+
+int DeviceModel::highestClaim(uid_t uid, uid_t serviceUid) const {
+    auto listed = claims_.maxByUid.find(uid);
+    if (listed != claims_.maxByUid.end()) {
+        return listed->second;
+    }
+    if (uid == 0 || uid == serviceUid) {
+        return kRoleStartup;
+    }
+    return claims_.othersMax;
+}
+
+}  // namespace configsrvc

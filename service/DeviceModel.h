@@ -1,0 +1,127 @@
+// DeviceModel: the variable tree a configuration service serves, as declared in a model file.
+//
+// A model is a tree of nodes. Each node may exist several times (its instance count) and holds
+// further nodes and variables. A variable is the leaf a client reads or writes: it has a value
+// kind, is single or a list, has default value(s), a read and a write level, and may need a
+// reboot to take effect once changed.
+//
+// Addressing: a client names a variable by the path of its nodes, each with an instance number,
+// ending with the variable itself. A node declared with N instances has the instances 1 to N;
+// the instance number 0 stands for instance 1, because clients send 0 when their user names no
+// instance. A variable has one instance, so its own number must be 0 or 1.
+//
+// The model is immutable once loaded and may be read from several threads.
+#ifndef CONFIGSRVC_DEVICE_MODEL_H
+#define CONFIGSRVC_DEVICE_MODEL_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace configsrvc {
+
+// Security roles, with the numbers and names they carry on the wire. Higher is more privileged.
+enum Role : int {
+    kRoleUser = 10,
+    kRoleAdmin = 20,
+    kRoleSystem = 30,
+    kRoleProvisioning = 40,
+    kRoleStartup = 50,
+};
+
+// The role named exactly `name` ("kUser" ... "kStartup"); 0 when there is none.
+int roleFromName(const std::string& name);
+// The name of a role number, or "" for a number that is no role.
+const char* roleName(int role);
+
+enum class ValueKind { kString, kInteger, kBoolean, kOption };
+
+const char* kindName(ValueKind kind);
+
+// Bounds that keep a request, and the memory of the service, finite whatever a model says.
+constexpr size_t kMaxValueBytes = 4096;  // longest single value
+constexpr size_t kMaxListCount = 256;    // most values of a list variable
+constexpr int kMaxInstances = 1000;      // most instances of a node
+constexpr size_t kMaxPathDepth = 16;     // most nodes on a path, variable included
+
+struct VariableDef {
+    std::string name;
+    ValueKind kind = ValueKind::kString;
+    bool isList = false;
+    int64_t minimum = INT64_MIN;        // integer only
+    int64_t maximum = INT64_MAX;        // integer only
+    size_t maxLength = 255;             // string only, in bytes
+    size_t minCount = 0;                // list only
+    size_t maxCount = 16;               // list only
+    std::vector<std::string> options;   // option only, in declaration order
+    std::vector<std::string> defaults;  // in canonical form
+    int readLevel = kRoleUser;
+    int writeLevel = kRoleAdmin;
+    bool rebootRequired = false;
+    int line = 0;  // where it is declared, for messages
+};
+
+struct NodeDef {
+    std::string name;
+    int instances = 1;
+    int line = 0;
+    std::vector<std::unique_ptr<NodeDef>> nodes;
+    std::vector<std::unique_ptr<VariableDef>> variables;
+    // Child name -> node (index >= 0) or variable (~index). Names are unique among siblings.
+    std::map<std::string, int> childIndex;
+};
+
+// Who may claim which role. Root and the service's own user may claim every role unless listed;
+// every other user may claim up to `othersMax` unless listed.
+struct ClaimPolicy {
+    int othersMax = kRoleAdmin;
+    std::map<uid_t, int> maxByUid;
+};
+
+// One element of a requested path.
+struct PathStep {
+    std::string name;
+    int32_t instance = 0;
+};
+
+// A variable found for a path, with the instance numbers it was found under (0 replaced by 1)
+// and the key its value is stored under, e.g. "net/interface[2]/address".
+struct ResolvedVariable {
+    const VariableDef* variable = nullptr;
+    std::vector<PathStep> answered;
+    std::string key;
+};
+
+class DeviceModel {
+  public:
+    DeviceModel();
+    virtual ~DeviceModel();
+
+    // Looks the path up. False when a name is unknown, an instance number is outside the node's
+    // instances, the path ends on a node or is empty.
+    bool resolve(const std::vector<PathStep>& path, ResolvedVariable* found) const;
+
+    // Looks up a storage key made by resolve(); false when the model has no such variable.
+    bool resolveKey(const std::string& key, ResolvedVariable* found) const;
+
+    // Highest role a process running as `uid` may claim, given the service's own uid.
+    int highestClaim(uid_t uid, uid_t serviceUid) const;
+
+    NodeDef& root() { return root_; }
+    const NodeDef& root() const { return root_; }
+    ClaimPolicy& claims() { return claims_; }
+    const ClaimPolicy& claims() const { return claims_; }
+
+  private:
+    NodeDef root_;
+    ClaimPolicy claims_;
+};
+
+}  // namespace configsrvc
+
+#endif  // CONFIGSRVC_DEVICE_MODEL_H

@@ -1,0 +1,26 @@
+// ValueCheck: whether a list of values fits a variable, and the canonical form it is kept in.
+#ifndef CONFIGSRVC_VALUE_CHECK_H
+#define CONFIGSRVC_VALUE_CHECK_H
+
+#include <string>
+#include <vector>
+
+#include "DeviceModel.h"
+
+namespace configsrvc {
+
+// Checks `values` against `variable`: the count (exactly one for a single variable, within
+// the bounds of a list), and each value against the kind (string length and UTF-8, integer
+// syntax and range, boolean spelling, option membership). On success stores the canonical
+// form in *canonical (integers in plain decimal, booleans as "true"/"false", other kinds as
+// given) and returns true; otherwise stores a reason a person can act on in *reason.
+bool checkValues(const VariableDef& variable, const std::vector<std::string>& values,
+                 std::vector<std::string>* canonical, std::string* reason);
+
+// Checks one value against the variable's kind, as above, without the count.
+bool checkValue(const VariableDef& variable, const std::string& value, std::string* canonical,
+                std::string* reason);
+
+}  // namespace configsrvc
+
+#endif  // CONFIGSRVC_VALUE_CHECK_H
