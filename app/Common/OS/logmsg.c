@@ -12,6 +12,9 @@
 enum { kDebugLevel = LOGMSG_LEVEL_DEBUG, kRawLevel = LOGMSG_LEVEL_RAW };
 
 static char app_name[LOGMSG_APP_NAME_SIZE];
+/* Kept apart from the name: when no name can be found, logmsg_init still
+ * initialises and records go out with an empty name. */
+static int initialised = 0;
 
 /* Each thread's partial line ("pCurLine"), created by logmsg_init. No destructor:
  * the buffers live as long as the process. */
@@ -41,6 +44,7 @@ void logmsg_init(int unused, const char* name) {
         }
     }
     pthread_key_create(&line_key, NULL);
+    initialised = 1;
     logmsg_open_device();
 }
 
@@ -134,7 +138,7 @@ static int emit_line(const char* line, size_t total) {
 }
 
 int va_logmsg(va_list args, int level, const char* module, const char* format) {
-    if (app_name[0] == '\0') {
+    if (!initialised) {
         complain_not_initialised();
         return 0;
     }

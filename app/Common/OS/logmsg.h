@@ -74,7 +74,8 @@ enum { LOGMSG_MAX_FILTERS = 10, LOGMSG_FILTER_SIZE = 370 };
  * ignored (callers pass 0). `app_name` (may be NULL) becomes the identity in
  * every header, cut to 39 characters; when it is NULL or empty and no name was
  * set before, the program's base name from /proc is used, and if even that
- * fails a warning goes to standard error and headers carry an empty name.
+ * fails a warning goes to standard error and headers carry an empty name
+ * ("<3>: text").
  * Opens the log device; on failure records are printed on standard output
  * until a later reopen succeeds. Every call creates a new partial-line key,
  * abandoning partial lines of earlier calls.
