@@ -1,0 +1,77 @@
+#include "MsgEndpoint.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "LogStream.h"
+#include "msgpass.h"
+
+namespace {
+// libmsgpass's answer when there was no local endpoint left to close: nothing went wrong.
+const int kNothingToClose = 302;
+}  // namespace
+
+MsgEndpoint::MsgEndpoint() : localName("setvane-"), remoteName("ConfigSrvc"), remoteAddress(0) {
+    localName += std::to_string(getpid());
+
+    LogStream& log = LogStream::instance();
+    int status = MSG_DebugSetName(localName.c_str());
+    if (status != 0) {
+        log << "MSG_DebugSetName() failed " << status << '\n';
+    }
+    status = MSG_OpenLocal(localName.c_str());
+    if (status != 0) {
+        log << "MSG_OpenLocal() failed " << status << '\n';
+        std::exit(1);
+    }
+    status =
+        MSG_OpenRemoteSync(localName.c_str(), remoteName.c_str(), kConnectTimeout, &remoteAddress);
+    if (status != 0) {
+        log << "MSG_OpenRemoteSync() failed " << status << '\n';
+        std::exit(1);
+    }
+}
+
+MsgEndpoint::~MsgEndpoint() {
+    const int status = MSG_CloseLocal(nullptr);
+    if (status != 0 && status != kNothingToClose) {
+        LogStream::instance() << "MSG_CloseLocal() failed " << status << '\n';
+    }
+}
+
+int MsgEndpoint::send(uint32_t msgId, const google::protobuf::Message& message) {
+    const int size = static_cast<int>(message.ByteSizeLong());
+    MSG_Msg* handle = MSG_AllocMsg(msgId, 0, static_cast<uint32_t>(size));
+    if (handle == nullptr) {
+        LogStream::instance() << "MSG_AllocMsg() failed\n";
+        return -1;
+    }
+    if (!message.SerializeToArray(MSG_GetPayloadMutable(handle), size)) {
+        LogStream::instance() << "SerializeToArray() failed\n";
+        MSG_ReleaseMsg(handle);
+        return -1;
+    }
+    // From here on the handle is the library's, whatever MSG_SendMsg answers.
+    const int status = MSG_SendMsg(localName.c_str(), remoteAddress, handle);
+    if (status != 0) {
+        LogStream::instance() << "MSG_SendMsg() failed " << status << '\n';
+    }
+    return status;
+}
+
+int MsgEndpoint::receive(uint32_t msgId, google::protobuf::Message& message) {
+    MSG_Msg* handle = MSG_RecvMsg(localName.c_str(), msgId, kReceiveTimeout);
+    if (handle == nullptr) {
+        LogStream::instance() << "MSG_RecvMsg() failed\n";
+        return -1;
+    }
+    const void* payload = MSG_GetPayload(handle);
+    const int payloadBytes = MSG_GetPayloadBytes(handle);
+    const bool parsed = message.ParseFromArray(payload, payloadBytes);
+    if (!parsed) {
+        LogStream::instance() << "ParseFromArray() failed\n";
+    }
+    MSG_ReleaseMsg(handle);
+    return parsed ? 0 : -1;
+}
