@@ -33,6 +33,9 @@
  * until it is given to MSG_ReleaseMsg, or to MSG_SendMsg: from that call on it belongs to the
  * library whatever the status, and the caller must not touch it again.
  *
+ * Processes: an endpoint belongs to the process that opened it. A child made by fork() starts
+ * with no endpoint open; the parent's stay the parent's.
+ *
  * Threads: every function may be called from several threads of one process at once; a service
  * may receive on one thread and reply from another. The library starts no threads of its own,
  * installs no signal handlers and never raises SIGPIPE.
@@ -161,7 +164,7 @@ int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
 
 /* A descriptor that becomes readable when MSG_RecvAny on `localName` may have something to
  * return, for use in a caller's poll loop; -1 when the endpoint is not open. The descriptor
- * stays owned by the library. */
+ * stays owned by the library and is closed with the endpoint. */
 int MSG_GetPollFd(const char* localName);
 
 #ifdef __cplusplus

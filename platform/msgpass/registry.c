@@ -1,5 +1,6 @@
 /* registry.c - the endpoints open in this process, found by name. */
 #include <string.h>
+#include <unistd.h>
 
 #include "internal.h"
 #include "registry.h"
@@ -80,4 +81,33 @@ MSG_EXPORT int MSG_DebugSetName(const char* name) {
     strcpy(debug_name, name);
     msg_registry_unlock();
     return MSG_OK;
+}
+
+static void close_quietly(int fd) {
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+/* In a child made by fork() the parent's endpoints are copies whose other threads are gone:
+ * their locks may be held for ever. Forget them, closing only our copies of the descriptors
+ * (the parent's sockets live on), and leave the memory, which nothing may safely touch. */
+static void forget_endpoints_after_fork(void) {
+    pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
+    registry_lock = fresh;
+    for (struct msg_endpoint* ep = registry_head; ep; ep = ep->next) {
+        for (struct msg_conn* conn = ep->conns; conn; conn = conn->next) {
+            close_quietly(conn->fd);
+        }
+        close_quietly(ep->listen_fd);
+        close_quietly(ep->wait_fd);
+        close_quietly(ep->wake_fd);
+        close_quietly(ep->poll_fd);
+        close_quietly(ep->pending_fd);
+    }
+    registry_head = NULL;
+}
+
+__attribute__((constructor)) static void install_fork_handler(void) {
+    pthread_atfork(NULL, NULL, forget_endpoints_after_fork);
 }
