@@ -41,6 +41,7 @@ class Parser {
 
     bool checkAttributes(const pugi::xml_node& element, const Names& known);
     bool checkChildren(const pugi::xml_node& element, const Names& known);
+    bool checkTextOnly(const pugi::xml_node& element);
     bool readName(const pugi::xml_node& element, std::string* name);
     bool readInteger(const pugi::xml_node& element, const char* attribute, long long low,
                      long long high, long long* value);
@@ -108,6 +109,20 @@ bool Parser::checkChildren(const pugi::xml_node& element, const Names& known) {
             return std::strcmp(name, child.name()) == 0;
         });
         if (!isKnown) {
+            return fail(child, std::string("unknown element <") + child.name() + "> in <" +
+                                   element.name() + ">");
+        }
+    }
+    return true;
+}
+
+// <default> and <option> hold a value as their text and nothing else.
+bool Parser::checkTextOnly(const pugi::xml_node& element) {
+    if (!checkAttributes(element, {})) {
+        return false;
+    }
+    for (const pugi::xml_node& child : element.children()) {
+        if (child.type() == pugi::node_element) {
             return fail(child, std::string("unknown element <") + child.name() + "> in <" +
                                    element.name() + ">");
         }
@@ -279,6 +294,9 @@ bool Parser::parseKindDetails(const pugi::xml_node& element, VariableDef* var) {
             break;
         case ValueKind::kOption:
             for (const pugi::xml_node& option : element.children("option")) {
+                if (!checkTextOnly(option)) {
+                    return false;
+                }
                 std::string value = option.text().get();
                 if (value.empty() || value.size() > kMaxValueBytes) {
                     return fail(option, "an option needs a text of 1 to " +
@@ -324,7 +342,7 @@ bool Parser::parseDefaults(const pugi::xml_node& element, VariableDef* var) {
                                      "' takes its defaults as <default> elements");
         }
         for (const pugi::xml_node& entry : element.children("default")) {
-            if (!checkAttributes(entry, {}) || !checkChildren(entry, {})) {
+            if (!checkTextOnly(entry)) {
                 return false;
             }
             given.push_back(entry.text().get());
