@@ -5,10 +5,12 @@
 //   init NAME | log LEVEL MODULE FORMAT ARG | crit|err|warn|info|debug MODULE FORMAT ARG
 //   printf|print|raw FORMAT ARG | sink RECORD LENGTH | device ON | mkdev | closestdin
 //   show+|show-|cull+|cull- FILTER | show?|cull? | showget|cullget INDEX
-//   strlcpy SRC SIZE | accessors | threads COUNT RECORDS | shared N | failalloc
+//   strlcpy SRC SIZE | accessors | threads COUNT RECORDS | dlopen LIBRARY N
+//   failalloc
 //
 // "-" stands for a null NAME, MODULE or FORMAT and for "no argument"; ARG is
 // "i:<int>" or "s:<text>".
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
@@ -23,7 +25,6 @@
 
 #include "logmsg.h"
 
-extern "C" void probe_shared_say(int n);
 extern "C" int probe_fail_line_alloc(void);
 
 namespace {
@@ -74,6 +75,18 @@ void makeDevice() {
     int fd = open(std::getenv("LOGMSG_TEST_DEVICE"), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (fd >= 0)
         close(fd);
+}
+
+// Calls probe_shared_say from a library loaded at run time, which reaches the
+// logging library only through what the program exports.
+void sayFromLoadedLibrary(const char* path, int n) {
+    void* library = dlopen(path, RTLD_NOW);
+    void* say = library != nullptr ? dlsym(library, "probe_shared_say") : nullptr;
+    if (say == nullptr) {
+        std::fprintf(stderr, "dlopen failed: %s\n", dlerror());
+        std::exit(3);
+    }
+    reinterpret_cast<void (*)(int)>(say)(n);
 }
 
 void showStrlcpy(const char* src, int size) {
@@ -130,7 +143,7 @@ const Command kCommands[] = {
      [](char** a) { std::fprintf(stderr, "[%s]\n", logmsg_get_cull_filter(std::atoi(a[0]))); }},
     {"strlcpy", 2, [](char** a) { showStrlcpy(a[0], std::atoi(a[1])); }},
     {"threads", 2, [](char** a) { logFromThreads(std::atoi(a[0]), std::atoi(a[1])); }},
-    {"shared", 1, [](char** a) { probe_shared_say(std::atoi(a[0])); }},
+    {"dlopen", 2, [](char** a) { sayFromLoadedLibrary(a[0], std::atoi(a[1])); }},
     {"failalloc", 0,
      [](char**) {
          if (!probe_fail_line_alloc())

@@ -433,10 +433,11 @@ TEST(LogmsgThreads, PartialLinesOfThreadsNeverMix) {
     EXPECT_EQ(records, expected);
 }
 
-TEST(LogmsgPrintf, SharedLibrariesLogThroughIt) {
-    ProbeRun run = runProbe(initSetvane({"shared", "42"}));
-    EXPECT_EQ(run.device, "<7>setvane: shared 42");
+TEST(LogmsgPrintf, LoadedLibrariesLogThroughIt) {
+    ProbeRun run = runProbe(initSetvane({"dlopen", LOGMSG_LOADABLE_PATH, "43"}));
+    EXPECT_EQ(run.device, "<7>setvane: shared- 43");
     EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "");
 }
 
 TEST(LogmsgAbort, MissingLineBufferAbortsWithItsAssertion) {
