@@ -11,8 +11,8 @@ foreach(lang C CXX)
                              "${CMAKE_${lang}_FLAGS_${config}}")
     endforeach()
 endforeach()
-set(CMAKE_C_FLAGS_RELEASE "-O2" CACHE STRING "" FORCE)
-set(CMAKE_CXX_FLAGS_RELEASE "-O2" CACHE STRING "" FORCE)
+set(CMAKE_C_FLAGS_RELEASE "-O2")
+set(CMAKE_CXX_FLAGS_RELEASE "-O2")
 add_compile_options(-UNDEBUG)
 
 # Warnings for our own code. Generated code gets its own, quieter settings in its target.
