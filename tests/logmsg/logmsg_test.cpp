@@ -61,10 +61,14 @@ ProbeRun runProbe(const Steps& steps, Device device = Device::kPresent,
         argv.push_back(const_cast<char*>(step.c_str()));
     argv.push_back(nullptr);
     const std::string device_env = "LOGMSG_TEST_DEVICE=" + device_path;
-    std::vector<char*> envp{const_cast<char*>(device_env.c_str())};
+    const std::string leak_env = "LSAN_OPTIONS=suppressions=" LOGMSG_LSAN_SUPPRESSIONS;
+    std::vector<char*> envp{const_cast<char*>(device_env.c_str()),
+                            const_cast<char*>(leak_env.c_str())};
     for (char** var = environ; *var != nullptr; var++) {
-        if (std::strncmp(*var, "LOGMSG_TEST_DEVICE=", 19) != 0)
+        if (std::strncmp(*var, "LOGMSG_TEST_DEVICE=", 19) != 0 &&
+            std::strncmp(*var, "LSAN_OPTIONS=", 13) != 0) {
             envp.push_back(*var);
+        }
     }
     envp.push_back(nullptr);
 
