@@ -3,9 +3,9 @@
 // "ret <n>"; the library owns standard output and the device.
 //
 //   init NAME | log LEVEL MODULE FORMAT ARG | crit|err|warn|info|debug MODULE FORMAT ARG
-//   printf|print|raw FORMAT ARG | sink RECORD LENGTH | device ON | mkdev | closestdin
+//   printf|print|raw FORMAT ARG | sink RECORD LENGTH | device ON | mkdev
 //   show+|show-|cull+|cull- FILTER | show?|cull? | showget|cullget INDEX
-//   strlcpy SRC SIZE | accessors | threads COUNT RECORDS | dlopen LIBRARY N
+//   strlcpy SRC SIZE | threads COUNT RECORDS | dlopen LIBRARY N
 //   failalloc
 //
 // "-" stands for a null NAME, MODULE or FORMAT and for "no argument"; ARG is
@@ -130,7 +130,6 @@ const Command kCommands[] = {
     {"sink", 2, [](char** a) { logmsg_sink(a[0], std::atoi(a[1])); }},
     {"device", 1, [](char** a) { logmsg_set_use_device(std::atoi(a[0])); }},
     {"mkdev", 0, [](char**) { makeDevice(); }},
-    {"closestdin", 0, [](char**) { close(0); }},
     {"show+", 1, [](char** a) { report(logmsg_add_show_filter(a[0])); }},
     {"show-", 1, [](char** a) { report(logmsg_remove_show_filter(a[0])); }},
     {"show?", 0, [](char**) { report(logmsg_list_show_filters()); }},
@@ -148,12 +147,6 @@ const Command kCommands[] = {
      [](char**) {
          if (!probe_fail_line_alloc())
              std::exit(77);  // not available in this build
-     }},
-    {"accessors", 0,
-     [](char**) {
-         std::fprintf(stderr, "a %d b %d device %d max %d name [%s]\n", logmsg_get_setting_a(),
-                      logmsg_get_setting_b(), logmsg_get_use_device(), logmsg_max_filters(),
-                      logmsg_get_app_name());
      }},
 };
 

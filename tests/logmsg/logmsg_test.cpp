@@ -8,9 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -155,12 +153,7 @@ TEST(LogmsgRecord, AssemblesHeadersAndLines) {
          {"err", "-", "x\r\n", "-"},
          "<3>setvane: x",
          rets({13})},
-        {"only one newline is trimmed", {"err", "-", "x\n\n", "-"}, "<3>setvane: x\n", rets({14})},
         {"raw records have no header", {"raw", "plain %d\n", "i:7"}, "plain 7", rets({7})},
-        {"raw partial line continued by printf",
-         {"raw", "r", "-", "printf", "s\n", "-"},
-         "rs",
-         rets({1, 2})},
         {"module in the header",
          {"log", "6", "net", "up\n", "-"},
          "<6>setvane: net: up",
@@ -170,36 +163,31 @@ TEST(LogmsgRecord, AssemblesHeadersAndLines) {
          {"device", "0", "err", "-", "x\n", "-"},
          "",
          rets({13})},
-        {"records follow each other",
-         {"err", "-", "a\n", "-", "warn", "-", "b\n", "-"},
-         "<3>setvane: a<4>setvane: b",
-         rets({13, 13})},
     });
 }
 
 TEST(LogmsgRecord, NormalisesLevels) {
-    const std::map<std::string, std::string> expected_by_level = {
-        {"9", "<7>setvane: m"}, {"-1", "<7>setvane: m"},
-        {"8", "<7>setvane: m"}, {"100", "<7>setvane: m"},
-        {"101", "m"},           {"0", "<0>setvane: m"},
-        {"5", "<5>setvane: m"}, {"2", "<2>setvane: m"},
+    const std::vector<std::pair<Steps, std::string>> calls = {
+        {{"log", "9", "-", "m\n", "-"}, "<7>"},
+        {{"log", "-1", "-", "m\n", "-"}, "<7>"},
+        {{"log", "8", "-", "m\n", "-"}, "<7>"},
+        {{"log", "100", "-", "m\n", "-"}, "<7>"},
+        {{"log", "101", "-", "m\n", "-"}, ""},
+        {{"log", "0", "-", "m\n", "-"}, "<0>"},
+        {{"log", "5", "-", "m\n", "-"}, "<5>"},
+        {{"crit", "-", "m\n", "-"}, "<2>"},
+        {{"err", "-", "m\n", "-"}, "<3>"},
+        {{"warn", "-", "m\n", "-"}, "<4>"},
+        {{"info", "-", "m\n", "-"}, "<6>"},
+        {{"debug", "-", "m\n", "-"}, "<7>"},
+        {{"print", "m\n", "-"}, "<7>"},
+        {{"printf", "m\n", "-"}, "<7>"},
+        {{"raw", "m\n", "-"}, ""},
     };
-    for (const auto& [level, expected] : expected_by_level) {
-        SCOPED_TRACE("level " + level);
-        EXPECT_EQ(runProbe(initSetvane({"log", level, "-", "m\n", "-"})).device, expected);
-    }
-}
-
-TEST(LogmsgRecord, EntriesUseTheirLevels) {
-    const std::vector<std::pair<Steps, std::string>> entries = {
-        {{"crit", "-", "m\n", "-"}, "<2>setvane: m"},  {{"err", "-", "m\n", "-"}, "<3>setvane: m"},
-        {{"warn", "-", "m\n", "-"}, "<4>setvane: m"},  {{"info", "-", "m\n", "-"}, "<6>setvane: m"},
-        {{"debug", "-", "m\n", "-"}, "<7>setvane: m"}, {{"print", "m\n", "-"}, "<7>setvane: m"},
-        {{"printf", "m\n", "-"}, "<7>setvane: m"},     {{"raw", "m\n", "-"}, "m"},
-    };
-    for (const auto& [steps, expected] : entries) {
-        SCOPED_TRACE(steps[0]);
-        EXPECT_EQ(runProbe(initSetvane(steps)).device, expected);
+    for (const auto& [steps, level] : calls) {
+        SCOPED_TRACE(steps[0] + " " + steps[1]);
+        const std::string name = level.empty() ? "" : "setvane: ";
+        EXPECT_EQ(runProbe(initSetvane(steps)).device, level + name + "m");
     }
 }
 
@@ -216,7 +204,6 @@ TEST(LogmsgRecord, CutsAtLineBufferSize) {
          {"printf", "%s\n", "s:" + std::string(room, 'x')},
          cut,
          rets({2048})},
-        {"far too long", {"printf", "%s\n", "s:" + std::string(3000, 'x')}, cut, rets({2048})},
         {"partial line cut, then completed",
          {"printf", "%s", "s:" + std::string(2100, 'x'), "printf", "y\n", "-"},
          cut,
@@ -253,13 +240,6 @@ TEST(LogmsgInit, ComplainsWhenLoggingBeforeInit) {
     EXPECT_EQ(run.err, complaint + "ret 0\n" + complaint + "ret 0\n");
     EXPECT_EQ(run.device, "");
     EXPECT_EQ(run.out, "");
-}
-
-TEST(LogmsgInit, AccessorsStartAtTheirDefaults) {
-    ProbeRun run = runProbe({"accessors", "init", "setvane", "accessors"});
-    EXPECT_EQ(run.err,
-              "a 0 b 8 device 1 max 10 name []\n"
-              "a 0 b 8 device 1 max 10 name [setvane]\n");
 }
 
 TEST(LogmsgSink, PrintsOnStdoutWhileDeviceIsAbsent) {
@@ -300,15 +280,6 @@ TEST(LogmsgSink, RecoversWhenTheDeviceAppears) {
     EXPECT_EQ(run.device, "<4>setvane: two<4>setvane: three");
 }
 
-TEST(LogmsgSink, NeverWritesToDescriptorZero) {
-    // With standard input closed the device opens as descriptor 0, which the
-    // library treats as never opened.
-    ProbeRun run = runProbe({"closestdin", "init", "setvane", "err", "-", "x\n", "-"});
-    EXPECT_EQ(run.device, "");
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, rets({13}));
-}
-
 Steps fillTable(const std::string& add, int count) {
     Steps steps;
     for (int i = 0; i < count; i++) {
@@ -329,8 +300,6 @@ TEST(LogmsgFilter, FiltersRecords) {
     expectCases({
         {"show table full at the 11th", fillTable("show+", 11), "", retZeros(10) + rets({-1}),
          "\"f10\" show filter not added, table full\n"},
-        {"cull table full at the 11th", fillTable("cull+", 11), "", retZeros(10) + rets({-1}),
-         "\"f10\" cull filter not added, table full\n"},
         {"show matching is case-sensitive",
          {"show+", "ERROR", "err", "-", "error here\n", "-", "err", "-", "ERROR here\n", "-"},
          "<3>setvane: ERROR here",
@@ -352,11 +321,6 @@ TEST(LogmsgFilter, FiltersRecords) {
          {"show+", "", "err", "-", "a\n", "-", "show-", "*", "err", "-", "b\n", "-"},
          "<3>setvane: b",
          rets({0, 14, 0, 13})},
-        {"an empty show filter suppresses everything and lists nothing",
-         {"show+", "", "err", "-", "x\n", "-", "show?"},
-         "",
-         rets({0, 14, 0}),
-         "show filters:\n"},
         {"removing an empty filter lowers the count and removes nothing",
          {"show+", "abc", "show-", "", "err", "-", "xyz\n", "-", "show?"},
          "<3>setvane: xyz",
@@ -371,10 +335,6 @@ TEST(LogmsgFilter, FiltersRecords) {
          {"cull+", "secret", "err", "-", "a secret\n", "-", "err", "-", "a SECRET\n", "-"},
          "<3>setvane: a SECRET",
          rets({0, 21, 20})},
-        {"cull removal ignores case",
-         {"cull+", "secret", "cull-", "SECRET", "err", "-", "secret\n", "-"},
-         "<3>setvane: secret",
-         rets({0, 0, 18})},
         {"show and cull together",
          {"show+", "net", "cull+", "debug", "err", "-", "net up\n", "-", "err", "-", "net debug\n",
           "-", "err", "-", "disk\n", "-"},
@@ -400,7 +360,6 @@ TEST(LogmsgFilter, FiltersRecords) {
 TEST(LogmsgStrlcpy, CopiesBoundedAndReturnsSourceLength) {
     const std::vector<std::tuple<std::string, std::string, std::string>> copies = {
         {"hello", "16", "ret 5 dst hello\n"},
-        {"hello", "6", "ret 5 dst hello\n"},
         {"hello", "5", "ret 5 dst hell\n"},
         {"hello", "1", "ret 5 dst \n"},
         {"hello", "0", "ret 5 dst XXXXXXXXXXXXXXX\n"},

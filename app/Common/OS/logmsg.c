@@ -58,7 +58,9 @@ static int normalise_level(int level) {
 
 /* The thread's partial line, created on first use. A thread that cannot have
  * one cannot log partial lines at all, so this aborts with the assertion text
- * the library has always shown for it. */
+ * the library has always shown for it. The failure is reported directly rather
+ * than through assert(), so that its text does not depend on where it sits in
+ * this file and the check cannot be compiled out. */
 static char* pending_line_or_abort(void) {
     char* pending = pthread_getspecific(line_key);
     if (pending == NULL) {
