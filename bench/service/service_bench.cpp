@@ -1,0 +1,342 @@
+// Throughput and latency of configsrvc with 1, 8 and 32 concurrent clients talking libmsgpass
+// directly, beside the cost of one fsync on the same disk, measured in the same run.
+//
+//   configsrvc_bench [--rounds N] [--seconds S] [--dir DIR]
+//
+// The service's state and the fsync probe both live under DIR (default: a fresh folder in
+// /tmp). The one-client runs pin the service and this program to CPU 0, so the latency measured
+// is the service's and not the scheduler's.
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Common/protobuf/v3/configservice.pb.h"
+#include "msgpass.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint32_t kReadReqMsgId = 0x001A0000;
+constexpr uint32_t kReadRspMsgId = 0x001A0041;
+constexpr uint32_t kWriteReqMsgId = 0x001A0080;
+constexpr uint32_t kWriteRspMsgId = 0x001A0191;
+
+struct Settings {
+    int rounds = 5;
+    double seconds = 0.5;
+    std::string dir;
+};
+
+double median(std::vector<double> values) {
+    if (values.empty()) {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+double percentile(std::vector<double>& sorted, double p) {
+    if (sorted.empty()) {
+        return 0;
+    }
+    size_t index = static_cast<size_t>(p * static_cast<double>(sorted.size() - 1));
+    return sorted[index];
+}
+
+// Median time of writing a small block and fdatasync-ing it, in milliseconds.
+double fsyncCostMs(const std::string& dir, int samples) {
+    std::string path = dir + "/fsync-probe";
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) {
+        return -1;
+    }
+    char block[512] = {};
+    std::vector<double> times;
+    for (int i = 0; i < samples; ++i) {
+        auto start = Clock::now();
+        if (pwrite(fd, block, sizeof block, (i % 64) * 512) < 0 || fdatasync(fd) != 0) {
+            close(fd);
+            return -1;
+        }
+        times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+    }
+    close(fd);
+    unlink(path.c_str());
+    return median(times);
+}
+
+void pinToCpu0(pid_t pid) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(0, &set);
+    sched_setaffinity(pid, sizeof set, &set);
+}
+
+void unpin() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        CPU_SET(cpu, &set);
+    }
+    sched_setaffinity(0, sizeof set, &set);
+}
+
+pid_t startService(const std::string& state, bool pinned) {
+    std::vector<std::string> argv = {CONFIGSRVC_BIN, "--model", EXAMPLE_MODEL, "--state", state};
+    if (pinned) {
+        argv.insert(argv.begin(), {"/usr/bin/taskset", "-c", "0"});
+    }
+    std::vector<char*> args;
+    for (std::string& arg : argv) {
+        args.push_back(arg.data());
+    }
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) != 0) {
+        pid = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+class Client {
+  public:
+    explicit Client(const std::string& name) : name_(name) {
+        ok_ = MSG_OpenLocal(name_.c_str()) == MSG_OK &&
+              MSG_OpenRemoteSync(name_.c_str(), "ConfigSrvc", 5000, &address_) == MSG_OK;
+    }
+    virtual ~Client() { MSG_CloseLocal(name_.c_str()); }
+    bool ok() const { return ok_; }
+
+    // One request/response; false on any failure or error answer.
+    bool call(uint32_t id, const std::string& payload, uint32_t answerId, bool isWrite) {
+        MSG_Msg* request = MSG_AllocMsg(id, 0, static_cast<uint32_t>(payload.size()));
+        if (request == nullptr) {
+            return false;
+        }
+        std::memcpy(MSG_GetPayloadMutable(request), payload.data(), payload.size());
+        if (MSG_SendMsg(name_.c_str(), address_, request) != MSG_OK) {
+            return false;
+        }
+        MSG_Msg* reply = MSG_RecvMsg(name_.c_str(), answerId, 10000);
+        if (reply == nullptr) {
+            return false;
+        }
+        bool good;
+        if (isWrite) {
+            ConfigIF::WriteRsp response;
+            good = response.ParseFromArray(MSG_GetPayload(reply), MSG_GetPayloadBytes(reply)) &&
+                   response.ret_message().error() == CommonIF::kErrNoError;
+        } else {
+            ConfigIF::ReadRsp response;
+            good = response.ParseFromArray(MSG_GetPayload(reply), MSG_GetPayloadBytes(reply)) &&
+                   response.error() == CommonIF::kErrNoError;
+        }
+        MSG_ReleaseMsg(reply);
+        return good;
+    }
+
+  private:
+    std::string name_;
+    uint32_t address_ = 0;
+    bool ok_ = false;
+};
+
+std::string readRequest() {
+    ConfigIF::ReadReq request;
+    request.set_name("bench");
+    request.set_role(CommonIF::kUser);
+    ConfigIF::Node* node = request.mutable_instance()->add_node();
+    node->set_name("audio");
+    node->set_instance(0);
+    node = request.mutable_instance()->add_node();
+    node->set_name("volume");
+    node->set_instance(0);
+    return request.SerializeAsString();
+}
+
+// Client c writes network/interface/dns of instance c % 3 + 1 with values of its own.
+std::string writeRequest(int client, int i) {
+    ConfigIF::WriteReq request;
+    request.set_name("bench");
+    request.set_role(CommonIF::kAdmin);
+    ConfigIF::Inst* inst = request.mutable_instance_val()->mutable_instance();
+    const std::pair<const char*, int> path[] = {
+        {"network", 0}, {"interface", client % 3 + 1}, {"dns", 0}};
+    for (const auto& step : path) {
+        ConfigIF::Node* node = inst->add_node();
+        node->set_name(step.first);
+        node->set_instance(step.second);
+    }
+    request.mutable_instance_val()->add_value("c" + std::to_string(client) + "-" +
+                                              std::to_string(i));
+    return request.SerializeAsString();
+}
+
+struct Result {
+    double perSecond;
+    std::vector<double> latenciesMs;
+    long failures;
+};
+
+Result measure(int clients, bool writes, double seconds) {
+    std::vector<std::vector<double>> latencies(clients);
+    std::atomic<long> failures{0};
+    std::atomic<bool> go{false};
+    std::atomic<bool> stop{false};
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    std::string read = readRequest();
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, c] {
+            Client client("bench-" + std::to_string(getpid()) + "-" + std::to_string(c));
+            ++ready;
+            if (!client.ok()) {
+                ++failures;
+                return;
+            }
+            while (!go) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; !stop; ++i) {
+                std::string payload = writes ? writeRequest(c, i) : read;
+                auto start = Clock::now();
+                bool ok = client.call(writes ? kWriteReqMsgId : kReadReqMsgId, payload,
+                                      writes ? kWriteRspMsgId : kReadRspMsgId, writes);
+                latencies[c].push_back(
+                    std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+                failures += ok ? 0 : 1;
+            }
+        });
+    }
+    while (ready < clients) {
+        std::this_thread::yield();
+    }
+    auto start = Clock::now();
+    go = true;
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    Result result{0, {}, failures};
+    for (auto& own : latencies) {
+        result.latenciesMs.insert(result.latenciesMs.end(), own.begin(), own.end());
+    }
+    result.perSecond = static_cast<double>(result.latenciesMs.size()) / elapsed;
+    return result;
+}
+
+bool waitForService() {
+    Client probe("bench-probe-" + std::to_string(getpid()));
+    return probe.ok();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Settings settings;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::string option = argv[i];
+        if (option == "--rounds") {
+            settings.rounds = std::max(1, std::atoi(argv[i + 1]));
+        } else if (option == "--seconds") {
+            settings.seconds = std::max(0.1, std::atof(argv[i + 1]));
+        } else if (option == "--dir") {
+            settings.dir = argv[i + 1];
+        }
+    }
+    bool ownDir = settings.dir.empty();
+    if (ownDir) {
+        char pattern[] = "/tmp/configsrvc-bench-XXXXXX";
+        settings.dir = mkdtemp(pattern) ? pattern : "/tmp";
+    }
+    std::string endpoints = settings.dir + "/ep";
+    mkdir(endpoints.c_str(), 0755);
+    setenv("MSGPASS_DIR", endpoints.c_str(), 1);
+    signal(SIGPIPE, SIG_IGN);
+
+    double fsyncMs = fsyncCostMs(settings.dir, 200);
+    std::printf("fsync (512 bytes + fdatasync) on %s: median %.3f ms\n\n", settings.dir.c_str(),
+                fsyncMs);
+    std::printf("%-6s %-8s %12s %9s %9s %9s   (%d rounds of %.1f s; median rate)\n", "op",
+                "clients", "per second", "p50 ms", "p90 ms", "p99 ms", settings.rounds,
+                settings.seconds);
+
+    double reads8 = 0;
+    double writeP50One = 0;
+    double writes32 = 0;
+    long failures = 0;
+    for (int clients : {1, 8, 32}) {
+        bool pinned = clients == 1;
+        std::string state = settings.dir + "/state-" + std::to_string(clients);
+        pid_t service = startService(state, pinned);
+        if (service < 0 || !waitForService()) {
+            std::fprintf(stderr, "configsrvc did not start\n");
+            return 1;
+        }
+        if (pinned) {
+            pinToCpu0(0);
+        }
+        for (bool writes : {false, true}) {
+            std::vector<double> rates;
+            std::vector<double> all;
+            for (int round = 0; round < settings.rounds; ++round) {
+                Result result = measure(clients, writes, settings.seconds);
+                rates.push_back(result.perSecond);
+                all.insert(all.end(), result.latenciesMs.begin(), result.latenciesMs.end());
+                failures += result.failures;
+            }
+            std::sort(all.begin(), all.end());
+            double rate = median(rates);
+            std::printf("%-6s %-8d %12.0f %9.3f %9.3f %9.3f\n", writes ? "write" : "read", clients,
+                        rate, percentile(all, 0.5), percentile(all, 0.9), percentile(all, 0.99));
+            if (!writes && clients == 8) {
+                reads8 = rate;
+            } else if (writes && clients == 1) {
+                writeP50One = percentile(all, 0.5);
+            } else if (writes && clients == 32) {
+                writes32 = rate;
+            }
+        }
+        unpin();
+        kill(service, SIGTERM);
+        waitpid(service, nullptr, 0);
+    }
+
+    std::printf("\ntargets:\n");
+    std::printf("  reads/s with 8 clients        %10.0f  >= 50000        %s\n", reads8,
+                reads8 >= 50000 ? "met" : "NOT MET");
+    std::printf("  write p50 with 1 client (ms)  %10.3f  <= %.3f + 0.5  %s\n", writeP50One, fsyncMs,
+                writeP50One <= fsyncMs + 0.5 ? "met" : "NOT MET");
+    std::printf("  writes/s with 32 clients      %10.0f  >= 2000         %s\n", writes32,
+                writes32 >= 2000 ? "met" : "NOT MET");
+    std::printf("  failed requests               %10ld\n", failures);
+    if (ownDir) {
+        std::error_code ignored;
+        std::filesystem::remove_all(settings.dir, ignored);
+    }
+    return failures == 0 ? 0 : 1;
+}
