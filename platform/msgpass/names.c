@@ -16,6 +16,10 @@ int msg_check_name(const char* name) {
     if (length == 0 || length > MSG_MAX_NAME_BYTES || memchr(name, '/', length)) {
         return MSG_ERR_BAD_NAME;
     }
+    /* As file names these are the directory and its parent, never a socket of ours. */
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+        return MSG_ERR_BAD_NAME;
+    }
     return MSG_OK;
 }
 

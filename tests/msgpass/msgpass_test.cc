@@ -48,6 +48,8 @@ TEST_F(MsgPassTest, BadArgumentsGiveTheirStatus) {
         {"open too long", [&] { return MSG_OpenLocal(tooLong.c_str()); }, MSG_ERR_BAD_NAME},
         {"open with slash", [] { return MSG_OpenLocal("a/b"); }, MSG_ERR_BAD_NAME},
         {"open dot-dot path", [] { return MSG_OpenLocal("../x"); }, MSG_ERR_BAD_NAME},
+        {"open dot", [] { return MSG_OpenLocal("."); }, MSG_ERR_BAD_NAME},
+        {"open dot-dot", [] { return MSG_OpenLocal(".."); }, MSG_ERR_BAD_NAME},
         {"debug name null", [] { return MSG_DebugSetName(nullptr); }, MSG_ERR_BAD_ARG},
         {"debug name slash", [] { return MSG_DebugSetName("x/y"); }, MSG_ERR_BAD_NAME},
         {"release null", [] { return MSG_ReleaseMsg(nullptr); }, MSG_ERR_BAD_ARG},
@@ -155,14 +157,15 @@ TEST_F(MsgPassTest, ReceiveTimesOutAndCapBoundsLongWaits) {
 
 TEST_F(MsgPassTest, ConcurrentSendersNeverInterleave) {
     connectPair();
-    constexpr int kThreads = 4, kEach = 300;
+    constexpr int kThreads = 4, kEach = 80;
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; t++) {
         senders.emplace_back([this, t] {
             for (int i = 0; i < kEach; i++) {
-                // Sizes vary so that a torn frame would shift every later one.
+                // Large enough to take several writes each, so frames would tear if two
+                // threads wrote at once; sizes vary so a tear shifts every later frame.
                 std::string text = std::to_string(t) + ":" + std::to_string(i) +
-                                   std::string(static_cast<size_t>(i % 5) * 3000, '.');
+                                   std::string(static_cast<size_t>(i % 5) * 60000, '.');
                 ASSERT_EQ(MSG_SendMsg("client", toServer_, makeMsg(40 + t, text)), MSG_OK);
             }
         });
