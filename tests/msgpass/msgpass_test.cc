@@ -173,9 +173,13 @@ TEST_F(MsgPassTest, ConcurrentSendersNeverInterleave) {
     std::vector<int> next(kThreads, 0);
     for (int n = 0; n < kThreads * kEach; n++) {
         MSG_Msg* msg = MSG_RecvAny("server", 5000);
-        ASSERT_NE(msg, nullptr) << "after " << n;
         int t = static_cast<int>(MSG_GetMsgId(msg)) - 40;
-        ASSERT_TRUE(t >= 0 && t < kThreads);
+        if (!msg || t < 0 || t >= kThreads) {
+            ADD_FAILURE() << "no well-formed message after " << n;
+            MSG_ReleaseMsg(msg);
+            MSG_CloseLocal("client");  // unblocks the senders, so they can be joined
+            break;
+        }
         std::string prefix = std::to_string(t) + ":" + std::to_string(next[t]++);
         EXPECT_EQ(payloadOf(msg).substr(0, prefix.size()), prefix);
         MSG_ReleaseMsg(msg);
@@ -201,11 +205,11 @@ TEST_F(MsgPassTest, ReceiveOnOneThreadReplyFromAnother) {
     std::thread otherWaiter([&] { other = MSG_RecvMsg("client", 9, 2000); });
     ASSERT_EQ(MSG_SendMsg("client", toServer_, makeMsg(1, "ping")), MSG_OK);
     MSG_Msg* reply = MSG_RecvMsg("client", 2, 2000);
+    service.join();
+    otherWaiter.join();
     ASSERT_NE(reply, nullptr);
     EXPECT_EQ(payloadOf(reply), "pong");
     MSG_ReleaseMsg(reply);
-    service.join();
-    otherWaiter.join();
     EXPECT_EQ(other, nullptr);
 }
 
