@@ -95,15 +95,10 @@ TEST_P(ErrorNameTest, NamesTheCodeInsideTheLine) {
 
 INSTANTIATE_TEST_SUITE_P(
     Tool, ErrorNameTest,
-    ::testing::Values(ErrorNameCase{0, "kErrNoError"}, ErrorNameCase{-1, "kErrGenericError"},
-                      ErrorNameCase{-2, "kErrOutOfMemory"}, ErrorNameCase{-3, "kErrBadParameter"},
-                      ErrorNameCase{-4, "kErrBadState"}, ErrorNameCase{-5, "kErrOutOfResources"},
-                      ErrorNameCase{-6, "kErrNotYetSupported"},
-                      ErrorNameCase{-7, "kErrItemNotFound"}, ErrorNameCase{-8, "kErrNotAuthorized"},
-                      ErrorNameCase{-9, "kErrAlreadyExists"}, ErrorNameCase{-10, "kErrTimeOut"},
-                      ErrorNameCase{-11, "kErrPortLocked"}, ErrorNameCase{-12, "-12/unknown_error"},
-                      ErrorNameCase{-13, "-13/unknown_error"}, ErrorNameCase{1, "1/unknown_error"},
-                      ErrorNameCase{5, "5/unknown_error"},
+    // The named codes are checked end to end against the service; these are the codes a
+    // service reply cannot carry, since they do not parse as members.
+    ::testing::Values(ErrorNameCase{0, "kErrNoError"}, ErrorNameCase{-13, "-13/unknown_error"},
+                      ErrorNameCase{1, "1/unknown_error"}, ErrorNameCase{5, "5/unknown_error"},
                       ErrorNameCase{-2147483647 - 1, "-2147483648/unknown_error"}));
 
 TEST(LogStream, TextWithoutNewlineWaitsForTheNextLine) {

@@ -332,11 +332,6 @@ INSTANTIATE_TEST_SUITE_P(
                       ServiceErrorCase{CommonIF::kErrPortLocked, "kErrPortLocked"},
                       ServiceErrorCase{CommonIF::kNotEnabled, "-12/unknown_error"}));
 
-TEST_F(ServiceTest, ItemNotFoundIsStatus249AndNotEnabledIs244) {
-    EXPECT_EQ(read(readReply(CommonIF::kErrItemNotFound), {"x"}).status, 249);
-    EXPECT_EQ(read(readReply(CommonIF::kNotEnabled), {"x"}).status, 244);
-}
-
 TEST_F(ServiceTest, WriteAskingForRebootSucceedsSilently) {
     const ToolRun run = write(writeReply(CommonIF::kErrNoError, true), {"x", "-v", "1"});
     EXPECT_EQ(run.status, 0);
