@@ -23,9 +23,25 @@ static uint32_t next_free_address(struct msg_endpoint* ep) {
     return address;
 }
 
-static int watch(struct msg_endpoint* ep, struct msg_conn* conn) {
-    struct epoll_event event = {.events = EPOLLIN, .data.u64 = conn->address};
-    return epoll_ctl(ep->wait_fd, EPOLL_CTL_ADD, conn->fd, &event);
+/* Brings the wait set in line with what the connection needs: input unless paused, room in the
+ * socket while its send queue waits. A connection that needs neither leaves the set, rather
+ * than asking for no events, which also silences the hang-up reports that epoll gives whatever
+ * was asked. */
+static int rewatch(struct msg_endpoint* ep, struct msg_conn* conn) {
+    uint32_t wanted = 0;
+    if (!conn->dropped) {
+        wanted = (conn->paused ? 0 : EPOLLIN) | (conn->want_output ? EPOLLOUT : 0);
+    }
+    if (wanted == conn->watched) {
+        return 0;
+    }
+    int op = !conn->watched ? EPOLL_CTL_ADD : wanted ? EPOLL_CTL_MOD : EPOLL_CTL_DEL;
+    struct epoll_event event = {.events = wanted, .data.u64 = conn->address};
+    if (epoll_ctl(ep->wait_fd, op, conn->fd, &event) != 0) {
+        return -1;
+    }
+    conn->watched = wanted;
+    return 0;
 }
 
 /* Credentials come from the kernel, as they were when the peer connected. */
@@ -52,7 +68,7 @@ int msg_conn_add(struct msg_endpoint* ep, int fd, uint32_t* address) {
     conn->address = next_free_address(ep);
     conn->peer.address = conn->address;
     pthread_mutex_init(&conn->write_lock, NULL);
-    if (read_peer_credentials(fd, &conn->peer) != 0 || watch(ep, conn) != 0) {
+    if (read_peer_credentials(fd, &conn->peer) != 0 || rewatch(ep, conn) != 0) {
         int saved = errno;
         msg_conn_unref(conn);
         errno = saved;
@@ -72,6 +88,7 @@ void msg_conn_unref(struct msg_conn* conn) {
     }
     close(conn->fd);
     free(conn->partial);
+    msg_queue_discard(conn);
     pthread_mutex_destroy(&conn->write_lock);
     free(conn);
 }
@@ -98,9 +115,7 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn) {
             break;
         }
     }
-    if (!conn->paused) {
-        epoll_ctl(ep->wait_fd, EPOLL_CTL_DEL, conn->fd, NULL);
-    }
+    rewatch(ep, conn); /* dropped: leaves the wait set */
     /* Wakes a sender blocked on this connection; the descriptor itself is closed by the last
      * reference, so no other thread ever uses a number that was reused meanwhile. */
     shutdown(conn->fd, SHUT_RDWR);
@@ -108,16 +123,32 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn) {
     msg_conn_unref(conn);
 }
 
-/* Removing the descriptor from the wait set, rather than asking for no events, also silences
- * the hang-up reports that epoll gives whatever was asked. */
 void msg_conn_pause(struct msg_endpoint* ep, struct msg_conn* conn) {
-    if (!conn->paused && epoll_ctl(ep->wait_fd, EPOLL_CTL_DEL, conn->fd, NULL) == 0) {
-        conn->paused = 1;
+    if (conn->paused) {
+        return;
+    }
+    conn->paused = 1;
+    if (rewatch(ep, conn) != 0) {
+        conn->paused = 0;
     }
 }
 
 void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn) {
-    if (conn->paused && !conn->dropped && watch(ep, conn) == 0) {
-        conn->paused = 0;
+    if (!conn->paused || conn->dropped) {
+        return;
     }
+    conn->paused = 0;
+    if (rewatch(ep, conn) != 0) {
+        conn->paused = 1; /* tried again when the next queued message is taken */
+    }
+}
+
+int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int want) {
+    int before = conn->want_output;
+    conn->want_output = want;
+    if (rewatch(ep, conn) != 0) {
+        conn->want_output = before;
+        return -1;
+    }
+    return 0;
 }

@@ -1,9 +1,11 @@
 /*
  * internal.h - shared declarations of the library's translation units. Not installed.
  *
- * Locking, outermost first: the registry lock (list of open endpoints), an endpoint's lock
- * (its connections, its queue of received messages, its state), a connection's write lock
- * (held while one message is written, without the endpoint's lock so that receiving goes on).
+ * Locking: the registry lock (list of open endpoints) comes first. A connection's write lock
+ * (its send queue; held by whoever writes to it, which may mean waiting for the peer) is taken
+ * without the endpoint's lock, so that receiving goes on; its holder takes the endpoint's lock
+ * (connections, received messages, state) on the way out to update what the leader watches.
+ * The leader, holding the endpoint's lock, only ever tries a write lock and never waits for it.
  */
 #ifndef MSGPASS_INTERNAL_H
 #define MSGPASS_INTERNAL_H
@@ -26,9 +28,10 @@ enum { kMsgHeaderBytes = 16 };
 #define kMsgMagic 0x0001504du
 
 struct MsgBuf {
-    struct MsgBuf* next; /* link in an endpoint's receive queue */
+    struct MsgBuf* next; /* link in an endpoint's receive queue or a connection's send queue */
     uint32_t id;
     uint32_t bytes;
+    int flags;    /* of MSG_AllocMsg */
     int received; /* sender below is valid */
     MSG_Sender sender;
     /* Header then payload, contiguous so that a send is one write. 16-aligned payload. */
@@ -73,11 +76,19 @@ struct msg_conn {
     struct msg_conn* next;
     uint32_t address;
     int fd;
-    int refs; /* the endpoint's table plus senders in flight; under the endpoint's lock */
+    /* Under the endpoint's lock. */
+    int refs; /* the endpoint's table plus senders in flight */
     int dropped;
-    int paused; /* not read until the receive queue drains */
+    int paused;       /* not read until the receive queue drains */
+    int want_output;  /* the send queue waits for room in the socket */
+    uint32_t watched; /* epoll events asked for in the endpoint's wait set; 0: not in it */
     MSG_Sender peer;
     pthread_mutex_t write_lock;
+    /* Send queue, under the write lock: frames not yet taken by the kernel, oldest first. */
+    MSG_Msg* out_head;
+    MSG_Msg* out_tail;
+    size_t out_head_sent; /* bytes of out_head already written */
+    size_t out_held;      /* memory the queue holds, against MSG_SEND_QUEUE_BYTES */
     /* Reassembly of the frame being read; touched only by the receiving leader. */
     unsigned char header[kMsgHeaderBytes];
     uint32_t header_fill;
@@ -95,6 +106,23 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_unref(struct msg_conn* conn);
 void msg_conn_pause(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn);
+/* Asks the leader to report room in the socket, or stops asking; 0, or -1 when epoll refused. */
+int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int want);
+
+/* ---- Send queues (sendqueue.c); the connection's write lock held ---- */
+
+/* Queues `msg`, whose header is encoded, whatever the queue holds (a send that will wait). */
+void msg_queue_append(struct msg_conn* conn, MSG_Msg* msg);
+/* Queues `msg` when the queue's bound allows, else MSG_ERR_QUEUE_FULL and `msg` is not taken. */
+int msg_queue_admit(struct msg_conn* conn, MSG_Msg* msg);
+/* Writes what the socket takes now; MSG_OK also when frames are left. */
+int msg_queue_flush(struct msg_conn* conn);
+/* Writes the whole queue, waiting for the peer (MSG_ERR_TIMEOUT after MSG_SEND_STALL_MS). */
+int msg_queue_drain(struct msg_conn* conn);
+/* Frees what is left; the last reference to the connection is going. */
+void msg_queue_discard(struct msg_conn* conn);
+/* The leader, endpoint's lock held: the socket has room; MSG_OK or why it must be dropped. */
+int msg_conn_write_ready(struct msg_endpoint* ep, struct msg_conn* conn);
 
 /* ---- Endpoints (endpoint.c, registry.c) ---- */
 

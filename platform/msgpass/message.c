@@ -48,10 +48,14 @@ int msg_decode_header(const unsigned char* header, uint32_t* id, uint32_t* bytes
 }
 
 MSG_EXPORT MSG_Msg* MSG_AllocMsg(uint32_t msgId, int flags, uint32_t payloadBytes) {
-    if (flags != 0 || payloadBytes > MSG_MAX_PAYLOAD_BYTES) {
+    if ((flags & ~MSG_SEND_NOWAIT) != 0 || payloadBytes > MSG_MAX_PAYLOAD_BYTES) {
         return NULL;
     }
-    return msg_new(msgId, payloadBytes);
+    MSG_Msg* msg = msg_new(msgId, payloadBytes);
+    if (msg) {
+        msg->flags = flags;
+    }
+    return msg;
 }
 
 MSG_EXPORT void* MSG_GetPayloadMutable(MSG_Msg* msg) {

@@ -66,7 +66,8 @@ enum {
     MSG_ERR_TOO_BIG = 307,     /* payload larger than MSG_MAX_PAYLOAD_BYTES */
     MSG_ERR_SYSTEM = 308,      /* an operating-system call failed (see errno) */
     MSG_ERR_NO_MEMORY = 309,   /* out of memory */
-    MSG_ERR_NO_DIR = 310       /* the endpoint directory cannot be found or created */
+    MSG_ERR_NO_DIR = 310,      /* the endpoint directory cannot be found or created */
+    MSG_ERR_QUEUE_FULL = 311   /* the peer left MSG_SEND_QUEUE_BYTES unread: it was dropped */
 };
 
 /* Longest endpoint name, in bytes, without the terminating NUL. */
@@ -81,6 +82,19 @@ enum {
 /* How long a send may make no progress because the peer does not read, before the connection is
  * dropped and MSG_SendMsg returns MSG_ERR_TIMEOUT (also capped by MSGPASS_MAX_WAIT_MS). */
 #define MSG_SEND_STALL_MS 5000
+
+/* Flag of MSG_AllocMsg: MSG_SendMsg of this message never waits for the peer. What the peer's
+ * socket does not take at once stays in the connection's send queue and goes out, in order and
+ * never interleaved with other messages, as the peer reads: whenever a thread of this process
+ * receives on the endpoint (MSG_RecvMsg, MSG_RecvAny; the descriptor of MSG_GetPollFd turns
+ * readable when there is such work), and before every later send on that connection. A send
+ * with flags 0 on a connection first waits until the messages queued before it are written.
+ * Meant for services: one client that does not read its answers holds up no other client. */
+#define MSG_SEND_NOWAIT 0x1
+/* Most memory the send queue of one connection may hold (frames plus bookkeeping): 4 MiB, or
+ * a single message when that is larger. A MSG_SEND_NOWAIT send that would go beyond it drops
+ * the connection (its peer is not reading) and returns MSG_ERR_QUEUE_FULL. */
+#define MSG_SEND_QUEUE_BYTES (4u * 1024u * 1024u)
 
 /* Attaches a name to this process for the library's own diagnostics. MSG_ERR_BAD_ARG for null,
  * MSG_ERR_BAD_NAME for a name that would not be a valid endpoint name. */
@@ -99,12 +113,13 @@ int MSG_OpenRemoteSync(const char* localName, const char* remoteName, int timeou
                        uint32_t* remoteAddress);
 
 /* Closes the local endpoint `name` and all its connections; a null name closes every local
- * endpoint of this process. MSG_ERR_NOT_OPEN (302) when there is none to close. */
+ * endpoint of this process. Messages still in a connection's send queue (MSG_SEND_NOWAIT) are
+ * dropped. MSG_ERR_NOT_OPEN (302) when there is none to close. */
 int MSG_CloseLocal(const char* name);
 
 /* Allocates a message with id `msgId` whose payload holds exactly `payloadBytes` bytes
- * (uninitialised). `flags` is reserved and must be 0. NULL on failure or when the payload is
- * larger than MSG_MAX_PAYLOAD_BYTES. */
+ * (uninitialised). `flags` is 0 or MSG_SEND_NOWAIT. NULL on failure, for any other flag bit, or
+ * when the payload is larger than MSG_MAX_PAYLOAD_BYTES. */
 MSG_Msg* MSG_AllocMsg(uint32_t msgId, int flags, uint32_t payloadBytes);
 
 /* Writable payload of a message; NULL for a null handle. */
@@ -112,10 +127,17 @@ void* MSG_GetPayloadMutable(MSG_Msg* msg);
 
 /* Sends `msg` from `localName` over the connection `remoteAddress`. The handle belongs to the
  * library from this call on, whatever the status. MSG_ERR_NO_ROUTE for an address that names no
- * open connection; MSG_ERR_PEER_GONE when the other end has closed it. When the peer takes no
- * bytes for MSG_SEND_STALL_MS the connection is dropped and the result is MSG_ERR_TIMEOUT: a
- * client that does not read its replies cannot hold a service forever. Several threads may send
- * on one connection at once; their messages never interleave. */
+ * open connection; MSG_ERR_PEER_GONE when the other end has closed it. Several threads may send
+ * on one connection at once; their messages never interleave.
+ *
+ * A message allocated with flags 0 has been written when the call returns. When the peer takes
+ * no bytes for MSG_SEND_STALL_MS the connection is dropped and the result is MSG_ERR_TIMEOUT: a
+ * client that does not read its replies cannot hold a service forever.
+ *
+ * A message allocated with MSG_SEND_NOWAIT is written or queued at once (see there); MSG_OK
+ * means it is on its way. It waits only for another thread's send on the same connection that
+ * is in progress. When the peer goes away before the queue is written, what is left of it is
+ * dropped with the connection, and the next send gets MSG_ERR_NO_ROUTE. */
 int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Msg* msg);
 
 /* Receives the first message with id `msgId` that arrives at `localName` within `timeoutMs`
@@ -163,8 +185,10 @@ uint32_t MSG_GetMsgId(const MSG_Msg* msg);
 int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
 
 /* A descriptor that becomes readable when MSG_RecvAny on `localName` may have something to
- * return, for use in a caller's poll loop; -1 when the endpoint is not open. The descriptor
- * stays owned by the library and is closed with the endpoint. */
+ * return, or when a peer has room for messages queued with MSG_SEND_NOWAIT, for use in a
+ * caller's poll loop: call MSG_RecvAny (a zero time-out will do) when it is readable, which
+ * also writes what the peers can take. -1 when the endpoint is not open. The descriptor stays
+ * owned by the library and is closed with the endpoint. */
 int MSG_GetPollFd(const char* localName);
 
 #ifdef __cplusplus

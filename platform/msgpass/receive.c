@@ -3,7 +3,8 @@
  * One thread at a time, the leader, waits in epoll for the endpoint; other receivers wait on a
  * condition variable until the leader has queued something or stepped down. Reads never block
  * and each connection reassembles its own frame, so a peer that sends half a frame and then
- * nothing holds up no one.
+ * nothing holds up no one. The leader also writes queued output (MSG_SEND_NOWAIT) to peers
+ * whose sockets have room again.
  */
 #include <errno.h>
 #include <string.h>
@@ -187,6 +188,21 @@ static void accept_pending(struct msg_endpoint* ep) {
     }
 }
 
+/* Reading comes first, so that what a peer sent before hanging up is still delivered. A paused
+ * connection is not read: there a hang-up shows as a failed write of its queued output. */
+static void serve_conn(struct msg_endpoint* ep, struct msg_conn* conn, uint32_t events) {
+    int failed = 0;
+    if (!conn->paused && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
+        failed = read_conn(ep, conn) != 0;
+    }
+    if (!failed && (events & EPOLLOUT)) {
+        failed = msg_conn_write_ready(ep, conn) != MSG_OK;
+    }
+    if (failed) {
+        msg_conn_drop(ep, conn);
+    }
+}
+
 static void serve_events(struct msg_endpoint* ep, const struct epoll_event* events, int count) {
     for (int i = 0; i < count && !ep->closed; i++) {
         uint64_t token = events[i].data.u64;
@@ -198,8 +214,8 @@ static void serve_events(struct msg_endpoint* ep, const struct epoll_event* even
             continue;
         }
         struct msg_conn* conn = msg_conn_find(ep, (uint32_t)token);
-        if (conn && !conn->paused && read_conn(ep, conn) != 0) {
-            msg_conn_drop(ep, conn);
+        if (conn) {
+            serve_conn(ep, conn, events[i].events);
         }
     }
 }

@@ -1,59 +1,7 @@
-/* send.c - writing one whole frame to a connection, never waiting on a stuck peer for ever. */
-#include <errno.h>
-#include <poll.h>
+/* send.c - sending one whole frame to a connection, never waiting on a stuck peer for ever. */
 #include <stdlib.h>
 
 #include "internal.h"
-
-static int status_of_send_error(int error) {
-    switch (error) {
-        case EPIPE:
-        case ECONNRESET:
-        case ENOTCONN:
-        case ESHUTDOWN:
-            return MSG_ERR_PEER_GONE;
-        case ENOMEM:
-        case ENOBUFS:
-            return MSG_ERR_NO_MEMORY;
-        default:
-            return MSG_ERR_SYSTEM;
-    }
-}
-
-/* The stall limit restarts with every byte the peer takes, so a slow reader of a large message
- * is served while one that stopped reading is not waited for beyond the limit. */
-static int write_frame(int fd, const unsigned char* data, size_t length) {
-    size_t sent = 0;
-    int64_t stall_deadline = 0;
-    int stalled = 0; /* stall_deadline is set: no progress since it was */
-    while (sent < length) {
-        ssize_t n = send(fd, data + sent, length - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n > 0) {
-            sent += (size_t)n;
-            stalled = 0;
-            continue;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            return status_of_send_error(errno);
-        }
-        if (!stalled) {
-            stall_deadline = msg_deadline(MSG_SEND_STALL_MS);
-            stalled = 1;
-        }
-        struct pollfd pfd = {.fd = fd, .events = POLLOUT};
-        int ready = poll(&pfd, 1, msg_remaining_ms(stall_deadline));
-        if (ready == 0) {
-            return MSG_ERR_TIMEOUT;
-        }
-        if (ready < 0 && errno != EINTR) {
-            return MSG_ERR_SYSTEM;
-        }
-    }
-    return MSG_OK;
-}
 
 /* Takes a reference so the connection outlives a concurrent drop while we write. */
 static struct msg_conn* hold_conn(struct msg_endpoint* ep, uint32_t address) {
@@ -64,6 +12,39 @@ static struct msg_conn* hold_conn(struct msg_endpoint* ep, uint32_t address) {
     }
     pthread_mutex_unlock(&ep->lock);
     return conn;
+}
+
+/* Write lock held. Takes `msg` whatever the result. */
+static int write_or_queue(struct msg_conn* conn, MSG_Msg* msg) {
+    msg_encode_header(msg);
+    if (!(msg->flags & MSG_SEND_NOWAIT)) {
+        msg_queue_append(conn, msg);
+        return msg_queue_drain(conn);
+    }
+    if (msg_queue_admit(conn, msg) != MSG_OK) {
+        free(msg);
+        return MSG_ERR_QUEUE_FULL;
+    }
+    return msg_queue_flush(conn);
+}
+
+static int send_on(struct msg_endpoint* ep, struct msg_conn* conn, MSG_Msg* msg) {
+    pthread_mutex_lock(&conn->write_lock);
+    int status = write_or_queue(conn, msg);
+    pthread_mutex_lock(&ep->lock);
+    /* Whatever is left waits for the leader to see room in the socket. */
+    if (status == MSG_OK && msg_conn_want_output(ep, conn, conn->out_head != NULL) != 0) {
+        status = MSG_ERR_SYSTEM;
+    }
+    /* A failed write may have left part of a frame on the stream, and a full queue means a peer
+     * that does not read: either way the connection goes. */
+    if (status != MSG_OK) {
+        msg_conn_drop(ep, conn);
+    }
+    pthread_mutex_unlock(&conn->write_lock);
+    msg_conn_unref(conn);
+    pthread_mutex_unlock(&ep->lock);
+    return status;
 }
 
 MSG_EXPORT int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Msg* msg) {
@@ -81,21 +62,9 @@ MSG_EXPORT int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Ms
         status = conn ? MSG_OK : MSG_ERR_NO_ROUTE;
     }
     if (status == MSG_OK) {
-        msg_encode_header(msg);
-        pthread_mutex_lock(&conn->write_lock);
-        status = write_frame(conn->fd, msg->frame, kMsgHeaderBytes + (size_t)msg->bytes);
-        pthread_mutex_unlock(&conn->write_lock);
-    }
-    free(msg);
-    if (conn) {
-        pthread_mutex_lock(&ep->lock);
-        /* A failed write may have left part of a frame on the stream: nothing after it could
-         * be understood, so the connection goes. */
-        if (status != MSG_OK) {
-            msg_conn_drop(ep, conn);
-        }
-        msg_conn_unref(conn);
-        pthread_mutex_unlock(&ep->lock);
+        status = send_on(ep, conn, msg);
+    } else {
+        free(msg);
     }
     if (ep) {
         msg_endpoint_put(ep);

@@ -68,7 +68,9 @@ TEST_F(MsgPassTest, BadArgumentsGiveTheirStatus) {
     EXPECT_EQ(MSG_RecvAny(nullptr, 0), nullptr);
     EXPECT_EQ(MSG_GetPayload(nullptr), nullptr);
     EXPECT_EQ(MSG_GetPayloadMutable(nullptr), nullptr);
-    EXPECT_EQ(MSG_AllocMsg(1, 1, 10), nullptr) << "flags are reserved";
+    for (int flags : {2, MSG_SEND_NOWAIT | 0x100, -1}) {
+        EXPECT_EQ(MSG_AllocMsg(1, flags, 10), nullptr) << "unknown flags " << flags;
+    }
 
     ASSERT_EQ(MSG_OpenLocal(longest.c_str()), MSG_OK) << "the longest name is allowed";
     ASSERT_EQ(MSG_OpenLocal("me"), MSG_OK);
