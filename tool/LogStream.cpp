@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "ProductionLog.h"
+
 namespace {
 const char kRed[] = "\033[31m";
 const char kReset[] = "\033[0m";
@@ -23,11 +25,12 @@ LogStream::LogStream() {
 LogStream::~LogStream() {}
 
 void LogStream::selectTargets() {
-    // Console only: nothing mirrors lines into the system log yet.
-    mirror = false;
+    mirror = startProductionLog();
 }
 
-void LogStream::mirrorLine() {}
+void LogStream::mirrorLine() {
+    writeProductionLog(str());
+}
 
 void LogStream::flushLine() {
     if (mirror) {

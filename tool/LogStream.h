@@ -2,9 +2,10 @@
 //
 // Callers insert text piece by piece; a newline character (inserted as a string or as a single
 // character) ends the line, which is then shown on standard error between the escape sequences
-// for red and for reset. Integers and other values go through the underlying string stream
-// unchanged: a newline that arrives that way stays inside the line. Text not yet ended by a
-// newline is never shown.
+// for red and for reset. On production devices each line is also logged through logmsg, before
+// it is shown (see ProductionLog.h); the choice is made once, when the stream is created.
+// Integers and other values go through the underlying string stream unchanged: a newline that
+// arrives that way stays inside the line. Text not yet ended by a newline is never shown.
 //
 // The singleton is created on first use and never destroyed. Single-threaded: no locks.
 #ifndef SETVANE_TOOL_LOGSTREAM_H

@@ -14,7 +14,10 @@
 namespace {
 
 void applyEnvironment(const Environment& env) {
-    unsetenv("MSGPASS_MAX_WAIT_MS");
+    for (const char* name :
+         {"MSGPASS_MAX_WAIT_MS", "BOOT_MODE", "LOGMSG_TEST_DEVICE", "SETVANE_TEST_PID_FILE"}) {
+        unsetenv(name);
+    }
     for (const auto& entry : env) {
         setenv(entry.first.c_str(), entry.second.c_str(), 1);
     }
@@ -59,23 +62,31 @@ std::string readFile(const std::string& path) {
     return content.str();
 }
 
-ToolRun runSetvane(const std::vector<std::string>& words, const Environment& env) {
-    TempDir outputs;
-    const std::string outPath = outputs.file("stdout");
-    const std::string errPath = outputs.file("stderr");
-    const std::string program = "setvane";
-    std::vector<char*> argv = argvOf(program, words);
+ToolRun runProgram(const std::string& binary, const std::vector<std::string>& argv,
+                   const Environment& env, const std::string& input) {
+    TempDir files;
+    const std::string inPath = files.file("stdin");
+    const std::string outPath = files.file("stdout");
+    const std::string errPath = files.file("stderr");
+    std::ofstream(inPath, std::ios::binary) << input;
+    std::vector<char*> argvPointers;
+    for (const std::string& word : argv) {
+        argvPointers.push_back(const_cast<char*>(word.c_str()));
+    }
+    argvPointers.push_back(nullptr);
 
     ToolRun run;
     run.pid = fork();
     if (run.pid == 0) {
+        const int in = open(inPath.c_str(), O_RDONLY);
         const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
         const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) {
+        if (in < 0 || out < 0 || err < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 ||
+            dup2(err, 2) < 0) {
             _exit(126);
         }
         applyEnvironment(env);
-        execv(SETVANE_BINARY, argv.data());
+        execv(binary.c_str(), argvPointers.data());
         _exit(127);
     }
     int waitStatus = 0;
@@ -84,6 +95,12 @@ ToolRun runSetvane(const std::vector<std::string>& words, const Environment& env
     run.out = readFile(outPath);
     run.err = readFile(errPath);
     return run;
+}
+
+ToolRun runSetvane(const std::vector<std::string>& words, const Environment& env) {
+    std::vector<std::string> argv = {"setvane"};
+    argv.insert(argv.end(), words.begin(), words.end());
+    return runProgram(SETVANE_BINARY, argv, env);
 }
 
 StandinService::~StandinService() {

@@ -29,8 +29,14 @@ class TempDir {
     std::string dir;
 };
 
-// Runs setvane with argv[0] "setvane" and the given words; `env` is added to (or replaces
-// entries of) the test's own environment, and MSGPASS_MAX_WAIT_MS is dropped unless given.
+// Runs `binary` with the argument vector `argv` (argv[0] included) and `input` on standard
+// input. `env` is added to (or replaces entries of) the test's own environment; the variables
+// that change how setvane waits or where it logs (MSGPASS_MAX_WAIT_MS, BOOT_MODE,
+// LOGMSG_TEST_DEVICE, SETVANE_TEST_PID_FILE) are dropped unless given.
+ToolRun runProgram(const std::string& binary, const std::vector<std::string>& argv,
+                   const Environment& env, const std::string& input = "");
+
+// Runs setvane with argv[0] "setvane" and the given words, as runProgram does.
 ToolRun runSetvane(const std::vector<std::string>& words, const Environment& env);
 
 // The stand-in service in its own process, listening in `msgpassDir` once start() returned.
