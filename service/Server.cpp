@@ -50,7 +50,10 @@ bool Server::open(std::string* error) {
 
 void Server::send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message) {
     size_t bytes = message.ByteSizeLong();
-    MSG_Msg* reply = MSG_AllocMsg(msgId, 0, static_cast<uint32_t>(bytes));
+    // Never waits for the client: one that does not read its answers must not hold up the
+    // others. The library queues what the client's socket cannot take yet, and cuts the client
+    // off when that queue reaches its bound.
+    MSG_Msg* reply = MSG_AllocMsg(msgId, MSG_SEND_NOWAIT, static_cast<uint32_t>(bytes));
     if (reply == nullptr) {
         logmsg_err(kLogModule, "MSG_AllocMsg() failed for an answer of %zu bytes\n", bytes);
         return;
@@ -63,6 +66,8 @@ void Server::send(uint32_t address, uint32_t msgId, const google::protobuf::Mess
     int status = MSG_SendMsg(endpoint_.c_str(), address, reply);
     if (status == MSG_ERR_PEER_GONE || status == MSG_ERR_NO_ROUTE) {
         logmsg_info(kLogModule, "client %u left before its answer\n", address);
+    } else if (status == MSG_ERR_QUEUE_FULL) {
+        logmsg_warn(kLogModule, "client %u does not read its answers: disconnected\n", address);
     } else if (status != MSG_OK) {
         logmsg_warn(kLogModule, "MSG_SendMsg() failed %d for client %u\n", status, address);
     }

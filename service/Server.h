@@ -4,7 +4,8 @@
 // and the committer (writes that reached the disk). Reads are answered at once from memory.
 // Writes are checked, handed to the committer, and answered once committed, so a slow disk
 // never delays a read and no client waits for another one's answer. Each request is answered
-// on the connection it came from; a client that has gone away is simply not answered.
+// on the connection it came from; a client that has gone away is simply not answered. Answers
+// are sent without waiting, so a client that stops reading them holds up no one but itself.
 #ifndef CONFIGSRVC_SERVER_H
 #define CONFIGSRVC_SERVER_H
 
