@@ -1,5 +1,6 @@
 // How the setvane binary is linked: libmsgpass dynamically and through its eleven client
-// operations only, so that the device's own library can take its place; the rest statically.
+// operations only, so that the device's own library can take its place; the rest statically;
+// and without the test build's switches for the log device and the log daemon's pid file.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -53,6 +54,15 @@ TEST(Binary, LoadsOnlyLibmsgpassAndTheCLibraryDynamically) {
     // RUNPATH, unlike RPATH, lets LD_LIBRARY_PATH choose another libmsgpass.
     EXPECT_NE(dynamic.find("(RUNPATH)"), std::string::npos);
     EXPECT_EQ(dynamic.find("(RPATH)"), std::string::npos);
+}
+
+TEST(Binary, OnlyTheTestBuildTakesItsLogFilesFromTheEnvironment) {
+    // The test build shows what the check looks for; the product must not contain it.
+    for (const char* variable : {"SETVANE_TEST_PID_FILE", "LOGMSG_TEST_DEVICE"}) {
+        const std::string grep = std::string(" | grep -c ") + variable;
+        EXPECT_EQ(commandOutput(std::string("strings ") + SETVANE_TESTDEV_BINARY + grep), "1\n");
+        EXPECT_EQ(commandOutput(std::string("strings ") + SETVANE_BINARY + grep), "0\n");
+    }
 }
 
 }  // namespace
