@@ -189,13 +189,14 @@ static void accept_pending(struct msg_endpoint* ep) {
 }
 
 /* Reading comes first, so that what a peer sent before hanging up is still delivered. A paused
- * connection is not read: there a hang-up shows as a failed write of its queued output. */
+ * connection is not read: there a hang-up or error shows as a failed write of its queued output
+ * (left unserved, epoll would report it again at once, for ever). */
 static void serve_conn(struct msg_endpoint* ep, struct msg_conn* conn, uint32_t events) {
     int failed = 0;
     if (!conn->paused && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
         failed = read_conn(ep, conn) != 0;
     }
-    if (!failed && (events & EPOLLOUT)) {
+    if (!failed && conn->want_output && (events & (EPOLLOUT | EPOLLHUP | EPOLLERR))) {
         failed = msg_conn_write_ready(ep, conn) != MSG_OK;
     }
     if (failed) {

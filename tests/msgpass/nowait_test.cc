@@ -257,4 +257,40 @@ TEST_F(NoWaitTest, QueueBoundDropsAPeerThatNeverReadsAndSparesTheOthers) {
     close(good);
 }
 
+// A client whose requests pile up unclaimed is no longer read, but its answers still go out.
+TEST_F(NoWaitTest, QueuedFramesGoOutWhileThePeersInputIsPaused) {
+    ASSERT_EQ(MSG_OpenLocal("svc"), MSG_OK);
+    int peer = rawConnect("svc");
+    ASSERT_GE(peer, 0);
+    std::string requests;
+    for (int i = 0; i < 5000; i++) {  // more unclaimed messages than one connection may have
+        requests += frameHeader(kWireMagic, 1, 0);
+    }
+    ASSERT_EQ(send(peer, requests.data(), requests.size(), 0),
+              static_cast<ssize_t>(requests.size()));
+    constexpr uint32_t kNeverSent = 777;
+    EXPECT_EQ(MSG_RecvMsg("svc", kNeverSent, 100), nullptr);  // reads until it pauses
+    uint32_t toPeer = senderOfNext("svc");
+    ASSERT_NE(toPeer, 0u);
+
+    std::string expected;
+    for (int i = 0; i < kStreamFrames; i++) {
+        std::string payload = streamPayload(i);
+        uint32_t id = kStreamId + static_cast<uint32_t>(i);
+        expected += frameHeader(kWireMagic, id, static_cast<uint32_t>(payload.size())) + payload;
+        ASSERT_EQ(MSG_SendMsg("svc", toPeer, makeNowait(id, payload)), MSG_OK) << i;
+    }
+    std::string got;
+    char buffer[64 * 1024];
+    for (int round = 0; round < 500 && got.size() < expected.size(); round++) {
+        for (ssize_t n; (n = recv(peer, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0;) {
+            got.append(buffer, static_cast<size_t>(n));
+        }
+        EXPECT_EQ(MSG_RecvMsg("svc", kNeverSent, 10), nullptr);  // the receive loop writes
+    }
+    EXPECT_EQ(got.size(), expected.size());
+    EXPECT_TRUE(got == expected) << "the frames differ";
+    close(peer);
+}
+
 }  // namespace
