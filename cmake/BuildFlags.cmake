@@ -23,4 +23,18 @@ option(SETVANE_SANITIZE "Build with address and undefined-behaviour sanitizers" 
 if(SETVANE_SANITIZE)
     add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
     add_link_options(-fsanitize=address,undefined)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        # clang links its sanitizer runtime statically into executables only, which leaves our
+        # shared libraries (linked with --no-undefined) unresolved: use the shared runtime.
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} --print-file-name=libclang_rt.asan-x86_64.so
+                        OUTPUT_VARIABLE asan_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+        get_filename_component(asan_runtime_dir "${asan_runtime}" DIRECTORY)
+        add_link_options(-shared-libsan "LINKER:-rpath,${asan_runtime_dir}")
+    endif()
+endif()
+
+option(SETVANE_FUZZ "Also build libFuzzer programs of the fuzz targets (needs clang)" OFF)
+if(SETVANE_FUZZ)
+    # Coverage feedback from every library the targets reach, not only from the targets.
+    add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

@@ -51,7 +51,7 @@ void sendAll(int fd, const uint8_t* data, size_t size) {
 
 // Takes what the endpoint has to hand out until it has nothing more for a short while.
 void drain() {
-    while (MSG_Msg* msg = MSG_RecvAny(kEndpoint, 5)) {
+    while (MSG_Msg* msg = MSG_RecvAny(kEndpoint, 1)) {
         const int bytes = MSG_GetPayloadBytes(msg);
         FUZZ_CHECK(bytes >= 0 && static_cast<uint32_t>(bytes) <= MSG_MAX_PAYLOAD_BYTES);
         FUZZ_CHECK(bytes == 0 || MSG_GetPayload(msg) != nullptr);

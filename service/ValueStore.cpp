@@ -77,7 +77,9 @@ bool decodeValues(const std::string& encoded, std::vector<std::string>* values) 
     size_t pos = 0;
     while (pos < encoded.size()) {
         size_t colon = encoded.find(':', pos);
-        if (colon == std::string::npos || colon == pos || colon - pos > 7) {
+        // Lengths are written in plain decimal; a form we never write ("00:") is damage.
+        const bool leadingZero = colon - pos > 1 && encoded[pos] == '0';
+        if (colon == std::string::npos || colon == pos || colon - pos > 7 || leadingZero) {
             return false;
         }
         size_t length = 0;
