@@ -85,8 +85,8 @@ static void forget_written(struct msg_conn* conn, size_t written) {
     }
 }
 
-/* Hands the kernel what it takes now; *wrote is 0 when it takes nothing. */
-static int write_some(struct msg_conn* conn, size_t* wrote) {
+/* One frame, the usual case, goes out with send(): cheaper than sendmsg() with its vector. */
+static ssize_t send_queued(struct msg_conn* conn) {
     struct iovec iov[kWriteBatchFrames];
     size_t count = 0;
     size_t skip = conn->out_head_sent;
@@ -96,10 +96,18 @@ static int write_some(struct msg_conn* conn, size_t* wrote) {
         skip = 0;
         count++;
     }
+    if (count == 1) {
+        return send(conn->fd, iov[0].iov_base, iov[0].iov_len, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
     struct msghdr message = {.msg_iov = iov, .msg_iovlen = count};
+    return sendmsg(conn->fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+/* Hands the kernel what it takes now; *wrote is 0 when it takes nothing. */
+static int write_some(struct msg_conn* conn, size_t* wrote) {
     *wrote = 0;
     for (;;) {
-        ssize_t n = sendmsg(conn->fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t n = send_queued(conn);
         if (n >= 0) {
             *wrote = (size_t)n;
             forget_written(conn, *wrote);
