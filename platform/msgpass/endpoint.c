@@ -14,10 +14,12 @@
 #include "registry.h"
 
 enum { kBacklog = 128 };
+/* Bounds the search for a free temporary name (see bind_listening). */
+enum { kTempNameAttempts = 16 };
 
-/* Serialises probing, reclaiming and installing socket files among all processes sharing the
- * directory, so that two of them never both reclaim the same stale name. Best effort: without
- * the lock file (read-only directory) we carry on unlocked. */
+/* Serialises reclaiming among all processes sharing the directory, so that two of them never
+ * both find the same name stale: one would remove the socket that the other has just put there.
+ * Best effort: without the lock file (read-only directory) we carry on unlocked. */
 static int lock_dir(const char* dir) {
     char path[kMsgPathBytes];
     if (snprintf(path, sizeof(path), "%s/.lock", dir) >= (int)sizeof(path)) {
@@ -67,63 +69,107 @@ static int reclaim_name(const char* path) {
     return unlink(path) == 0 || errno == ENOENT ? MSG_OK : MSG_ERR_SYSTEM;
 }
 
-static int bind_listening(struct msg_endpoint* ep, const char* temp) {
+/* Binds the listening socket under a fresh temporary name in the directory, into `temp`. The
+ * name carries our pid and a sequence number; one that is taken (a process of our pid in another
+ * pid namespace, or one that died half-way) is skipped, never removed. */
+static int bind_listening(struct msg_endpoint* ep, char* temp) {
+    static unsigned sequence;
     ep->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (ep->listen_fd < 0) {
         return MSG_ERR_SYSTEM;
     }
-    struct sockaddr_un addr;
-    socklen_t length = msg_sockaddr(temp, &addr);
-    if (bind(ep->listen_fd, (struct sockaddr*)&addr, length) != 0) {
+    long pid = (long)getpid();
+    int bound = -1;
+    for (int attempt = 0; attempt < kTempNameAttempts && bound != 0; attempt++) {
+        int written = snprintf(temp, kMsgPathBytes, "%s/.tmp-%ld-%u", ep->dir, pid,
+                               __atomic_add_fetch(&sequence, 1, __ATOMIC_RELAXED));
+        if (written <= 0 || written >= kMsgPathBytes) {
+            return MSG_ERR_NO_DIR;
+        }
+        struct sockaddr_un addr;
+        socklen_t length = msg_sockaddr(temp, &addr);
+        bound = bind(ep->listen_fd, (struct sockaddr*)&addr, length);
+        if (bound != 0 && errno != EADDRINUSE) {
+            return MSG_ERR_SYSTEM;
+        }
+    }
+    if (bound != 0) {
         return MSG_ERR_SYSTEM;
     }
     /* Anyone may connect: services judge their clients by SO_PEERCRED, not by file modes. */
     if (chmod(temp, 0666) != 0 || listen(ep->listen_fd, kBacklog) != 0) {
+        int saved = errno;
+        unlink(temp);
+        errno = saved;
         return MSG_ERR_SYSTEM;
     }
     return MSG_OK;
 }
 
-/* The socket is bound and listening under a temporary name first and then renamed into place,
- * so a client never finds the name without someone accepting behind it. */
-static int install_socket(struct msg_endpoint* ep) {
-    static unsigned sequence;
-    char temp[kMsgPathBytes];
-    int written = snprintf(temp, sizeof(temp), "%s/.tmp-%ld-%u", ep->dir, (long)getpid(),
-                           __atomic_add_fetch(&sequence, 1, __ATOMIC_RELAXED));
-    if (written <= 0 || written >= (int)sizeof(temp)) {
-        return MSG_ERR_NO_DIR;
+/* Moves `temp` to `path` unless something is there already (EEXIST), without a moment in which
+ * neither exists. EINVAL: the file system cannot rename without replacing. */
+static int rename_unless_taken(const char* temp, const char* path) {
+    return renameat2(AT_FDCWD, temp, AT_FDCWD, path, RENAME_NOREPLACE);
+}
+
+/* Puts the socket bound at `temp` in place under the endpoint's name. Nothing is ever replaced,
+ * so the common case, a free name, needs no lock. A taken name goes through the lock: a stale
+ * socket there is reclaimed and the claim tried once more. */
+static int claim_name(struct msg_endpoint* ep, const char* temp) {
+    if (rename_unless_taken(temp, ep->path) == 0) {
+        return MSG_OK;
+    }
+    int cannot_refuse = errno == EINVAL || errno == ENOSYS;
+    if (errno != EEXIST && !cannot_refuse) {
+        return MSG_ERR_SYSTEM;
     }
     int lock_fd = lock_dir(ep->dir);
     int status = reclaim_name(ep->path);
     if (status == MSG_OK) {
-        unlink(temp); /* left by an earlier process that had our pid */
-        status = bind_listening(ep, temp);
-        struct stat st;
-        if (status == MSG_OK && (rename(temp, ep->path) != 0 || stat(ep->path, &st) != 0)) {
-            status = MSG_ERR_SYSTEM;
-        }
-        if (status == MSG_OK) {
-            ep->socket_dev = st.st_dev;
-            ep->socket_ino = st.st_ino;
-        } else {
-            int saved = errno;
-            unlink(temp);
-            errno = saved;
+        /* Without RENAME_NOREPLACE every process of this directory comes through the lock, which
+         * then keeps a live socket from being replaced. */
+        int moved = cannot_refuse ? rename(temp, ep->path) : rename_unless_taken(temp, ep->path);
+        if (moved != 0) {
+            /* EEXIST: a live endpoint took the name while we reclaimed it. */
+            status = errno == EEXIST ? MSG_ERR_NAME_IN_USE : MSG_ERR_SYSTEM;
         }
     }
     unlock_dir(lock_fd);
     return status;
 }
 
-/* Removes the socket file only if it is still the one we made. */
+/* The socket listens under a temporary name first and is then renamed into place, so a client
+ * never finds the name without someone accepting behind it. */
+static int install_socket(struct msg_endpoint* ep) {
+    char temp[kMsgPathBytes];
+    int status = bind_listening(ep, temp);
+    if (status != MSG_OK) {
+        return status;
+    }
+    status = claim_name(ep, temp);
+    struct stat st;
+    if (status == MSG_OK && stat(ep->path, &st) != 0) {
+        status = MSG_ERR_SYSTEM;
+    }
+    if (status != MSG_OK) {
+        int saved = errno;
+        unlink(temp);
+        errno = saved;
+        return status;
+    }
+    ep->socket_dev = st.st_dev;
+    ep->socket_ino = st.st_ino;
+    return MSG_OK;
+}
+
+/* Removes the socket file only if it is still the one we made. No lock: while our socket
+ * listens, nobody else removes it (reclaiming takes only sockets that nobody listens on) or puts
+ * another in its place (names are claimed without replacing). */
 static void remove_socket(struct msg_endpoint* ep) {
-    int lock_fd = lock_dir(ep->dir);
     struct stat st;
     if (stat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev && st.st_ino == ep->socket_ino) {
         unlink(ep->path);
     }
-    unlock_dir(lock_fd);
 }
 
 static int add_to_wait_set(int wait_fd, int fd, uint64_t token) {
@@ -227,9 +273,12 @@ static void endpoint_close(struct msg_endpoint* ep) {
     while (ep->conns) {
         msg_conn_drop(ep, ep->conns);
     }
-    uint64_t one = 1;
-    ssize_t ignored = write(ep->wake_fd, &one, sizeof(one));
-    (void)ignored;
+    /* Only a thread waiting in epoll, or a caller polling MSG_GetPollFd, needs the wake-up. */
+    if (ep->leader || ep->poll_fd >= 0) {
+        uint64_t one = 1;
+        ssize_t ignored = write(ep->wake_fd, &one, sizeof(one));
+        (void)ignored;
+    }
     pthread_cond_broadcast(&ep->turn);
     pthread_mutex_unlock(&ep->lock);
     remove_socket(ep);

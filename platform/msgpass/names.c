@@ -1,5 +1,6 @@
 /* names.c - endpoint names, and where their sockets live. */
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,8 +24,27 @@ int msg_check_name(const char* name) {
     return MSG_OK;
 }
 
+/* Whether `dir` is a directory (or a link to one) that we may create sockets in: the trailing
+ * slash makes access() fail for anything else. One call, since every open looks the directory
+ * up again. */
+static int usable_dir(const char* dir) {
+    char probe[PATH_MAX];
+    int written = snprintf(probe, sizeof(probe), "%s/", dir);
+    if (written <= 0 || (size_t)written >= sizeof(probe)) {
+        errno = ENAMETOOLONG;
+        return 0;
+    }
+    return access(probe, W_OK | X_OK) == 0;
+}
+
 /* Makes `dir` exist with `mode` when it does not; 0 when it is a usable directory. */
 static int ensure_dir(const char* dir, mode_t mode) {
+    if (usable_dir(dir)) {
+        return 0;
+    }
+    if (errno != ENOENT) {
+        return -1;
+    }
     if (mkdir(dir, mode) == 0) {
         /* mkdir honours the umask; the shared, sticky directory needs its full mode. */
         if (mode & S_ISVTX) {
@@ -33,11 +53,7 @@ static int ensure_dir(const char* dir, mode_t mode) {
     } else if (errno != EEXIST) {
         return -1;
     }
-    struct stat st;
-    if (stat(dir, &st) != 0 || !S_ISDIR(st.st_mode)) {
-        return -1;
-    }
-    return access(dir, W_OK | X_OK) == 0 ? 0 : -1;
+    return usable_dir(dir) ? 0 : -1;
 }
 
 /* A per-user directory is only trusted when it is really ours and closed to others: in /tmp

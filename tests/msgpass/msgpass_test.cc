@@ -1,8 +1,13 @@
 // The library's contract as one process sees it: arguments, payloads, ids, time-outs, threads.
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <fstream>
 #include <thread>
 
 #include "test_support.h"
@@ -243,6 +248,49 @@ TEST_F(MsgPassTest, PollFdTurnsReadableWhenSomethingArrives) {
         MSG_ReleaseMsg(msg);
     }
     EXPECT_EQ(poll(&pfd, 1, 0), 0);
+}
+
+TEST_F(MsgPassTest, EndpointDirectoryIsCreatedWhenMissingAndRefusedWhenUnusable) {
+    std::ofstream(dir_ + "/plain") << "not a directory";
+    ASSERT_EQ(symlink((dir_ + "/made").c_str(), (dir_ + "/link").c_str()), 0);
+    ASSERT_EQ(symlink((dir_ + "/nowhere").c_str(), (dir_ + "/dangling").c_str()), 0);
+    struct Case {
+        const char* dir;  // under the test's directory
+        int expected;
+    };
+    const Case cases[] = {
+        {"/made", MSG_OK},           // created
+        {"/made/", MSG_OK},          // exists; trailing slash
+        {"/link", MSG_OK},           // a link to a directory
+        {"/plain", MSG_ERR_NO_DIR},  // a file
+        {"/dangling", MSG_ERR_NO_DIR},
+        {"/missing/deeper", MSG_ERR_NO_DIR},  // only one level is created
+    };
+    for (const Case& c : cases) {
+        setenv(MSG_DIR_ENV, (dir_ + c.dir).c_str(), 1);
+        EXPECT_EQ(MSG_OpenLocal("probe"), c.expected) << c.dir;
+        MSG_CloseLocal(nullptr);
+    }
+    struct stat st {};
+    ASSERT_EQ(stat((dir_ + "/made").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    setenv(MSG_DIR_ENV, dir_.c_str(), 1);
+}
+
+TEST_F(MsgPassTest, CloseRemovesOnlyItsOwnSocketFile) {
+    ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
+    // Someone removed our file and another socket now has the name.
+    const std::string path = socketPath("server");
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    int other = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    EXPECT_EQ(MSG_CloseLocal("server"), MSG_OK);
+    struct stat st {};
+    EXPECT_EQ(stat(path.c_str(), &st), 0) << "the other socket's file stays";
+    close(other);
 }
 
 TEST_F(MsgPassTest, SocketFileIsOpenToAllAndRemovedOnClose) {

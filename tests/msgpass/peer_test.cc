@@ -5,9 +5,12 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -108,6 +111,65 @@ TEST_F(PeerTest, NamesClashWhileLiveAndStaleSocketsAreReclaimed) {
     EXPECT_EQ(text, "keep me");
     close(ready[0]);
     close(ready[1]);
+}
+
+// A socket file at `path` that nobody listens on, as a process that died leaves it.
+void leaveStaleSocket(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    close(fd);
+}
+
+TEST_F(PeerTest, ProcessesRacingForANameLeaveExactlyOneWinner) {
+    const int kContenders = 8;
+    for (bool stale : {false, true}) {
+        SCOPED_TRACE(stale ? "stale socket in the way" : "free name");
+        std::string name = stale ? "reclaimed" : "fresh";
+        if (stale) {
+            leaveStaleSocket(socketPath(name));
+        }
+        int go[2], results[2];
+        ASSERT_EQ(pipe(go), 0);
+        ASSERT_EQ(pipe(results), 0);
+        for (int i = 0; i < kContenders; i++) {
+            spawn([&] {
+                char start;
+                if (read(go[0], &start, 1) != 1) {
+                    return 1;
+                }
+                int status = MSG_OpenLocal(name.c_str());
+                EXPECT_EQ(write(results[1], &status, sizeof(status)), (ssize_t)sizeof(status));
+                pause();  // keeps a winning endpoint open
+                return 0;
+            });
+        }
+        std::string starts(kContenders, 'g');
+        ASSERT_EQ(write(go[1], starts.data(), starts.size()), (ssize_t)starts.size());
+        int winners = 0;
+        for (int i = 0; i < kContenders; i++) {
+            int status = -1;
+            ASSERT_EQ(read(results[0], &status, sizeof(status)), (ssize_t)sizeof(status));
+            if (status == MSG_OK) {
+                winners++;
+            } else {
+                EXPECT_EQ(status, MSG_ERR_NAME_IN_USE);
+            }
+        }
+        EXPECT_EQ(winners, 1);
+        int client = rawConnect(name);
+        EXPECT_GE(client, 0) << "the winner's socket is the one in place";
+        close(client);
+        for (int fd : {go[0], go[1], results[0], results[1]}) {
+            close(fd);
+        }
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+        EXPECT_EQ(entry.path().filename().string().rfind(".tmp-", 0), std::string::npos)
+            << "temporary name left behind: " << entry.path();
+    }
 }
 
 TEST_F(PeerTest, SenderCredentialsComeFromTheKernel) {
