@@ -187,8 +187,8 @@ int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
 /* A descriptor that becomes readable when MSG_RecvAny on `localName` may have something to
  * return, or when a peer has room for messages queued with MSG_SEND_NOWAIT, for use in a
  * caller's poll loop: when it is readable, call MSG_RecvAny (a zero time-out will do) until it
- * returns NULL, which also writes what the peers can take. -1 when the endpoint is not open. The descriptor stays
- * owned by the library and is closed with the endpoint. */
+ * returns NULL, which also writes what the peers can take. -1 when the endpoint is not open.
+ * The descriptor stays owned by the library and is closed with the endpoint. */
 int MSG_GetPollFd(const char* localName);
 
 #ifdef __cplusplus
