@@ -31,8 +31,9 @@ uint8_t arenaSlabClasses[kArenaSlabs];
 SmallBlockArena arena = {arenaSlabs, arenaSlabClasses, kArenaSlabs, 0, {}, {}, {}};
 std::mutex arenaLock;
 
-// The tool has one thread; the lock is only taken once a process has started another.
-void* allocateFromArena(size_t bytes) {
+// Small blocks, or nullptr. The tool has one thread; the lock is only taken once a process has
+// started another.
+inline void* allocateFromArena(size_t bytes) {
     if (__libc_single_threaded) {
         return allocateSmallBlock(arena, bytes);
     }
@@ -40,31 +41,26 @@ void* allocateFromArena(size_t bytes) {
     return allocateSmallBlock(arena, bytes);
 }
 
-void release(void* block) {
+inline void release(void* block) {
     if (!ownsSmallBlock(arena, block)) {
         std::free(block);  // also takes null
-        return;
-    }
-    if (__libc_single_threaded) {
+    } else if (__libc_single_threaded) {
         releaseSmallBlock(arena, block);
-        return;
+    } else {
+        std::lock_guard<std::mutex> hold(arenaLock);
+        releaseSmallBlock(arena, block);
     }
-    std::lock_guard<std::mutex> hold(arenaLock);
-    releaseSmallBlock(arena, block);
 }
 
-void* allocateOrNull(size_t bytes) {
-    if (void* block = allocateFromArena(bytes)) {
-        return block;
-    }
+void* allocateLarge(size_t bytes) {
     return std::malloc(bytes == 0 ? 1 : bytes);
 }
 
 // Out of memory: a new-handler may free some, as for any operator new. Without one the
 // process ends with a message, rather than by an exception that nothing in the tool catches.
-void* allocateOrDie(size_t bytes) {
+void* allocateLargeOrDie(size_t bytes) {
     for (;;) {
-        if (void* block = allocateOrNull(bytes)) {
+        if (void* block = allocateLarge(bytes)) {
             return block;
         }
         std::new_handler handler = std::get_new_handler();
@@ -73,7 +69,20 @@ void* allocateOrDie(size_t bytes) {
             std::abort();
         }
         handler();
+        if (void* block = allocateFromArena(bytes)) {
+            return block;
+        }
     }
+}
+
+inline void* allocateOrDie(size_t bytes) {
+    void* block = allocateFromArena(bytes);
+    return block != nullptr ? block : allocateLargeOrDie(bytes);
+}
+
+inline void* allocateOrNull(size_t bytes) {
+    void* block = allocateFromArena(bytes);
+    return block != nullptr ? block : allocateLarge(bytes);
 }
 
 }  // namespace

@@ -34,9 +34,24 @@ struct SmallBlockArena {
     unsigned char* carveEnd[kSmallBlockClasses];
 };
 
+// Carves a new block of class `sizeClass` (0 for 16 bytes, 1 for 32, ...) from the class's
+// newest slab or a fresh one; nullptr when the arena has no slab left.
+void* carveSmallBlock(SmallBlockArena& arena, size_t sizeClass);
+
 // A block of at least `bytes` bytes (a zero-byte request gets the smallest block), or nullptr
 // when `bytes` exceeds kLargestSmallBlockBytes or the arena has no slab left for its class.
-void* allocateSmallBlock(SmallBlockArena& arena, size_t bytes);
+// Inline: the program's operator new runs this thousands of times before main.
+inline void* allocateSmallBlock(SmallBlockArena& arena, size_t bytes) {
+    if (bytes > kLargestSmallBlockBytes) {
+        return nullptr;
+    }
+    const size_t sizeClass = bytes == 0 ? 0 : (bytes - 1) / kSmallBlockGranuleBytes;
+    if (SmallBlockFree* reused = arena.freeBlocks[sizeClass]) {
+        arena.freeBlocks[sizeClass] = reused->next;
+        return reused;
+    }
+    return carveSmallBlock(arena, sizeClass);
+}
 
 // Whether `block` lies in the arena's slabs, i.e. came from allocateSmallBlock.
 inline bool ownsSmallBlock(const SmallBlockArena& arena, const void* block) {
@@ -45,6 +60,12 @@ inline bool ownsSmallBlock(const SmallBlockArena& arena, const void* block) {
 }
 
 // Returns a block from allocateSmallBlock for reuse by blocks of its size class.
-void releaseSmallBlock(SmallBlockArena& arena, void* block);
+inline void releaseSmallBlock(SmallBlockArena& arena, void* block) {
+    const size_t slab = static_cast<size_t>(static_cast<unsigned char*>(block) - arena.slabs) /
+                        kSmallBlockSlabBytes;
+    SmallBlockFree* freed = static_cast<SmallBlockFree*>(block);
+    freed->next = arena.freeBlocks[arena.slabClasses[slab]];
+    arena.freeBlocks[arena.slabClasses[slab]] = freed;
+}
 
 #endif  // SETVANE_TOOL_SMALLBLOCKS_H
