@@ -4,6 +4,10 @@
 # (service and clients alike); then the peak RSS of each.
 #
 # Usage: bench/tool/run_bench.sh [BUILD_DIR] [RUNS]     (default: build/release, 1000)
+#
+# The endpoint directory is made under BENCH_TMPDIR, by default /dev/shm when that is a tmpfs, as
+# the device's /run/msgpass is. On ext4 each run creates and deletes a socket file, and ext4
+# avoids reusing recently freed inodes, so over a long series every new one takes longer to find.
 set -euo pipefail
 
 build=${1:-build/release}
@@ -17,7 +21,13 @@ for program in "$setvane" "$standin" "$bin/peak_rss" "$bin/raw_client" "$bin/raw
     [[ -x $program ]] || { echo "missing $program: build target bench_tool_programs first" >&2; exit 1; }
 done
 
-work=$(mktemp -d /tmp/setvane-bench-XXXXXX)
+tmp_base=${BENCH_TMPDIR:-}
+if [[ -z $tmp_base ]]; then
+    tmp_base=/tmp
+    [[ $(stat -f -c %T /dev/shm 2>/dev/null) == tmpfs ]] && tmp_base=/dev/shm
+fi
+work=$(mktemp -d "$tmp_base/setvane-bench-XXXXXX")
+echo "endpoint directory on $(stat -f -c %T "$work"): $work"
 pids=()
 cleanup() {
     for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
@@ -37,6 +47,15 @@ for ready in "$work/standin.out" "$work/raw.out"; do
     grep -q ready "$ready" || { echo "a server did not start" >&2; exit 1; }
 done
 [[ $("$setvane" x) == on ]] || { echo "setvane read did not answer 'on'" >&2; exit 1; }
+
+# How many pages a run maps around each page fault depends on how the program's file sits in the
+# page cache: a freshly linked or copied file maps differently from one read back from disk. Drop
+# the programs' cached pages so that each is read back as it would be after a reboot.
+for program in "$setvane" "$bin/raw_client" "$bin/msgpass_client" \
+               "$build/platform/msgpass/libmsgpass.so"; do
+    file=$(readlink -f "$program")
+    sync "$file" && dd if="$file" iflag=nocache count=0 status=none 2>/dev/null || true
+done
 
 taskset -c "$cpu" hyperfine -N --style basic --warmup 100 --runs "$runs" \
     --export-csv "$work/times.csv" \
