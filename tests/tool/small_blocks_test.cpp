@@ -86,13 +86,4 @@ TEST_F(SmallBlocksTest, AFullArenaRefusesNewSlabsButStillServesFreedBlocks) {
     EXPECT_EQ(allocateSmallBlock(arena, kLargestSmallBlockBytes), freed);
 }
 
-TEST_F(SmallBlocksTest, OwnsExactlyTheArenaMemory) {
-    unsigned char outside = 0;
-    EXPECT_TRUE(ownsSmallBlock(arena, memory));
-    EXPECT_TRUE(ownsSmallBlock(arena, memory + sizeof memory - 1));
-    EXPECT_FALSE(ownsSmallBlock(arena, memory + sizeof memory));
-    EXPECT_FALSE(ownsSmallBlock(arena, &outside));
-    EXPECT_FALSE(ownsSmallBlock(arena, nullptr));
-}
-
 }  // namespace
