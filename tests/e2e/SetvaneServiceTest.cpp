@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,14 @@ struct ErrorCase {
     int status;
     const char* line;  // on standard error, between the colour codes
 };
+
+// Names each case in test listings by its command line.
+void PrintTo(const ErrorCase& error, std::ostream* out) {
+    *out << "setvane";
+    for (const std::string& word : error.words) {
+        *out << ' ' << word;
+    }
+}
 
 class SetvaneErrors : public SetvaneService, public testing::WithParamInterface<ErrorCase> {};
 
