@@ -1,15 +1,16 @@
-// The descriptors compiled into the generated code must match the schema field for field: the
-// serialised size catches any change of text, the layout tables catch a change of order.
+// The descriptors compiled into the generated code must match the schema exactly: the embedded
+// size catches any change of text, the layout listing (<file>_layout.txt) any change of order,
+// name, number, label, type, default or option.
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "Common/protobuf/v3/common.pb.h"
 #include "Common/protobuf/v3/configservice.pb.h"
-#include "expected_layout.h"
 
 namespace schema_test {
 namespace {
@@ -18,106 +19,37 @@ using google::protobuf::Descriptor;
 using google::protobuf::EnumDescriptor;
 using google::protobuf::FieldDescriptor;
 using google::protobuf::FileDescriptor;
-using google::protobuf::FileDescriptorProto;
 
 struct SchemaFile {
-    const char* file_name;
+    const char* name;
     const FileDescriptor* (*descriptor)();
     const google::protobuf::internal::DescriptorTable* table;
     int serialized_size;
-    const char* package;
-    const char* java_outer_classname;
-    std::vector<std::string> dependencies;
-    const FileLayout* layout;
 };
-
-const FileDescriptor* commonFile() {
-    return CommonIF::KeyValuePair::descriptor()->file();
-}
-const FileDescriptor* configServiceFile() {
-    return ConfigIF::ReadReq::descriptor()->file();
-}
 
 const SchemaFile kSchemaFiles[] = {
-    {"common.proto",
-     commonFile,
-     &descriptor_table_common_2eproto,
-     3615,
-     "CommonIF",
-     "CommonIF",
-     {},
-     &kCommonLayout},
-    {"configservice.proto",
-     configServiceFile,
-     &descriptor_table_configservice_2eproto,
-     6954,
-     "ConfigIF",
-     "ConfigIF",
-     {"common.proto"},
-     &kConfigServiceLayout},
+    {"common", [] { return CommonIF::KeyValuePair::descriptor()->file(); },
+     &descriptor_table_common_2eproto, 3615},
+    {"configservice", [] { return ConfigIF::ReadReq::descriptor()->file(); },
+     &descriptor_table_configservice_2eproto, 6954},
 };
 
-class SchemaFileTest : public testing::TestWithParam<SchemaFile> {};
-
-TEST_P(SchemaFileTest, EmbeddedDescriptorHasTheExpectedSize) {
-    const SchemaFile& file = GetParam();
-    const FileDescriptor* descriptor = file.descriptor();
-    ASSERT_NE(descriptor, nullptr);
-    FileDescriptorProto proto;
-    descriptor->CopyTo(&proto);
-    const std::string rebuilt = proto.SerializeAsString();
-
-    EXPECT_EQ(file.table->size, file.serialized_size);
-    EXPECT_EQ(rebuilt.size(), static_cast<size_t>(file.serialized_size));
-    // The runtime's copy must be the very bytes the generated unit registered.
-    EXPECT_EQ(rebuilt, std::string(file.table->descriptor, file.table->size));
+void PrintTo(const SchemaFile& file, std::ostream* out) {
+    *out << file.name;
 }
 
-TEST_P(SchemaFileTest, HeaderHasPackageImportsAndOnlyTheJavaOptions) {
-    const SchemaFile& file = GetParam();
-    const FileDescriptor* descriptor = file.descriptor();
-    EXPECT_EQ(descriptor->name(), file.file_name);
-    EXPECT_EQ(descriptor->package(), file.package);
-    EXPECT_EQ(descriptor->syntax(), FileDescriptor::SYNTAX_PROTO2);
-
-    std::vector<std::string> dependencies;
-    for (int i = 0; i < descriptor->dependency_count(); ++i) {
-        dependencies.push_back(descriptor->dependency(i)->name());
-    }
-    EXPECT_EQ(dependencies, file.dependencies);
-
-    FileDescriptorProto proto;
-    descriptor->CopyTo(&proto);
-    EXPECT_FALSE(proto.has_syntax()) << "proto2 without a syntax line";
-
-    google::protobuf::FileOptions expected_options;
-    expected_options.set_java_package("quorvel.protobuf");
-    expected_options.set_java_outer_classname(file.java_outer_classname);
-    EXPECT_EQ(proto.options().SerializeAsString(), expected_options.SerializeAsString());
+// " [options in text form]", or "" when there are none.
+std::string optionsText(const google::protobuf::Message& options) {
+    const std::string text = options.ShortDebugString();
+    return text.empty() ? "" : " [" + text + "]";
 }
 
-std::string labelName(Label label) {
-    switch (label) {
-        case kOptional:
-            return "optional";
-        case kRequired:
-            return "required";
-        case kRepeated:
-            return "repeated";
+void writeEnum(const EnumDescriptor* enum_type, std::ostream& out) {
+    out << "enum " << enum_type->full_name() << optionsText(enum_type->options()) << "\n";
+    for (int i = 0; i < enum_type->value_count(); ++i) {
+        out << "  " << enum_type->value(i)->number() << " " << enum_type->value(i)->name()
+            << optionsText(enum_type->value(i)->options()) << "\n";
     }
-    return "?";
-}
-
-std::string labelName(FieldDescriptor::Label label) {
-    switch (label) {
-        case FieldDescriptor::LABEL_OPTIONAL:
-            return "optional";
-        case FieldDescriptor::LABEL_REQUIRED:
-            return "required";
-        case FieldDescriptor::LABEL_REPEATED:
-            return "repeated";
-    }
-    return "?";
 }
 
 std::string typeName(const FieldDescriptor* field) {
@@ -128,73 +60,67 @@ std::string typeName(const FieldDescriptor* field) {
     return field->type_name();
 }
 
-// The explicit default as it stands in the schema text, or "" when there is none.
-std::string explicitDefault(const FieldDescriptor* field) {
-    if (!field->has_default_value())
-        return "";
-    switch (field->cpp_type()) {
-        case FieldDescriptor::CPPTYPE_STRING:
-            return field->default_value_string();
-        case FieldDescriptor::CPPTYPE_INT32:
-            return std::to_string(field->default_value_int32());
-        case FieldDescriptor::CPPTYPE_BOOL:
-            return field->default_value_bool() ? "true" : "false";
-        case FieldDescriptor::CPPTYPE_ENUM:
-            return field->default_value_enum()->name();
-        default:
-            return "<unexpected type>";
-    }
-}
-
-void expectFieldsMatch(const Descriptor* message, const MessageLayout& expected) {
-    ASSERT_EQ(message->field_count(), static_cast<int>(expected.fields.size()));
+void writeMessage(const Descriptor* message, std::ostream& out) {
+    static const char* const kLabelNames[] = {"", "optional", "required", "repeated"};
+    out << "message " << message->full_name() << optionsText(message->options()) << "\n";
     for (int i = 0; i < message->field_count(); ++i) {
         const FieldDescriptor* field = message->field(i);
-        const FieldLayout& want = expected.fields[i];
-        SCOPED_TRACE(field->full_name());
-        EXPECT_EQ(field->name(), want.name);
-        EXPECT_EQ(field->number(), want.number);
-        EXPECT_EQ(labelName(field->label()), labelName(want.label));
-        EXPECT_EQ(typeName(field), want.type);
-        EXPECT_EQ(explicitDefault(field), want.default_value ? want.default_value : "");
-        EXPECT_EQ(field->options().ByteSizeLong(), 0u) << "no field options";
+        google::protobuf::FieldDescriptorProto proto;
+        field->CopyTo(&proto);  // carries the default in its schema text form
+        out << "  " << field->number() << " " << kLabelNames[field->label()] << " "
+            << typeName(field) << " " << field->name();
+        if (proto.has_default_value())
+            out << " = " << proto.default_value();
+        out << optionsText(field->options()) << "\n";
     }
+    for (int i = 0; i < message->nested_type_count(); ++i)
+        writeMessage(message->nested_type(i), out);
+    for (int i = 0; i < message->enum_type_count(); ++i)
+        writeEnum(message->enum_type(i), out);
 }
 
-TEST_P(SchemaFileTest, MessagesAndFieldsStandInDeclarationOrder) {
-    const FileDescriptor* descriptor = GetParam().descriptor();
-    const std::vector<MessageLayout>& expected = GetParam().layout->messages;
-    ASSERT_EQ(descriptor->message_type_count(), static_cast<int>(expected.size()));
-    for (int i = 0; i < descriptor->message_type_count(); ++i) {
-        const Descriptor* message = descriptor->message_type(i);
-        SCOPED_TRACE(message->full_name());
-        EXPECT_EQ(message->full_name(), expected[i].full_name);
-        EXPECT_EQ(message->nested_type_count(), 0);
-        EXPECT_EQ(message->enum_type_count(), 0);
-        EXPECT_EQ(message->options().ByteSizeLong(), 0u) << "no message options";
-        expectFieldsMatch(message, expected[i]);
-    }
+std::string layoutOf(const FileDescriptor* file) {
+    std::ostringstream out;
+    out << "file " << file->name() << " package " << file->package() << optionsText(file->options())
+        << "\n";
+    for (int i = 0; i < file->dependency_count(); ++i)
+        out << "import " << file->dependency(i)->name() << "\n";
+    for (int i = 0; i < file->message_type_count(); ++i)
+        writeMessage(file->message_type(i), out);
+    for (int i = 0; i < file->enum_type_count(); ++i)
+        writeEnum(file->enum_type(i), out);
+    return out.str();
 }
 
-TEST_P(SchemaFileTest, EnumsAndMembersStandInDeclarationOrder) {
-    const FileDescriptor* descriptor = GetParam().descriptor();
-    const std::vector<EnumLayout>& expected = GetParam().layout->enums;
-    ASSERT_EQ(descriptor->enum_type_count(), static_cast<int>(expected.size()));
-    for (int i = 0; i < descriptor->enum_type_count(); ++i) {
-        const EnumDescriptor* enum_type = descriptor->enum_type(i);
-        SCOPED_TRACE(enum_type->full_name());
-        EXPECT_EQ(enum_type->full_name(), expected[i].full_name);
-        ASSERT_EQ(enum_type->value_count(), static_cast<int>(expected[i].values.size()));
-        for (int v = 0; v < enum_type->value_count(); ++v) {
-            EXPECT_EQ(enum_type->value(v)->name(), expected[i].values[v].name);
-            EXPECT_EQ(enum_type->value(v)->number(), expected[i].values[v].number);
-        }
+// The listing without its comment and blank lines.
+std::string expectedLayout(const std::string& schema_name) {
+    std::ifstream in(SCHEMA_DATA_DIR "/" + schema_name + "_layout.txt");
+    std::string layout;
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line[0] != '#')
+            layout += line + "\n";
     }
+    return layout;
+}
+
+class SchemaFileTest : public testing::TestWithParam<SchemaFile> {};
+
+TEST_P(SchemaFileTest, EmbeddedDescriptorHasTheExpectedSize) {
+    const SchemaFile& file = GetParam();
+    EXPECT_EQ(file.table->size, file.serialized_size);
+    // The pool must hold the very bytes that the generated unit registered.
+    google::protobuf::FileDescriptorProto proto;
+    file.descriptor()->CopyTo(&proto);
+    EXPECT_EQ(proto.SerializeAsString(), std::string(file.table->descriptor, file.table->size));
+}
+
+TEST_P(SchemaFileTest, DeclarationsMatchTheExpectedLayout) {
+    EXPECT_EQ(layoutOf(GetParam().descriptor()), expectedLayout(GetParam().name));
 }
 
 INSTANTIATE_TEST_SUITE_P(BothFiles, SchemaFileTest, testing::ValuesIn(kSchemaFiles),
                          [](const testing::TestParamInfo<SchemaFile>& info) {
-                             return std::string(info.param.package);
+                             return std::string(info.param.name);
                          });
 
 }  // namespace
