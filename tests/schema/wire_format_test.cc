@@ -33,7 +33,8 @@ std::string trimmed(const std::string& text) {
                                       : text.substr(first, text.find_last_not_of(' ') + 1 - first);
 }
 
-// A line that does not have four fields keeps its type empty and fails its test.
+// A line without four fields gets empty ones and fails its test as malformed; a missing file
+// leaves the suite without instances, which fails too.
 std::vector<WireExample> loadWireExamples() {
     std::ifstream in(SCHEMA_DATA_DIR "/wire_examples.txt");
     std::vector<WireExample> examples;
