@@ -3,65 +3,46 @@
 // and without the test build's switches for the log device and the log daemon's pid file.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <set>
 #include <sstream>
 
+#include "Harness.h"
+
 namespace {
 
-std::string commandOutput(const std::string& command) {
-    std::string output;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return output;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        output.append(buffer, n);
-    }
-    pclose(pipe);
-    return output;
+std::string shell(const std::string& command) {
+    return runProgram("/bin/sh", {"sh", "-c", command}, {}).out;
 }
 
 TEST(Binary, UsesOnlyTheElevenClientOperationsOfLibmsgpass) {
-    const std::string symbols =
-        commandOutput(std::string("nm -D --undefined-only ") + SETVANE_BINARY);
-    ASSERT_FALSE(symbols.empty());
-    const std::set<std::string> allowed = {
-        "MSG_DebugSetName", "MSG_OpenLocal",       "MSG_OpenRemoteSync",    "MSG_CloseLocal",
-        "MSG_AllocMsg",     "MSG_SendMsg",         "MSG_GetPayloadMutable", "MSG_RecvMsg",
-        "MSG_GetPayload",   "MSG_GetPayloadBytes", "MSG_ReleaseMsg"};
+    std::istringstream symbols(shell(std::string("nm -D --undefined-only ") + SETVANE_BINARY));
     std::set<std::string> used;
-    std::istringstream lines(symbols);
-    std::string kind;
-    std::string name;
-    while (lines >> kind >> name) {
-        name = name.substr(0, name.find('@'));
+    for (std::string kind, name; symbols >> kind >> name;) {
         if (name.rfind("MSG_", 0) == 0) {
-            used.insert(name);
+            used.insert(name.substr(0, name.find('@')));
         }
     }
-    EXPECT_EQ(used, allowed);
+    EXPECT_EQ(used,
+              std::set<std::string>({"MSG_DebugSetName", "MSG_OpenLocal", "MSG_OpenRemoteSync",
+                                     "MSG_CloseLocal", "MSG_AllocMsg", "MSG_SendMsg",
+                                     "MSG_GetPayloadMutable", "MSG_RecvMsg", "MSG_GetPayload",
+                                     "MSG_GetPayloadBytes", "MSG_ReleaseMsg"}));
 }
 
 TEST(Binary, LoadsOnlyLibmsgpassAndTheCLibraryDynamically) {
-    const std::string dynamic = commandOutput(std::string("readelf -d ") + SETVANE_BINARY);
+    const std::string dynamic = shell(std::string("readelf -d ") + SETVANE_BINARY);
     EXPECT_NE(dynamic.find("[libmsgpass.so"), std::string::npos);
-    EXPECT_EQ(dynamic.find("libprotobuf"), std::string::npos);
-    EXPECT_EQ(dynamic.find("libstdc++"), std::string::npos);
-    EXPECT_EQ(dynamic.find("libgcc_s"), std::string::npos);
+    for (const char* absent : {"libprotobuf", "libstdc++", "libgcc_s", "(RPATH)"}) {
+        EXPECT_EQ(dynamic.find(absent), std::string::npos) << absent;
+    }
     // RUNPATH, unlike RPATH, lets LD_LIBRARY_PATH choose another libmsgpass.
     EXPECT_NE(dynamic.find("(RUNPATH)"), std::string::npos);
-    EXPECT_EQ(dynamic.find("(RPATH)"), std::string::npos);
 }
 
 TEST(Binary, OnlyTheTestBuildTakesItsLogFilesFromTheEnvironment) {
-    // The test build shows what the check looks for; the product must not contain it.
-    for (const char* variable : {"SETVANE_TEST_PID_FILE", "LOGMSG_TEST_DEVICE"}) {
-        const std::string grep = std::string(" | grep -c ") + variable;
-        EXPECT_EQ(commandOutput(std::string("strings ") + SETVANE_TESTDEV_BINARY + grep), "1\n");
-        EXPECT_EQ(commandOutput(std::string("strings ") + SETVANE_BINARY + grep), "0\n");
+    for (const std::string variable : {"SETVANE_TEST_PID_FILE", "LOGMSG_TEST_DEVICE"}) {
+        EXPECT_EQ(shell("strings " SETVANE_TESTDEV_BINARY " | grep -c " + variable), "1\n");
+        EXPECT_EQ(shell("strings " SETVANE_BINARY " | grep -c " + variable), "0\n");
     }
 }
 

@@ -1,5 +1,4 @@
-/* Waits, doing nothing, until a signal ends it. Tests start it under the command lines they
- * need: its arguments are never looked at. */
+/* Idles until killed, under whatever command line a test starts it with (say, a log daemon's). */
 #include <unistd.h>
 
 int main(void) {

@@ -1,455 +1,214 @@
-// setvane against the scripted stand-in service over the real libmsgpass: what it sends, what
-// it prints, and the exit status, for the answers a service can give.
+// setvane against the stand-in service (standin_service.cpp) over the real libmsgpass: the
+// request the service receives, what the tool prints for each answer, and its exit status.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "Common/protobuf/v3/configservice.pb.h"
-#include "Expect.h"
-#include "ToolProcess.h"
+#include "Harness.h"
 
 namespace {
 
-const uint32_t kReadReqMsgId = 0x001A0000;
-const uint32_t kReadRspMsgId = 0x001A0041;
-const uint32_t kWriteReqMsgId = 0x001A0080;
-const uint32_t kWriteRspMsgId = 0x001A0191;
-
-struct Recorded {
-    uint32_t id = 0;
-    pid_t pid = 0;
-    std::string payload;
-};
-
-std::vector<Recorded> parseRecord(const std::string& text) {
-    std::vector<Recorded> requests;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        Recorded r;
-        char hex[8192] = {};
-        int pid = 0;
-        if (std::sscanf(line.c_str(), "id=%u pid=%d payload=%8191s", &r.id, &pid, hex) >= 2) {
-            r.pid = pid;
-            r.payload = fromHex(hex);
-            requests.push_back(r);
-        }
-    }
-    return requests;
-}
+const char kReadRspId[] = "0x1A0041";
+const char kWriteRspId[] = "0x1A0191";
 
 std::string readReply(CommonIF::eErrorType error, const std::vector<std::string>& values = {}) {
-    ConfigIF::ReadRsp rsp;
-    rsp.set_error(error);
-    for (const std::string& v : values) {
-        rsp.add_value(v);
+    ConfigIF::ReadRsp reply;
+    reply.set_error(error);
+    for (const std::string& value : values) {
+        reply.add_value(value);
     }
-    return toHex(rsp.SerializeAsString());
+    return toHex(reply.SerializeAsString());
 }
 
 std::string writeReply(CommonIF::eErrorType error, bool rebootRequired = false) {
-    ConfigIF::WriteRsp rsp;
-    rsp.mutable_ret_message()->set_error(error);
+    ConfigIF::WriteRsp reply;
+    reply.mutable_ret_message()->set_error(error);
     if (rebootRequired) {
-        rsp.mutable_ret_message()->set_reboot_required(true);
+        reply.mutable_ret_message()->set_reboot_required(true);
     }
-    return toHex(rsp.SerializeAsString());
+    return toHex(reply.SerializeAsString());
 }
 
-// One run of setvane against a stand-in started with `serviceOptions`.
+// A request line of the stand-in's record as "read <role> <name> <node>:<instance>...", and for
+// a write the same followed by " =" and each value in quotes.
+std::string describe(const std::string& recorded) {
+    std::istringstream fields(recorded);
+    uint32_t id = 0;
+    std::string hex;
+    fields >> id >> hex;
+    std::string payload;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        payload.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    ConfigIF::ReadReq read;
+    ConfigIF::WriteReq write;
+    const bool isWrite = id == 0x1A0080 && write.ParseFromString(payload);
+    if (!isWrite && (id != 0x1A0000 || !read.ParseFromString(payload))) {
+        return "unknown request " + recorded;
+    }
+    EXPECT_FALSE(write.has_override_security());
+    const ConfigIF::Inst& instance = isWrite ? write.instance_val().instance() : read.instance();
+    EXPECT_FALSE(instance.has_scope());
+    std::string text = isWrite ? "write " : "read ";
+    text += CommonIF::eSecurityRole_Name(isWrite ? write.role() : read.role()) + " " +
+            (isWrite ? write.name() : read.name());
+    for (const ConfigIF::Node& node : instance.node()) {
+        text += " " + node.name() + ":" + std::to_string(node.instance());
+    }
+    text += isWrite ? " =" : "";
+    for (const std::string& value : write.instance_val().value()) {
+        text += " '" + value + "'";
+    }
+    return text;
+}
+
 class ServiceTest : public ::testing::Test {
   protected:
-    ToolRun runAgainst(const std::vector<std::string>& serviceOptions,
-                       const std::vector<std::string>& words, const Environment& extraEnv = {}) {
-        StandinService service(dir.path());
-        std::vector<std::string> options = serviceOptions;
-        options.insert(options.end(), {"--record", recordPath()});
-        EXPECT_TRUE(service.start(options));
-        Environment env = {{"MSGPASS_DIR", dir.path()}};
-        env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-        return runSetvane(words, env);
+    // setvane with `words` against a stand-in answering `replyHex` under `replyId`.
+    Outcome run(const char* replyId, const std::string& replyHex,
+                const std::vector<std::string>& words) {
+        Background service(STANDIN_BINARY,
+                           {"standin_service", "--reply-id", replyId, "--reply-hex", replyHex,
+                            "--record", dir.file("requests")},
+                           {{"MSGPASS_DIR", dir.path}}, true);
+        EXPECT_TRUE(service.ready);
+        return runSetvane(words, {{"MSGPASS_DIR", dir.path}});
     }
-    ToolRun read(const std::string& replyHex, const std::vector<std::string>& words) {
-        return runAgainst({"--reply-id", std::to_string(kReadRspMsgId), "--reply-hex", replyHex},
-                          words);
-    }
-    ToolRun write(const std::string& replyHex, const std::vector<std::string>& words) {
-        return runAgainst({"--reply-id", std::to_string(kWriteRspMsgId), "--reply-hex", replyHex},
-                          words);
-    }
-    std::string recordPath() const { return dir.file("requests"); }
-    std::vector<Recorded> requests() const { return parseRecord(readFile(recordPath())); }
-
     TempDir dir;
 };
 
-// ---- The request the service receives ----
-
 struct RequestCase {
-    const char* title;
     std::vector<std::string> words;
-    bool isWrite;
-    CommonIF::eSecurityRole role;
-    const char* clientName;  // null: the endpoint's own name
-    std::string nodes;       // "name:instance" separated by spaces
-    std::vector<std::string> values;
+    const char* request;  // as described above; "{pid}" is setvane's
 };
 
 void PrintTo(const RequestCase& c, std::ostream* os) {
-    *os << c.title;
-}
-
-std::string nodesOf(const ConfigIF::Inst& inst) {
-    std::string text;
-    for (const ConfigIF::Node& node : inst.node()) {
-        EXPECT_TRUE(node.has_instance()) << "instance of node '" << node.name() << "' not sent";
-        text += (text.empty() ? "" : " ") + node.name() + ":" + std::to_string(node.instance());
+    for (const std::string& word : c.words) {
+        *os << "'" << word << "' ";
     }
-    EXPECT_FALSE(inst.has_scope());
-    return text;
 }
 
 class RequestTest : public ServiceTest, public ::testing::WithParamInterface<RequestCase> {};
 
-TEST_P(RequestTest, ServiceReceivesExactlyTheRequest) {
-    const RequestCase& c = GetParam();
-    const ToolRun run = c.isWrite ? write(writeReply(CommonIF::kErrNoError), c.words)
-                                  : read(readReply(CommonIF::kErrNoError), c.words);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.err, "");
-    EXPECT_EQ(run.out, "");
-
-    const std::vector<Recorded> received = requests();
-    ASSERT_EQ(received.size(), 1u);
-    EXPECT_EQ(received[0].pid, run.pid);
-    const std::string expectedName =
-        c.clientName != nullptr ? c.clientName : "setvane-" + std::to_string(run.pid);
-    if (c.isWrite) {
-        EXPECT_EQ(received[0].id, kWriteReqMsgId);
-        ConfigIF::WriteReq req;
-        ASSERT_TRUE(req.ParseFromString(received[0].payload));
-        EXPECT_EQ(req.name(), expectedName);
-        EXPECT_EQ(req.role(), c.role);
-        EXPECT_EQ(nodesOf(req.instance_val().instance()), c.nodes);
-        EXPECT_EQ(std::vector<std::string>(req.instance_val().value().begin(),
-                                           req.instance_val().value().end()),
-                  c.values);
-        EXPECT_FALSE(req.has_override_security());
-    } else {
-        EXPECT_EQ(received[0].id, kReadReqMsgId);
-        ConfigIF::ReadReq req;
-        ASSERT_TRUE(req.ParseFromString(received[0].payload));
-        EXPECT_EQ(req.name(), expectedName);
-        EXPECT_EQ(req.role(), c.role);
-        EXPECT_TRUE(req.has_instance());
-        EXPECT_EQ(nodesOf(req.instance()), c.nodes);
-    }
-}
-
-const RequestCase kRequestCases[] = {
-    {"OneNode", {"x"}, false, CommonIF::kUser, nullptr, "x:0", {}},
-    {"NodeWithInstance", {"x", "3"}, false, CommonIF::kUser, nullptr, "x:3", {}},
-    {"NumberBeforeAnyNodeIgnored", {"3", "x"}, false, CommonIF::kUser, nullptr, "x:0", {}},
-    {"SecondNumberReplacesFirst", {"x", "1", "2"}, false, CommonIF::kUser, nullptr, "x:2", {}},
-    {"PathOfNodes",
-     {"sys", "1", "net", "ip"},
-     false,
-     CommonIF::kUser,
-     nullptr,
-     "sys:1 net:0 ip:0",
-     {}},
-    {"LeadingDigitsOnly", {"x", "12abc"}, false, CommonIF::kUser, nullptr, "x:12", {}},
-    {"NoSeparatorInsideAWord", {"a.b", "c/d"}, false, CommonIF::kUser, nullptr, "a.b:0 c/d:0", {}},
-    {"EmptyWordIsANode", {""}, false, CommonIF::kUser, nullptr, ":0", {}},
-    {"ValuesMakeAWrite", {"x", "-v", "5", "y"}, true, CommonIF::kAdmin, nullptr, "x:0", {"5", "y"}},
-    {"ValuesKeepOrderAndEmptyOnes",
-     {"x", "-v", "", "1", "--value", "z"},
-     true,
-     CommonIF::kAdmin,
-     nullptr,
-     "x:0",
-     {"", "1", "z"}},
-    {"ShortWriteKeepsUserRole",
-     {"-w", "x", "-v", "on"},
-     true,
-     CommonIF::kUser,
-     nullptr,
-     "x:0",
-     {"on"}},
-    {"LongWriteGetsAdminRole",
-     {"--write", "x", "-v", "on"},
-     true,
-     CommonIF::kAdmin,
-     nullptr,
-     "x:0",
-     {"on"}},
-    {"ValueModeWithoutValuesReads", {"x", "-v"}, false, CommonIF::kUser, nullptr, "x:0", {}},
-    {"WriteWithoutNodes", {"--write", "-v", "on"}, true, CommonIF::kAdmin, nullptr, "", {"on"}},
-    {"WriteWithoutValues", {"--write", "x"}, true, CommonIF::kAdmin, nullptr, "x:0", {}},
-    {"ReadWithoutNodes", {"--read"}, false, CommonIF::kUser, nullptr, "", {}},
-    {"ExplicitReadWithValuesStillReads",
-     {"--read", "x", "-v", "1"},
-     false,
-     CommonIF::kUser,
-     nullptr,
-     "x:0",
-     {}},
-    {"ClientName", {"--client", "me", "x"}, false, CommonIF::kUser, "me", "x:0", {}},
-    {"ClientNameTakenWhateverItLooksLike",
-     {"-c", "--debug", "x"},
-     false,
-     CommonIF::kUser,
-     "--debug",
-     "x:0",
-     {}},
-    {"OptionsBetweenInstanceWords",
-     {"x", "-c", "me", "3", "-r", "system"},
-     false,
-     CommonIF::kSystem,
-     "me",
-     "x:3",
-     {}},
-    {"RoleOverridesWriteDefault",
-     {"--role", "kUser", "x", "-v", "1"},
-     true,
-     CommonIF::kUser,
-     nullptr,
-     "x:0",
-     {"1"}},
-    {"RoleUser", {"-r", "user", "x"}, false, CommonIF::kUser, nullptr, "x:0", {}},
-    {"RoleKAdmin", {"-r", "kAdmin", "x"}, false, CommonIF::kAdmin, nullptr, "x:0", {}},
-    {"RoleAdmin", {"-r", "admin", "x"}, false, CommonIF::kAdmin, nullptr, "x:0", {}},
-    {"RoleKSystem", {"-r", "kSystem", "x"}, false, CommonIF::kSystem, nullptr, "x:0", {}},
-    {"RoleKProvisioning",
-     {"-r", "kProvisioning", "x"},
-     false,
-     CommonIF::kProvisioning,
-     nullptr,
-     "x:0",
-     {}},
-    {"RoleProvisioning",
-     {"-r", "provisioning", "x"},
-     false,
-     CommonIF::kProvisioning,
-     nullptr,
-     "x:0",
-     {}},
-    {"RoleKStartup", {"-r", "kStartup", "x"}, false, CommonIF::kStartup, nullptr, "x:0", {}},
-    {"RoleStartup", {"-r", "startup", "x"}, false, CommonIF::kStartup, nullptr, "x:0", {}},
-};
-
-INSTANTIATE_TEST_SUITE_P(Tool, RequestTest, ::testing::ValuesIn(kRequestCases),
-                         [](const ::testing::TestParamInfo<RequestCase>& info) {
-                             return std::string(info.param.title);
-                         });
-
-// ---- Unknown roles: connected, nothing sent ----
-
-class UnknownRoleTest : public ServiceTest, public ::testing::WithParamInterface<const char*> {};
-
-TEST_P(UnknownRoleTest, EndsWithStatusOneBeforeSending) {
-    const ToolRun run = read(readReply(CommonIF::kErrNoError), {"--role", GetParam(), "x"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, redLine(std::string("unknown role '") + GetParam() + "'") + kHelpHint);
-    EXPECT_TRUE(requests().empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(Tool, UnknownRoleTest,
-                         ::testing::Values("Admin", "ADMIN", "User", "20", "", "kuser"));
-
-// ---- What a successful read prints ----
-
-struct ValuesCase {
-    const char* title;
-    std::vector<std::string> values;
-    std::string out;
-};
-
-void PrintTo(const ValuesCase& c, std::ostream* os) {
-    *os << c.title;
-}
-
-class ReadOutputTest : public ServiceTest, public ::testing::WithParamInterface<ValuesCase> {};
-
-TEST_P(ReadOutputTest, PrintsOneValuePerLine) {
-    const ToolRun run =
-        read(readReply(CommonIF::kErrNoError, GetParam().values), {"sys", "1", "net"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, GetParam().out);
-    EXPECT_EQ(run.err, "");
+TEST_P(RequestTest, ServiceReceivesExactlyThisRequest) {
+    const std::string expected = GetParam().request;
+    const bool isWrite = expected.rfind("write", 0) == 0;
+    const Outcome done = isWrite
+                             ? run(kWriteRspId, writeReply(CommonIF::kErrNoError), GetParam().words)
+                             : run(kReadRspId, readReply(CommonIF::kErrNoError), GetParam().words);
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.out, "");
+    EXPECT_EQ(done.err, "");
+    const std::string requests = readFile(dir.file("requests"));
+    ASSERT_EQ(std::count(requests.begin(), requests.end(), '\n'), 1);
+    EXPECT_EQ(describe(requests), replaced(expected, "{pid}", std::to_string(done.pid)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Tool, ReadOutputTest,
-    ::testing::Values(ValuesCase{"NoValues", {}, ""}, ValuesCase{"EmptyValue", {""}, "\n"},
-                      ValuesCase{"SeveralValues", {"a", "b c", "d"}, "a\nb c\nd\n"},
-                      ValuesCase{"ValueWithNewline", {"one\ntwo"}, "one\ntwo\n"},
-                      ValuesCase{"BytesUnchanged",
-                                 {std::string("\xff\x01\0z", 4)},
-                                 std::string("\xff\x01\0z\n", 5)}),
-    [](const ::testing::TestParamInfo<ValuesCase>& info) { return std::string(info.param.title); });
+    Tool, RequestTest,
+    ::testing::Values(
+        // A number numbers the node before it; words with dots or slashes are single nodes.
+        RequestCase{{"3", "sys", "1", "2", "", "a.b/c", "12abc"},
+                    "read kUser setvane-{pid} sys:2 :0 a.b/c:12"},
+        RequestCase{{"--read"}, "read kUser setvane-{pid}"},
+        RequestCase{{"x", "-v"}, "read kUser setvane-{pid} x:0"},
+        RequestCase{{"--read", "x", "-v", "1"}, "read kUser setvane-{pid} x:0"},
+        RequestCase{{"x", "-v", "", "5", "--value", "y"},
+                    "write kAdmin setvane-{pid} x:0 = '' '5' 'y'"},
+        // Only the long spelling of the write command defaults to the write role.
+        RequestCase{{"-w", "x", "-v", "on"}, "write kUser setvane-{pid} x:0 = 'on'"},
+        RequestCase{{"--write", "x"}, "write kAdmin setvane-{pid} x:0 ="},
+        RequestCase{{"--write", "-v", "on"}, "write kAdmin setvane-{pid} = 'on'"},
+        RequestCase{{"--role", "kUser", "x", "-v", "1"}, "write kUser setvane-{pid} x:0 = '1'"},
+        RequestCase{{"x", "-c", "me", "3", "-r", "system"}, "read kSystem me x:3"},
+        RequestCase{{"-c", "--debug", "x"}, "read kUser --debug x:0"},
+        RequestCase{{"-r", "user", "x"}, "read kUser setvane-{pid} x:0"},
+        RequestCase{{"-r", "kAdmin", "x"}, "read kAdmin setvane-{pid} x:0"},
+        RequestCase{{"-r", "admin", "x"}, "read kAdmin setvane-{pid} x:0"},
+        RequestCase{{"-r", "kSystem", "x"}, "read kSystem setvane-{pid} x:0"},
+        RequestCase{{"-r", "kProvisioning", "x"}, "read kProvisioning setvane-{pid} x:0"},
+        RequestCase{{"-r", "provisioning", "x"}, "read kProvisioning setvane-{pid} x:0"},
+        RequestCase{{"-r", "kStartup", "x"}, "read kStartup setvane-{pid} x:0"},
+        RequestCase{{"-r", "startup", "x"}, "read kStartup setvane-{pid} x:0"}));
 
-// ---- Errors the service answers with ----
+TEST_F(ServiceTest, ReadPrintsEachValueOnItsOwnLine) {
+    const std::string bytes("\xff\x01\0z", 4);
+    const Outcome done =
+        run(kReadRspId, readReply(CommonIF::kErrNoError, {"", "one\ntwo", bytes}), {"x"});
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.out, "\none\ntwo\n" + bytes + "\n");
+    EXPECT_EQ(done.err, "");
+}
+
+TEST_F(ServiceTest, WriteAskingForARebootSucceedsSilently) {
+    const Outcome done =
+        run(kWriteRspId, writeReply(CommonIF::kErrNoError, true), {"x", "-v", "1"});
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.out + done.err, "");
+}
 
 struct ServiceErrorCase {
     CommonIF::eErrorType error;
+    int status;
     const char* name;
 };
-
-void PrintTo(const ServiceErrorCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class ServiceErrorTest : public ServiceTest,
                          public ::testing::WithParamInterface<ServiceErrorCase> {};
 
-TEST_P(ServiceErrorTest, ReadNamesTheErrorAndExitsWithIt) {
-    const ToolRun run = read(readReply(GetParam().error, {"ignored"}), {"x"});
-    EXPECT_EQ(run.status, GetParam().error & 0xff);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, redLine(std::string("ReadRsp error ") + GetParam().name));
-}
-
-TEST_P(ServiceErrorTest, WriteNamesTheErrorAndExitsWithIt) {
-    const ToolRun run = write(writeReply(GetParam().error), {"x", "-v", "1"});
-    EXPECT_EQ(run.status, GetParam().error & 0xff);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, redLine(std::string("WriteRsp error ") + GetParam().name));
+TEST_P(ServiceErrorTest, IsNamedAndBecomesTheExitStatus) {
+    const ServiceErrorCase& c = GetParam();
+    const Outcome read = run(kReadRspId, readReply(c.error, {"not shown"}), {"x"});
+    EXPECT_EQ(read.status, c.status);
+    EXPECT_EQ(read.out, "");
+    EXPECT_EQ(read.err, redLine(std::string("ReadRsp error ") + c.name));
+    const Outcome write = run(kWriteRspId, writeReply(c.error), {"x", "-v", "1"});
+    EXPECT_EQ(write.status, c.status);
+    EXPECT_EQ(write.out, "");
+    EXPECT_EQ(write.err, redLine(std::string("WriteRsp error ") + c.name));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Tool, ServiceErrorTest,
-    ::testing::Values(ServiceErrorCase{CommonIF::kErrGenericError, "kErrGenericError"},
-                      ServiceErrorCase{CommonIF::kErrOutOfMemory, "kErrOutOfMemory"},
-                      ServiceErrorCase{CommonIF::kErrBadParameter, "kErrBadParameter"},
-                      ServiceErrorCase{CommonIF::kErrBadState, "kErrBadState"},
-                      ServiceErrorCase{CommonIF::kErrOutOfResources, "kErrOutOfResources"},
-                      ServiceErrorCase{CommonIF::kErrNotYetSupported, "kErrNotYetSupported"},
-                      ServiceErrorCase{CommonIF::kErrItemNotFound, "kErrItemNotFound"},
-                      ServiceErrorCase{CommonIF::kErrNotAuthorized, "kErrNotAuthorized"},
-                      ServiceErrorCase{CommonIF::kErrAlreadyExists, "kErrAlreadyExists"},
-                      ServiceErrorCase{CommonIF::kErrTimeOut, "kErrTimeOut"},
-                      ServiceErrorCase{CommonIF::kErrPortLocked, "kErrPortLocked"},
-                      ServiceErrorCase{CommonIF::kNotEnabled, "-12/unknown_error"}));
+    ::testing::Values(ServiceErrorCase{CommonIF::kErrGenericError, 255, "kErrGenericError"},
+                      ServiceErrorCase{CommonIF::kErrOutOfMemory, 254, "kErrOutOfMemory"},
+                      ServiceErrorCase{CommonIF::kErrBadParameter, 253, "kErrBadParameter"},
+                      ServiceErrorCase{CommonIF::kErrBadState, 252, "kErrBadState"},
+                      ServiceErrorCase{CommonIF::kErrOutOfResources, 251, "kErrOutOfResources"},
+                      ServiceErrorCase{CommonIF::kErrNotYetSupported, 250, "kErrNotYetSupported"},
+                      ServiceErrorCase{CommonIF::kErrItemNotFound, 249, "kErrItemNotFound"},
+                      ServiceErrorCase{CommonIF::kErrNotAuthorized, 248, "kErrNotAuthorized"},
+                      ServiceErrorCase{CommonIF::kErrAlreadyExists, 247, "kErrAlreadyExists"},
+                      ServiceErrorCase{CommonIF::kErrTimeOut, 246, "kErrTimeOut"},
+                      ServiceErrorCase{CommonIF::kErrPortLocked, 245, "kErrPortLocked"},
+                      ServiceErrorCase{CommonIF::kNotEnabled, 244, "-12/unknown_error"}));
 
-TEST_F(ServiceTest, WriteAskingForRebootSucceedsSilently) {
-    const ToolRun run = write(writeReply(CommonIF::kErrNoError, true), {"x", "-v", "1"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, "");
-}
-
-// ---- Replies that are not what was asked for ----
-
-struct BadReplyCase {
-    const char* title;
-    bool isWrite;
-    std::string replyHex;
-};
-
-void PrintTo(const BadReplyCase& c, std::ostream* os) {
-    *os << c.title;
-}
-
-class BadReplyTest : public ServiceTest, public ::testing::WithParamInterface<BadReplyCase> {};
-
-TEST_P(BadReplyTest, ReportsTheParseFailureWithStatus255) {
-    const BadReplyCase& c = GetParam();
-    const ToolRun run = c.isWrite ? write(c.replyHex, {"x", "-v", "1"}) : read(c.replyHex, {"x"});
-    EXPECT_EQ(run.status, 255);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, redLine("ParseFromArray() failed"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Tool, BadReplyTest,
-                         ::testing::Values(BadReplyCase{"EmptyReadReply", false, ""},
-                                           BadReplyCase{"GarbageReadReply", false, "ffff"},
-                                           BadReplyCase{"ErrorCodeAboveRange", false, "5005"},
-                                           BadReplyCase{"ErrorCodeBelowRange", false,
-                                                        "50f3ffffffffffffffff01"},
-                                           BadReplyCase{"ValueButNoError", false, "a2010161"},
-                                           BadReplyCase{"EmptyWriteReply", true, ""},
-                                           BadReplyCase{"WriteReplyWithoutError", true, "5200"},
-                                           BadReplyCase{"WriteErrorOutOfRange", true, "52025005"}),
-                         [](const ::testing::TestParamInfo<BadReplyCase>& info) {
-                             return std::string(info.param.title);
-                         });
-
-TEST_F(ServiceTest, ReplyUnderAnotherIdIsNotTakenAsTheAnswer) {
-    const ToolRun run = runAgainst({"--reply-id", std::to_string(kWriteRspMsgId), "--reply-hex",
-                                    readReply(CommonIF::kErrNoError, {"v"})},
-                                   {"x"}, {{"MSGPASS_MAX_WAIT_MS", "200"}});
-    EXPECT_EQ(run.status, 255);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, redLine("MSG_RecvMsg() failed"));
-}
-
-TEST_F(ServiceTest, SilentServiceEndsWithStatus255) {
-    const ToolRun run = runAgainst({"--silent"}, {"x"}, {{"MSGPASS_MAX_WAIT_MS", "200"}});
-    EXPECT_EQ(run.status, 255);
-    EXPECT_EQ(run.err, redLine("MSG_RecvMsg() failed"));
-    EXPECT_EQ(requests().size(), 1u);
-}
-
-TEST_F(ServiceTest, SlowServiceIsWaitedFor) {
-    const ToolRun run =
-        runAgainst({"--reply-id", std::to_string(kReadRspMsgId), "--reply-hex",
-                    readReply(CommonIF::kErrNoError, {"late"}), "--delay-ms", "300"},
-                   {"x"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "late\n");
-    EXPECT_EQ(run.err, "");
+TEST_F(ServiceTest, ReplyThatDoesNotParseEndsWithStatus255) {
+    const std::pair<const char*, const char*> replies[] = {
+        {kReadRspId, ""},      // the error is required
+        {kReadRspId, "ffff"},  // no message at all
+        {kReadRspId, "5005"},  // error code 5, outside the enumeration
+        {kWriteRspId, "52025005"}};
+    for (const auto& reply : replies) {
+        SCOPED_TRACE(reply.second);
+        const bool isWrite = reply.first == kWriteRspId;
+        const Outcome done = isWrite ? run(reply.first, reply.second, {"x", "-v", "1"})
+                                     : run(reply.first, reply.second, {"x"});
+        EXPECT_EQ(done.status, 255);
+        EXPECT_EQ(done.out, "");
+        EXPECT_EQ(done.err, redLine("ParseFromArray() failed"));
+    }
 }
 
 TEST(NoService, ConnectFailureEndsWithStatusOne) {
     TempDir dir;
-    const ToolRun run =
-        runSetvane({"x"}, {{"MSGPASS_DIR", dir.path()}, {"MSGPASS_MAX_WAIT_MS", "100"}});
+    const Outcome run =
+        runSetvane({"x"}, {{"MSGPASS_DIR", dir.path}, {"MSGPASS_MAX_WAIT_MS", "100"}});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, redLine("MSG_OpenRemoteSync() failed " + std::to_string(304)));
-}
-
-// ---- The --debug trace ----
-
-std::string heading(const std::string& text) {
-    return "\033[7m" + text + "\033[0m\n";
-}
-
-TEST_F(ServiceTest, DebugTracesBothMessages) {
-    ConfigIF::ReadRsp rsp;
-    rsp.set_error(CommonIF::kErrNoError);
-    rsp.add_value("on");
-    const ToolRun run = read(toHex(rsp.SerializeAsString()), {"--debug", "sys", "1", "net"});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "on\n");
-
-    ConfigIF::ReadReq req;
-    req.set_name("setvane-" + std::to_string(run.pid));
-    req.set_role(CommonIF::kUser);
-    ConfigIF::Node* sys = req.mutable_instance()->add_node();
-    sys->set_name("sys");
-    sys->set_instance(1);
-    ConfigIF::Node* net = req.mutable_instance()->add_node();
-    net->set_name("net");
-    net->set_instance(0);
-    EXPECT_EQ(run.err, heading("sending ConfigIF.ReadReq to ConfigSrvc") + req.DebugString() +
-                           "\n" + heading("received ConfigIF.ReadRsp from ConfigSrvc") +
-                           rsp.DebugString() + "\n");
-}
-
-TEST_F(ServiceTest, DebugShowsNoResponseWhenItDoesNotParse) {
-    const ToolRun run = write("", {"--debug", "--client", "c", "x", "-v", "1"});
-    EXPECT_EQ(run.status, 255);
-    ConfigIF::WriteReq req;
-    req.set_name("c");
-    req.set_role(CommonIF::kAdmin);
-    ConfigIF::Node* x = req.mutable_instance_val()->mutable_instance()->add_node();
-    x->set_name("x");
-    x->set_instance(0);
-    req.mutable_instance_val()->add_value("1");
-    EXPECT_EQ(run.err, heading("sending ConfigIF.WriteReq to ConfigSrvc") + req.DebugString() +
-                           "\n" + redLine("ParseFromArray() failed"));
+    EXPECT_EQ(run.err, redLine("MSG_OpenRemoteSync() failed 304"));
 }
 
 }  // namespace

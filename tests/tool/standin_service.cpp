@@ -1,14 +1,11 @@
-// A scripted stand-in for ConfigSrvc, built on libmsgpass's service calls.
+// A scripted stand-in for ConfigSrvc over libmsgpass, used by the tests and the benchmark.
 //
-// Opens the endpoint "ConfigSrvc" (in $MSGPASS_DIR), prints "ready" on standard output, then
-// answers every request with the bytes and message id it was told, optionally after a delay,
-// or not at all. Each request received is appended to the record file as one line:
-//   id=<decimal> pid=<sender pid> payload=<hex>
-// It runs until it has served --serve requests (0, the default: until it is killed).
+// Opens the endpoint "ConfigSrvc" (in $MSGPASS_DIR), prints "ready", then answers every request
+// with the same message until it is killed. With --record, each request is appended to FILE as
+// the line "<decimal id> <payload in hex>".
 //
-// Usage: standin_service [--reply-id N] [--reply-hex HEX] [--delay-ms N] [--silent]
-//                        [--record FILE] [--serve N]
-#include <time.h>
+// Usage: standin_service --reply-id ID --reply-hex HEX [--record FILE]
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -21,72 +18,12 @@ namespace {
 
 const char kServiceName[] = "ConfigSrvc";
 
-struct Script {
-    uint32_t replyId = 0;
-    std::string reply;  // raw bytes
-    long delayMs = 0;
-    bool silent = false;
-    const char* recordPath = nullptr;
-    long serve = 0;
-};
-
-bool decodeHex(const char* hex, std::string& bytes) {
-    const size_t digits = std::strlen(hex);
-    if (digits % 2 != 0) {
-        return false;
-    }
-    for (size_t i = 0; i < digits; i += 2) {
-        char pair[3] = {hex[i], hex[i + 1], '\0'};
-        char* end = nullptr;
-        const long value = std::strtol(pair, &end, 16);
-        if (*end != '\0') {
-            return false;
-        }
-        bytes.push_back(static_cast<char>(value));
-    }
-    return true;
-}
-
-bool parseArgs(int argc, char** argv, Script& script) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        if (option == "--silent") {
-            script.silent = true;
-            continue;
-        }
-        if (i + 1 >= argc) {
-            return false;
-        }
-        const char* argument = argv[++i];
-        if (option == "--reply-id") {
-            script.replyId = static_cast<uint32_t>(std::strtoul(argument, nullptr, 0));
-        } else if (option == "--reply-hex") {
-            if (!decodeHex(argument, script.reply)) {
-                return false;
-            }
-        } else if (option == "--delay-ms") {
-            script.delayMs = std::atol(argument);
-        } else if (option == "--record") {
-            script.recordPath = argument;
-        } else if (option == "--serve") {
-            script.serve = std::atol(argument);
-        } else {
-            return false;
-        }
-    }
-    return true;
-}
-
-void record(const Script& script, const MSG_Msg* request, const MSG_Sender& sender) {
-    if (script.recordPath == nullptr) {
-        return;
-    }
-    FILE* file = std::fopen(script.recordPath, "a");
+void record(const char* path, const MSG_Msg* request) {
+    FILE* file = path != nullptr ? std::fopen(path, "a") : nullptr;
     if (file == nullptr) {
         return;
     }
-    std::fprintf(file, "id=%u pid=%d payload=", MSG_GetMsgId(request),
-                 static_cast<int>(sender.pid));
+    std::fprintf(file, "%u ", MSG_GetMsgId(request));
     const unsigned char* payload = static_cast<const unsigned char*>(MSG_GetPayload(request));
     for (int i = 0; i < MSG_GetPayloadBytes(request); ++i) {
         std::fprintf(file, "%02x", payload[i]);
@@ -95,21 +32,16 @@ void record(const Script& script, const MSG_Msg* request, const MSG_Sender& send
     std::fclose(file);
 }
 
-void sleepMs(long ms) {
-    struct timespec pause = {ms / 1000, (ms % 1000) * 1000000L};
-    nanosleep(&pause, nullptr);
-}
-
-void answer(const Script& script, const MSG_Sender& sender) {
-    MSG_Msg* reply = MSG_AllocMsg(script.replyId, 0, static_cast<uint32_t>(script.reply.size()));
-    if (reply == nullptr) {
+void answer(uint32_t replyId, const std::string& reply, uint32_t address) {
+    MSG_Msg* message = MSG_AllocMsg(replyId, 0, static_cast<uint32_t>(reply.size()));
+    if (message == nullptr) {
         std::fprintf(stderr, "standin_service: MSG_AllocMsg failed\n");
         return;
     }
-    if (!script.reply.empty()) {
-        std::memcpy(MSG_GetPayloadMutable(reply), script.reply.data(), script.reply.size());
+    if (!reply.empty()) {
+        std::memcpy(MSG_GetPayloadMutable(message), reply.data(), reply.size());
     }
-    const int status = MSG_SendMsg(kServiceName, sender.address, reply);
+    const int status = MSG_SendMsg(kServiceName, address, message);
     if (status != MSG_OK) {
         std::fprintf(stderr, "standin_service: MSG_SendMsg failed %d\n", status);
     }
@@ -118,10 +50,20 @@ void answer(const Script& script, const MSG_Sender& sender) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Script script;
-    if (!parseArgs(argc, argv, script)) {
-        std::fprintf(stderr, "standin_service: bad arguments\n");
-        return 2;
+    uint32_t replyId = 0;
+    std::string reply;
+    const char* recordPath = nullptr;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--reply-id") == 0) {
+            replyId = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 0));
+        } else if (std::strcmp(argv[i], "--reply-hex") == 0) {
+            for (const char* hex = argv[i + 1]; hex[0] != '\0' && hex[1] != '\0'; hex += 2) {
+                const char pair[3] = {hex[0], hex[1], '\0'};
+                reply.push_back(static_cast<char>(std::strtol(pair, nullptr, 16)));
+            }
+        } else if (std::strcmp(argv[i], "--record") == 0) {
+            recordPath = argv[i + 1];
+        }
     }
     const int status = MSG_OpenLocal(kServiceName);
     if (status != MSG_OK) {
@@ -130,25 +72,16 @@ int main(int argc, char** argv) {
     }
     std::printf("ready\n");
     std::fflush(stdout);
-
-    for (long served = 0; script.serve == 0 || served < script.serve;) {
+    for (;;) {
         MSG_Msg* request = MSG_RecvAny(kServiceName, -1);
         if (request == nullptr) {
-            sleepMs(1);  // a capped wait ran out, or a failure: keep listening without spinning
+            usleep(1000);  // a capped wait ran out, or a failure: keep listening, without spinning
             continue;
         }
         MSG_Sender sender = {};
         MSG_GetSender(request, &sender);
-        record(script, request, sender);
+        record(recordPath, request);
         MSG_ReleaseMsg(request);
-        if (script.delayMs > 0) {
-            sleepMs(script.delayMs);
-        }
-        if (!script.silent) {
-            answer(script, sender);
-        }
-        ++served;
+        answer(replyId, reply, sender.address);
     }
-    MSG_CloseLocal(kServiceName);
-    return 0;
 }
