@@ -1,409 +1,347 @@
 #include "ConfigService.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <stdlib.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "ModelLoader.h"
-#include "TempFolder.h"
 
 namespace configsrvc {
 namespace {
 
-using CommonIF::eErrorType;
-using Path = std::vector<PathStep>;
+using namespace CommonIF;
+using namespace std::string_literals;
+using testing::ElementsAre;
 using Values = std::vector<std::string>;
 
-constexpr uid_t kServiceUid = 990;
-constexpr uid_t kOtherUid = 4321;      // may claim up to kAdmin
-constexpr uid_t kInstallerUid = 1500;  // listed in the example model: up to kSystem
+constexpr uid_t kService = 990;
+constexpr uid_t kOther = 4321;  // may claim up to kAdmin
+constexpr char kMtu[] = "network/interface 2/mtu";
+constexpr char kDns[] = "network/interface 3/dns";
+constexpr char kHost[] = "system/hostname";
+constexpr char kVolume[] = "audio/volume";
 
-const Path kMtu2 = {{"network", 0}, {"interface", 2}, {"mtu", 0}};
-const Path kDns = {{"network", 0}, {"interface", 0}, {"dns", 0}};
-const Path kVolume = {{"audio", 0}, {"volume", 0}};
-const Path kMute = {{"audio", 0}, {"mute", 0}};
-const Path kLayouts = {{"video", 0}, {"layouts", 0}};
-const Path kWatchdog = {{"system", 0}, {"watchdog", 0}};
-const Path kHostname = {{"system", 0}, {"hostname", 0}};
-const Path kSerial = {{"provisioning", 0}, {"serial-number", 0}};
-
-void fillInst(const Path& path, ConfigIF::Inst* inst) {
-    for (const PathStep& step : path) {
+// A path as a client names it: "network/interface 2/mtu", instance numbers after a blank.
+void fillInst(const std::string& path, ConfigIF::Inst* inst) {
+    std::istringstream steps(path);
+    for (std::string step; std::getline(steps, step, '/');) {
         ConfigIF::Node* node = inst->add_node();
-        node->set_name(step.name);
-        node->set_instance(step.instance);
+        size_t blank = step.find(' ');
+        node->set_name(step.substr(0, blank));
+        node->set_instance(blank == std::string::npos ? 0 : std::stoi(step.substr(blank)));
     }
 }
 
+// The example model over a store in a fresh state folder, and the service answering from them.
 class ConfigServiceTest : public testing::Test {
   protected:
     void SetUp() override {
-        std::string error;
-        std::vector<std::string> warnings;
-        ASSERT_TRUE(loadModelFile(EXAMPLE_MODEL, &model_, &error)) << error;
-        ASSERT_TRUE(ValueStore::open(folder_.path(), model_, &store_, &warnings, &error)) << error;
-        service_ = std::make_unique<ConfigService>(model_, *store_, kServiceUid);
+        char pattern[] = "/tmp/configsrvc-test-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        folder_ = pattern;
+        ASSERT_TRUE(loadModelFile(EXAMPLE_MODEL, &model_, &error_)) << error_;
+        ASSERT_TRUE(reopen()) << error_;
+    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+
+    // Opens the store again, as a restarted service does.
+    bool reopen() {
+        service_.reset();
+        store_.reset();
+        warnings_.clear();
+        if (!ValueStore::open(folder_, model_, &store_, &warnings_, &error_)) {
+            return false;
+        }
+        service_ = std::make_unique<ConfigService>(model_, *store_, kService);
+        return true;
     }
 
-    ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kServiceUid) {
+    ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {
         ConfigIF::ReadRsp response;
         service_->read(payload.data(), payload.size(), uid, &response);
-        // Whatever came in, the answer must be a complete message a client can parse.
-        EXPECT_TRUE(response.IsInitialized());
         return response;
     }
 
-    ConfigIF::ReadRsp read(const Path& path, int role = kRoleUser, uid_t uid = kServiceUid) {
+    ConfigIF::ReadRsp read(const std::string& path, eSecurityRole role = kProvisioning,
+                           uid_t uid = kService) {
         ConfigIF::ReadReq request;
         request.set_name("test");
-        request.set_role(static_cast<CommonIF::eSecurityRole>(role));
+        request.set_role(role);
         fillInst(path, request.mutable_instance());
         return readBytes(request.SerializeAsString(), uid);
     }
 
+    Values valuesOf(const std::string& path) {
+        ConfigIF::ReadRsp response = read(path);
+        return Values(response.value().begin(), response.value().end());
+    }
+
     // Checks the write and, when it may go ahead, commits and applies it as the server does.
-    ConfigIF::ReturnMessage writeBytes(const std::string& payload, uid_t uid = kServiceUid) {
+    ConfigIF::ReturnMessage writeBytes(const std::string& payload, uid_t uid = kService) {
         ConfigIF::WriteRsp response;
         PendingWrite pending;
         if (service_->checkWrite(payload.data(), payload.size(), uid, &pending, &response)) {
-            FinishedWrite finished{pending, false, ""};
-            finished.committed = store_->commit({&pending.change}, &finished.error);
+            FinishedWrite finished{pending, store_->commit({&pending.change}, &error_), error_};
             if (finished.committed) {
                 store_->apply(pending.change);
             }
             ConfigService::answerCommitted(finished, &response);
         }
-        EXPECT_TRUE(response.IsInitialized());
         return response.ret_message();
     }
 
-    ConfigIF::ReturnMessage write(const Path& path, const Values& values, int role = kRoleAdmin,
-                                  uid_t uid = kServiceUid, bool override = false) {
+    ConfigIF::ReturnMessage write(const std::string& path, const Values& values,
+                                  eSecurityRole role = kAdmin, uid_t uid = kService,
+                                  bool override = false) {
         ConfigIF::WriteReq request;
         request.set_name("test");
-        request.set_role(static_cast<CommonIF::eSecurityRole>(role));
+        request.set_role(role);
         fillInst(path, request.mutable_instance_val()->mutable_instance());
-        for (const std::string& value : values) {
-            request.mutable_instance_val()->add_value(value);
-        }
-        if (override) {
-            request.set_override_security(true);
-        }
+        request.mutable_instance_val()->mutable_value()->Add(values.begin(), values.end());
+        request.set_override_security(override);
         return writeBytes(request.SerializeAsString(), uid);
     }
 
-    Values valuesOf(const ConfigIF::ReadRsp& response) {
-        return Values(response.value().begin(), response.value().end());
+    std::string database() const { return folder_ + "/values.db"; }
+
+    // Closes the store and runs SQL on its database, as a damaged or foreign file would look.
+    void tamper(const std::string& sql) {
+        service_.reset();
+        store_.reset();
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(database().c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
+        sqlite3_close(db);
     }
 
-    TempFolder folder_;
+    // The store must refuse to open and leave the file byte for byte as it was.
+    std::string refusal() {
+        std::ostringstream before, after;
+        before << std::ifstream(database()).rdbuf();
+        EXPECT_FALSE(reopen());
+        after << std::ifstream(database()).rdbuf();
+        EXPECT_EQ(after.str(), before.str()) << "the refused database was changed";
+        return error_;
+    }
+
+    std::string folder_;
+    std::string error_;
     DeviceModel model_;
+    std::vector<std::string> warnings_;
     std::unique_ptr<ValueStore> store_;
     std::unique_ptr<ConfigService> service_;
 };
 
-TEST_F(ConfigServiceTest, ReadOfAnUntouchedVariableGivesTheDefaultAndTheInstanceAnswered) {
-    ConfigIF::ReadRsp response = read({{"network", 0}, {"interface", 0}, {"dns", 0}});
-    EXPECT_EQ(response.error(), CommonIF::kErrNoError);
-    EXPECT_EQ(valuesOf(response), (Values{"192.0.2.53", "198.51.100.53"}));
-    EXPECT_TRUE(response.is_default());
-    // Instance 0 is answered as the instance it stands for.
-    ConfigIF::Inst expected;
-    fillInst({{"network", 1}, {"interface", 1}, {"dns", 1}}, &expected);
-    EXPECT_EQ(response.instance().SerializeAsString(), expected.SerializeAsString());
-}
-
-struct ReadCase {
-    const char* what;
-    Path path;
-    int role;
-    uid_t uid;
-    eErrorType error;
-};
-
-class ReadSemantics : public ConfigServiceTest, public testing::WithParamInterface<ReadCase> {};
-
-TEST_P(ReadSemantics, GivesTheExpectedResult) {
-    EXPECT_EQ(read(GetParam().path, GetParam().role, GetParam().uid).error(), GetParam().error)
-        << GetParam().what;
-}
-
-const ReadCase kReadCases[] = {
-    {"last interface",
-     {{"network", 0}, {"interface", 3}, {"mtu", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrNoError},
-    {"interface beyond the model",
-     {{"network", 0}, {"interface", 4}, {"mtu", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"negative instance",
-     {{"network", 0}, {"interface", -1}, {"mtu", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"second instance of a single node",
-     {{"network", 2}, {"interface", 1}, {"mtu", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"variable instance 1",
-     {{"audio", 0}, {"volume", 1}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrNoError},
-    {"variable instance 2",
-     {{"audio", 0}, {"volume", 2}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"unknown name",
-     {{"audio", 0}, {"volum", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"path ending on a node", {{"audio", 0}}, kRoleUser, kOtherUid, CommonIF::kErrItemNotFound},
-    {"path beyond a variable",
-     {{"audio", 0}, {"volume", 0}, {"x", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"empty path", {}, kRoleUser, kOtherUid, CommonIF::kErrItemNotFound},
-    {"names are case-sensitive",
-     {{"Audio", 0}, {"volume", 0}},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrItemNotFound},
-    {"provisioning variable as user", kSerial, kRoleUser, kServiceUid, CommonIF::kErrNotAuthorized},
-    {"provisioning variable as system", kSerial, kRoleSystem, kServiceUid,
-     CommonIF::kErrNotAuthorized},
-    {"provisioning variable as provisioning", kSerial, kRoleProvisioning, kServiceUid,
-     CommonIF::kErrNoError},
-    {"provisioning claimed by root", kSerial, kRoleProvisioning, 0, CommonIF::kErrNoError},
-    {"provisioning claimed by another user", kSerial, kRoleProvisioning, kOtherUid,
-     CommonIF::kErrNotAuthorized},
-    {"kAdmin claimed by another user", kVolume, kRoleAdmin, kOtherUid, CommonIF::kErrNoError},
-    {"kSystem claimed by another user", kVolume, kRoleSystem, kOtherUid,
-     CommonIF::kErrNotAuthorized},
-    {"kSystem claimed by the listed installer", kVolume, kRoleSystem, kInstallerUid,
-     CommonIF::kErrNoError},
-    {"kProvisioning claimed by the listed installer", kSerial, kRoleProvisioning, kInstallerUid,
-     CommonIF::kErrNotAuthorized},
-};
-
-INSTANTIATE_TEST_SUITE_P(Table, ReadSemantics, testing::ValuesIn(kReadCases));
-
-struct WriteCase {
-    const char* what;
-    Path path;
+// Values as requests.txt writes them: "text" with \xHH escapes, "text"*N for N copies.
+Values parseValues(const std::string& text) {
     Values values;
-    int role;
-    uid_t uid;
-    eErrorType error;
-    const char* reason;  // the error message, when refused
-    Values readBack;     // when accepted
-};
-
-class WriteSemantics : public ConfigServiceTest, public testing::WithParamInterface<WriteCase> {};
-
-TEST_P(WriteSemantics, GivesTheExpectedResult) {
-    const WriteCase& c = GetParam();
-    ConfigIF::ReturnMessage result = write(c.path, c.values, c.role, c.uid);
-    EXPECT_EQ(result.error(), c.error) << c.what;
-    if (c.error == CommonIF::kErrNoError) {
-        EXPECT_EQ(result.error_message_size(), 0);
-        EXPECT_EQ(valuesOf(read(c.path, kRoleProvisioning)), c.readBack) << c.what;
-    } else {
-        ASSERT_EQ(result.error_message_size(), 1) << c.what;
-        EXPECT_EQ(result.error_message(0), c.reason) << c.what;
-        if (c.error != CommonIF::kErrItemNotFound) {
-            EXPECT_TRUE(read(c.path, kRoleProvisioning).is_default()) << c.what;
+    for (size_t i = text.find('"'); i != std::string::npos; i = text.find('"', i + 1)) {
+        std::string value;
+        for (++i; i < text.size() && text[i] != '"'; ++i) {
+            bool escape = text[i] == '\\';
+            value +=
+                escape ? static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16)) : text[i];
+            i += escape ? 3 : 0;
         }
+        size_t copies = text.compare(i + 1, 1, "*") == 0 ? std::stoul(text.substr(i + 2)) : 1;
+        values.emplace_back();
+        while (copies-- > 0) {
+            values.back() += value;
+        }
+    }
+    return values;
+}
+
+std::vector<std::string> readRequests() {
+    std::vector<std::string> requests;
+    std::ifstream corpus(REQUESTS);
+    for (std::string line; std::getline(corpus, line);) {
+        if (line.rfind("k", 0) == 0) {
+            requests.push_back(line);
+        }
+    }
+    return requests.empty() ? std::vector<std::string>{"cannot read " REQUESTS} : requests;
+}
+
+class Requests : public ConfigServiceTest, public testing::WithParamInterface<std::string> {};
+
+// One line of requests.txt: "ROLE UID PATH [= VALUE...] -> ERROR [+reboot][: DETAIL]".
+TEST_P(Requests, GetTheAnswerListed) {
+    static const std::regex kRequest(R"((\w+) (\d+) (.*?)( =.*)? -> (\w+)( \+reboot)?(: (.*))?)");
+    std::smatch part;
+    eSecurityRole role = kUser;
+    eErrorType expected = kErrNoError;
+    ASSERT_TRUE(std::regex_match(GetParam(), part, kRequest) &&
+                eSecurityRole_Parse(part[1], &role) && eErrorType_Parse(part[5], &expected));
+    const std::string path = part[3];
+    const uid_t uid = std::stoul(part[2]);
+    if (!part[4].matched) {
+        ConfigIF::ReadRsp response = read(path, role, uid);
+        EXPECT_EQ(response.error(), expected);
+        EXPECT_EQ(Values(response.value().begin(), response.value().end()), parseValues(part[8]));
+        return;
+    }
+    ConfigIF::ReturnMessage written = write(path, parseValues(part[4]), role, uid);
+    EXPECT_EQ(written.error(), expected);
+    EXPECT_EQ(written.reboot_required(), part[6].matched);
+    if (expected == kErrNoError) {
+        EXPECT_EQ(valuesOf(path), parseValues(part[8]));
+    } else {
+        EXPECT_THAT(written.error_message(), ElementsAre(part[8].str()));
+        EXPECT_TRUE(expected == kErrItemNotFound || read(path).is_default());
     }
 }
 
-const WriteCase kWriteCases[] = {
-    {"integer in range",
-     kMtu2,
-     {"9000"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrNoError,
-     "",
-     {"9000"}},
-    {"integer out of range",
-     kMtu2,
-     {"9001"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrBadParameter,
-     "value 9001 of 'mtu' is above the maximum 9000",
-     {}},
-    {"boolean kept canonical",
-     kMute,
-     {"on"},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrNoError,
-     "",
-     {"true"}},
-    {"list of values",
-     kDns,
-     {"10.0.0.1", "10.0.0.2", "10.0.0.3"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrNoError,
-     "",
-     {"10.0.0.1", "10.0.0.2", "10.0.0.3"}},
-    {"list too long",
-     kDns,
-     {"a", "b", "c", "d"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrBadParameter,
-     "'dns' takes at most 3 values, not 4",
-     {}},
-    {"empty list", kDns, {}, kRoleAdmin, kOtherUid, CommonIF::kErrNoError, "", {}},
-    {"empty list below min-count",
-     kLayouts,
-     {},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrBadParameter,
-     "'layouts' takes at least 1 values, not 0",
-     {}},
-    {"two values for a single variable",
-     kVolume,
-     {"1", "2"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrBadParameter,
-     "'volume' takes exactly one value, not 2",
-     {}},
-    {"option not offered",
-     kLayouts,
-     {"speaker", "cinema"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrBadParameter,
-     "value 'cinema' of 'layouts' is not one of: speaker, gallery, content",
-     {}},
-    {"role below the write level",
-     kVolume,
-     {"10"},
-     kRoleUser,
-     kOtherUid,
-     CommonIF::kErrNotAuthorized,
-     "kUser may not write 'audio[1]/volume' (needs kAdmin)",
-     {}},
-    {"system variable as admin",
-     kWatchdog,
-     {"false"},
-     kRoleAdmin,
-     kServiceUid,
-     CommonIF::kErrNotAuthorized,
-     "kAdmin may not write 'system[1]/watchdog' (needs kSystem)",
-     {}},
-    {"claim beyond the sender",
-     kWatchdog,
-     {"false"},
-     kRoleSystem,
-     kOtherUid,
-     CommonIF::kErrNotAuthorized,
-     "uid 4321 may not act as kSystem (at most kAdmin)",
-     {}},
-    {"unknown variable",
-     {{"audio", 0}, {"bass", 0}},
-     {"1"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrItemNotFound,
-     "no variable 'audio/bass' in the model",
-     {}},
-    {"instance beyond the model",
-     {{"network", 0}, {"interface", 9}, {"mtu", 0}},
-     {"1500"},
-     kRoleAdmin,
-     kOtherUid,
-     CommonIF::kErrItemNotFound,
-     "no variable 'network/interface 9/mtu' in the model",
-     {}},
-};
+INSTANTIATE_TEST_SUITE_P(Corpus, Requests, testing::ValuesIn(readRequests()));
 
-INSTANTIATE_TEST_SUITE_P(Table, WriteSemantics, testing::ValuesIn(kWriteCases));
-
-TEST_F(ConfigServiceTest, WritesAreKeptPerInstance) {
-    ASSERT_EQ(write(kMtu2, {"1400"}).error(), CommonIF::kErrNoError);
-    EXPECT_EQ(valuesOf(read(kMtu2)), Values{"1400"});
-    EXPECT_FALSE(read(kMtu2).is_default());
-    EXPECT_EQ(valuesOf(read({{"network", 0}, {"interface", 1}, {"mtu", 0}})), Values{"1500"});
-    EXPECT_EQ(valuesOf(read({{"network", 0}, {"interface", 3}, {"mtu", 0}})), Values{"1500"});
-}
-
-TEST_F(ConfigServiceTest, NoValuesOrTheDefaultValueResetsASingleVariable) {
-    ASSERT_EQ(write(kVolume, {"80"}).error(), CommonIF::kErrNoError);
-    ASSERT_EQ(write(kVolume, {}).error(), CommonIF::kErrNoError);
-    EXPECT_TRUE(read(kVolume).is_default());
-    EXPECT_EQ(valuesOf(read(kVolume)), Values{"50"});
-
-    ASSERT_EQ(write(kVolume, {"80"}).error(), CommonIF::kErrNoError);
-    ASSERT_EQ(write(kVolume, {"50"}).error(), CommonIF::kErrNoError);
-    EXPECT_TRUE(read(kVolume).is_default());
-}
-
-TEST_F(ConfigServiceTest, RebootFlagIsSetOnlyForVariablesThatNeedIt) {
-    EXPECT_TRUE(write(kMtu2, {"1400"}).reboot_required());
-    EXPECT_TRUE(write(kWatchdog, {"false"}, kRoleSystem).reboot_required());
-    EXPECT_FALSE(write(kVolume, {"10"}).reboot_required());
-    EXPECT_FALSE(write(kMtu2, {"1"}).reboot_required());  // refused: nothing to reboot for
+TEST_F(ConfigServiceTest, InstanceZeroIsAnsweredAsTheFirstAndInstancesAreKeptApart) {
+    ConfigIF::Inst answered;
+    fillInst("network 1/interface 1/dns 1", &answered);
+    EXPECT_EQ(read("network/interface/dns").instance().SerializeAsString(),
+              answered.SerializeAsString());
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    EXPECT_EQ(valuesOf("network/interface 1/mtu"), Values{"1500"});
+    EXPECT_EQ(valuesOf("network/interface 3/mtu"), Values{"1500"});
 }
 
 TEST_F(ConfigServiceTest, OverrideSecurityIsHonouredOnlyForPrivilegedSenders) {
-    EXPECT_EQ(write(kHostname, {"lab"}, kRoleUser, kServiceUid, true).error(),
-              CommonIF::kErrNoError);
-    EXPECT_EQ(valuesOf(read(kHostname)), Values{"lab"});
-
-    ConfigIF::ReturnMessage refused = write(kHostname, {"x"}, kRoleUser, kOtherUid, true);
-    EXPECT_EQ(refused.error(), CommonIF::kErrNotAuthorized);
-    EXPECT_EQ(valuesOf(read(kHostname)), Values{"lab"});
+    EXPECT_EQ(write(kHost, {"lab"}, kUser, kService, true).error(), kErrNoError);
+    ConfigIF::ReturnMessage refused = write(kHost, {"x"}, kUser, kOther, true);
+    EXPECT_EQ(refused.error(), kErrNotAuthorized);
+    EXPECT_THAT(refused.error_message(),
+                ElementsAre("override_security is honoured only for users who may claim every "
+                            "role"));
+    EXPECT_EQ(valuesOf(kHost), Values{"lab"});
     // It skips the level check, not the value check.
-    EXPECT_EQ(write(kMtu2, {"1"}, kRoleUser, 0, true).error(), CommonIF::kErrBadParameter);
+    EXPECT_EQ(write(kMtu, {"1"}, kUser, 0, true).error(), kErrBadParameter);
 }
 
 TEST_F(ConfigServiceTest, GarbageIsAnsweredWithBadParameter) {
-    ConfigIF::ReadReq noRole;
-    noRole.set_name("x");
-    noRole.mutable_instance();
-    ConfigIF::WriteReq noInstance;
-    noInstance.set_name("x");
-    noInstance.set_role(CommonIF::kAdmin);
-    // A role of 15 is no member of the enum: the field is left unset, so it lacks a role.
-    std::string badRole = "\x52\x01x\xa0\x01\x0f\xf2\x01\x00";
-    struct Garbage {
-        std::string payload;
-        const char* reason;
-    } garbage[] = {
+    // Payloads that are no request of either kind, and the reason a write gets for each.
+    const std::pair<std::string, const char*> garbage[] = {
         {"", "ConfigIF.WriteReq lacks required fields: name, role, instance_val"},
         {"\xff\xff\xff", "request does not parse as ConfigIF.WriteReq"},
-        {noInstance.SerializePartialAsString(),
+        {"\x52\x01x\xf2\x01\x00"s,  // a name and an empty field 30, no role
+         "ConfigIF.WriteReq lacks required fields: role, instance_val.instance"},
+        {"\x52\x01x\xa0\x01\x14"s,  // a name and kAdmin
          "ConfigIF.WriteReq lacks required fields: instance_val"},
+        {"\x52\x01x\xa0\x01\x0f\xf2\x01\x00"s,  // role 15 is no role: left unset
+         "ConfigIF.WriteReq lacks required fields: role, instance_val.instance"},
         {std::string(kMaxRequestBytes + 1, '\0'),
          "request of 2097153 bytes is larger than the 2097152 accepted"},
     };
-    for (const Garbage& g : garbage) {
-        ConfigIF::ReturnMessage result = writeBytes(g.payload);
-        EXPECT_EQ(result.error(), CommonIF::kErrBadParameter);
-        ASSERT_EQ(result.error_message_size(), 1);
-        EXPECT_EQ(result.error_message(0), g.reason);
+    for (const auto& [payload, reason] : garbage) {
+        EXPECT_EQ(readBytes(payload).error(), kErrBadParameter);
+        ConfigIF::ReturnMessage written = writeBytes(payload);
+        EXPECT_EQ(written.error(), kErrBadParameter);
+        EXPECT_THAT(written.error_message(), ElementsAre(reason));
     }
-    for (const std::string& payload :
-         {std::string(), std::string("\xff\xff\xff"), noRole.SerializePartialAsString(), badRole}) {
-        EXPECT_EQ(readBytes(payload).error(), CommonIF::kErrBadParameter);
+}
+
+TEST_F(ConfigServiceTest, WrittenValuesSurviveReopening) {
+    ASSERT_EQ(write(kVolume, {"80"}).error(), kErrNoError);
+    ASSERT_EQ(write(kDns, {"a", "", "b:c"}).error(), kErrNoError);
+    ASSERT_EQ(write("network/interface 1/dns", {}).error(), kErrNoError);
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    ASSERT_EQ(write(kMtu, {}).error(), kErrNoError);  // no values: back to the default
+    ASSERT_EQ(write("audio/microphone 1/gain", {"5"}).error(), kErrNoError);
+    ASSERT_EQ(write("audio/microphone 1/gain", {"-0"}).error(), kErrNoError);  // the default
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_TRUE(warnings_.empty());
+    EXPECT_EQ(valuesOf(kVolume), Values{"80"});
+    EXPECT_EQ(valuesOf(kDns), (Values{"a", "", "b:c"}));
+    EXPECT_EQ(valuesOf("network/interface 1/dns"), Values{});  // the empty list is kept
+    EXPECT_FALSE(read("network/interface 1/dns").is_default());
+    EXPECT_TRUE(read(kMtu).is_default());
+    EXPECT_TRUE(read("audio/microphone 1/gain").is_default());
+}
+
+TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
+    tamper(
+        "INSERT INTO setting VALUES('audio[3]/volume', '2:10'), ('audio[1]/volume', '3:101'),"
+        "('system[1]/hostname', '')");
+    for (int reopened = 0; reopened < 2; ++reopened) {  // still there for a model that takes them
+        ASSERT_TRUE(reopen()) << error_;
+        EXPECT_THAT(warnings_,
+                    testing::UnorderedElementsAre(
+                        "stored value of 'audio[1]/volume' is ignored: value 101 of 'volume' is "
+                        "above the maximum 100",
+                        "stored value of 'system[1]/hostname' is ignored: 'hostname' takes "
+                        "exactly one value, not 0",
+                        "stored value of 'audio[3]/volume' is ignored: the model has no such "
+                        "variable"));
+        EXPECT_TRUE(read(kVolume).is_default());
     }
+}
+
+// SQL run on the database (none: text written over it), and the error after its path.
+using Damage = std::pair<std::string, std::string>;
+
+class DamagedDatabase : public ConfigServiceTest, public testing::WithParamInterface<Damage> {};
+
+TEST_P(DamagedDatabase, IsRefusedAndLeftAsItWas) {
+    tamper(GetParam().first.empty() ? "SELECT 1" : GetParam().first);
+    if (GetParam().first.empty()) {
+        std::ofstream(database(), std::ios::trunc) << "not the values you are looking for\n";
+    }
+    EXPECT_EQ(refusal(), database() + GetParam().second);
+}
+
+const Damage kDamages[] = {
+    {"", " is damaged (file is not a database); it was left as it is"},
+    {"PRAGMA application_id=7", " is not a database of this service; it was left as it is"},
+    {"PRAGMA user_version=2", " has format 2, this service reads 1; it was left as it is"},
+    {"INSERT INTO setting VALUES('audio[1]/volume', '9:1')",
+     " is damaged (the value of 'audio[1]/volume' does not decode); it was left as it is"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Table, DamagedDatabase, testing::ValuesIn(kDamages));
+
+TEST_F(ConfigServiceTest, TruncatedDatabaseIsRefusedAndLeftAsItWas) {
+    tamper(
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
+        "INSERT INTO setting SELECT 'k' || i, zeroblob(200) FROM n;"
+        "PRAGMA wal_checkpoint(TRUNCATE)");
+    size_t bytes = std::filesystem::file_size(database());
+    ASSERT_GT(bytes, 8192u);
+    std::filesystem::resize_file(database(), bytes / 2);
+    EXPECT_THAT(refusal(), testing::StartsWith(database() + " is damaged ("));
+}
+
+TEST_F(ConfigServiceTest, SecondStoreOnTheSameStateFolderIsRefused) {
+    std::unique_ptr<ValueStore> second;
+    EXPECT_FALSE(ValueStore::open(folder_, model_, &second, &warnings_, &error_));
+    EXPECT_EQ(error_, "the state folder " + folder_ + " is in use by another running service");
+}
+
+TEST_F(ConfigServiceTest, CommitterAnswersEveryWriteInOrderAndBoundsWhatIsPending) {
+    Committer committer(store_.get(), 64);
+    ASSERT_TRUE(committer.start(&error_)) << error_;
+    for (uint32_t i = 0; i < 64; ++i) {
+        ASSERT_TRUE(committer.submit({{"audio[1]/volume", false, {std::to_string(i)}}, i}));
+    }
+    EXPECT_FALSE(committer.submit(PendingWrite()));
+    committer.stop();
+    EXPECT_EQ(store_->find("audio[1]/volume"), nullptr);  // served values change when applied
+    std::vector<FinishedWrite> finished;
+    committer.takeFinished(&finished);
+    ASSERT_EQ(finished.size(), 64u);
+    for (uint32_t i = 0; i < 64; ++i) {
+        EXPECT_TRUE(finished[i].committed);
+        EXPECT_EQ(finished[i].write.replyAddress, i);
+    }
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_EQ(valuesOf(kVolume), Values{"63"});  // the last one wins
 }
 
 }  // namespace
