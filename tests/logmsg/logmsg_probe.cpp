@@ -1,33 +1,35 @@
-// Runs logmsg calls named on its command line, so that tests can check the exact
-// bytes the library writes. Results of the calls go to standard error as
-// "ret <n>"; the library owns standard output and the device.
+// Runs the logmsg calls named on its command line, so that tests can check the exact bytes the
+// library writes. A call's result goes to standard error as "ret <n>": the library owns standard
+// output and the device.
 //
 //   init NAME | log LEVEL MODULE FORMAT ARG | crit|err|warn|info|debug MODULE FORMAT ARG
 //   printf|print|raw FORMAT ARG | sink RECORD LENGTH | device ON | mkdev
 //   show+|show-|cull+|cull- FILTER | show?|cull? | showget|cullget INDEX
-//   strlcpy SRC SIZE | threads COUNT RECORDS | dlopen LIBRARY N
-//   failalloc
+//   strlcpy SRC SIZE | threads COUNT RECORDS | dlopen LIBRARY N | failalloc
 //
-// "-" stands for a null NAME, MODULE or FORMAT and for "no argument"; ARG is
-// "i:<int>" or "s:<text>".
+// "-" stands for a null NAME, MODULE or FORMAT and for "no argument"; ARG is "i:<int>" or
+// "s:<text>".
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <iterator>
 #include <thread>
 #include <vector>
 
 #include "logmsg.h"
 
-extern "C" int probe_fail_line_alloc(void);
-
 namespace {
+
+#ifdef LOGMSG_PROBE_OWN_MALLOC
+bool failLineAlloc = false;
+#endif
 
 const char* nullable(const char* word) {
     return std::strcmp(word, "-") == 0 ? nullptr : word;
@@ -47,23 +49,19 @@ int callWithArg(Entry entry, const char* arg, Leading... leading) {
     return entry(leading...);
 }
 
-// Each thread writes records "T<t>:0123456789" piece by piece, yielding between
-// pieces so that the threads' partial lines are in flight at the same time.
-void logFromThreads(int thread_count, int records) {
+// Each thread writes records "T<t>:0123456789" piece by piece, yielding between pieces so that
+// the threads' partial lines are in flight at the same time.
+void logFromThreads(int count, int records) {
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < thread_count; t++) {
-        threads.emplace_back([&ready, thread_count, records, t] {
-            ready++;
-            while (ready < thread_count)
+    for (int t = 0; t < count; t++) {
+        threads.emplace_back([&ready, count, records, t] {
+            for (ready++; ready < count;)
                 sched_yield();
-            for (int r = 0; r < records; r++) {
+            for (int r = 0; r < records; r++, std::printf("\n")) {
                 std::printf("T%d:", t);
-                for (int piece = 0; piece < 10; piece++) {
+                for (int piece = 0; piece < 10; piece++, sched_yield())
                     std::printf("%d", piece);
-                    sched_yield();
-                }
-                std::printf("\n");
             }
         });
     }
@@ -71,28 +69,16 @@ void logFromThreads(int thread_count, int records) {
         thread.join();
 }
 
-void makeDevice() {
-    int fd = open(std::getenv("LOGMSG_TEST_DEVICE"), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd >= 0)
-        close(fd);
-}
-
-// Calls probe_shared_say from a library loaded at run time, which reaches the
-// logging library only through what the program exports.
+// The loaded library reaches the logging library only through what this program exports.
 void sayFromLoadedLibrary(const char* path, int n) {
-    void* library = dlopen(path, RTLD_NOW);
-    void* say = library != nullptr ? dlsym(library, "probe_shared_say") : nullptr;
-    if (say == nullptr) {
-        std::fprintf(stderr, "dlopen failed: %s\n", dlerror());
-        std::exit(3);
-    }
+    void* say = dlsym(dlopen(path, RTLD_NOW), "probe_shared_say");
+    if (say == nullptr)
+        std::fprintf(stderr, "dlopen failed: %s\n", dlerror()), std::exit(3);
     reinterpret_cast<void (*)(int)>(say)(n);
 }
 
 void showStrlcpy(const char* src, int size) {
-    char dst[16];
-    std::memset(dst, 'X', sizeof dst - 1);
-    dst[sizeof dst - 1] = '\0';
+    char dst[16] = "XXXXXXXXXXXXXXX";
     size_t result = strlcpy(dst, src, static_cast<size_t>(size));
     std::fprintf(stderr, "ret %zu dst %s\n", result, dst);
 }
@@ -129,7 +115,7 @@ const Command kCommands[] = {
     PLAIN_ENTRY("raw", logmsg_raw),
     {"sink", 2, [](char** a) { logmsg_sink(a[0], std::atoi(a[1])); }},
     {"device", 1, [](char** a) { logmsg_set_use_device(std::atoi(a[0])); }},
-    {"mkdev", 0, [](char**) { makeDevice(); }},
+    {"mkdev", 0, [](char**) { close(open(std::getenv("LOGMSG_TEST_DEVICE"), O_CREAT, 0600)); }},
     {"show+", 1, [](char** a) { report(logmsg_add_show_filter(a[0])); }},
     {"show-", 1, [](char** a) { report(logmsg_remove_show_filter(a[0])); }},
     {"show?", 0, [](char**) { report(logmsg_list_show_filters()); }},
@@ -143,32 +129,33 @@ const Command kCommands[] = {
     {"strlcpy", 2, [](char** a) { showStrlcpy(a[0], std::atoi(a[1])); }},
     {"threads", 2, [](char** a) { logFromThreads(std::atoi(a[0]), std::atoi(a[1])); }},
     {"dlopen", 2, [](char** a) { sayFromLoadedLibrary(a[0], std::atoi(a[1])); }},
-    {"failalloc", 0,
-     [](char**) {
-         if (!probe_fail_line_alloc())
-             std::exit(77);  // not available in this build
-     }},
+#ifdef LOGMSG_PROBE_OWN_MALLOC
+    {"failalloc", 0, [](char**) { failLineAlloc = true; }},
+#else
+    {"failalloc", 0, [](char**) { std::exit(77); }},  // sanitizers keep their own allocator
+#endif
 };
-
-const Command* findCommand(const char* name) {
-    for (const Command& command : kCommands) {
-        if (std::strcmp(command.name, name) == 0)
-            return &command;
-    }
-    return nullptr;
-}
 
 }  // namespace
 
+#ifdef LOGMSG_PROBE_OWN_MALLOC
+// Fails the allocation of a thread's line buffer after "failalloc".
+extern "C" void* __libc_malloc(size_t size);
+extern "C" void* malloc(size_t size) noexcept {
+    return failLineAlloc && size == LOGMSG_LINE_SIZE ? nullptr : __libc_malloc(size);
+}
+#endif
+
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc;) {
-        const Command* command = findCommand(argv[i]);
-        if (command == nullptr || i + command->arity >= argc) {
+    for (int i = 1; i < argc; i++) {
+        auto named = [&](const Command& c) { return std::strcmp(c.name, argv[i]) == 0; };
+        const Command* command = std::find_if(std::begin(kCommands), std::end(kCommands), named);
+        if (command == std::end(kCommands) || i + command->arity >= argc) {
             std::fprintf(stderr, "logmsg_probe: unknown or incomplete command \"%s\"\n", argv[i]);
             return 2;
         }
         command->run(argv + i + 1);
-        i += 1 + command->arity;
+        i += command->arity;
     }
     return 0;
 }
