@@ -1,5 +1,5 @@
-// The in-process test runner's build of the system-log mirroring: lines stay on the console.
-// The real builds link logmsg, whose printf would take over the runner's own output.
+// The in-process test runner's build of the system-log mirroring: lines stay on the console (the
+// real builds link logmsg, whose printf would take over the runner's own output).
 #include <cstdlib>
 
 #include "ProductionLog.h"

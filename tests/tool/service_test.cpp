@@ -1,204 +1,108 @@
 // setvane against the stand-in service (standin_service.cpp) over the real libmsgpass: the
-// request the service receives, what the tool prints for each answer, and its exit status.
+// request the service receives (requests.txt), what the tool prints for each answer, and its
+// exit status.
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
-
-#include <algorithm>
-#include <sstream>
 
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "Harness.h"
 
 namespace {
 
-const char kReadRspId[] = "0x1A0041";
-const char kWriteRspId[] = "0x1A0191";
-
-std::string readReply(CommonIF::eErrorType error, const std::vector<std::string>& values = {}) {
-    ConfigIF::ReadRsp reply;
-    reply.set_error(error);
-    for (const std::string& value : values) {
-        reply.add_value(value);
-    }
-    return toHex(reply.SerializeAsString());
-}
-
-std::string writeReply(CommonIF::eErrorType error, bool rebootRequired = false) {
-    ConfigIF::WriteRsp reply;
-    reply.mutable_ret_message()->set_error(error);
-    if (rebootRequired) {
-        reply.mutable_ret_message()->set_reboot_required(true);
-    }
-    return toHex(reply.SerializeAsString());
-}
-
-// A request line of the stand-in's record as "read <role> <name> <node>:<instance>...", and for
-// a write the same followed by " =" and each value in quotes.
-std::string describe(const std::string& recorded) {
-    std::istringstream fields(recorded);
-    uint32_t id = 0;
+// The message of type Message with the fields `text` (protobuf text format), encoded, in hex.
+template <typename Message>
+std::string hexOf(const std::string& text) {
+    Message message;
+    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &message)) << text;
     std::string hex;
-    fields >> id >> hex;
-    std::string payload;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-        payload.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    for (unsigned char c : message.SerializeAsString()) {
+        hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
     }
-    ConfigIF::ReadReq read;
-    ConfigIF::WriteReq write;
-    const bool isWrite = id == 0x1A0080 && write.ParseFromString(payload);
-    if (!isWrite && (id != 0x1A0000 || !read.ParseFromString(payload))) {
-        return "unknown request " + recorded;
-    }
-    EXPECT_FALSE(write.has_override_security());
-    const ConfigIF::Inst& instance = isWrite ? write.instance_val().instance() : read.instance();
-    EXPECT_FALSE(instance.has_scope());
-    std::string text = isWrite ? "write " : "read ";
-    text += CommonIF::eSecurityRole_Name(isWrite ? write.role() : read.role()) + " " +
-            (isWrite ? write.name() : read.name());
-    for (const ConfigIF::Node& node : instance.node()) {
-        text += " " + node.name() + ":" + std::to_string(node.instance());
-    }
-    text += isWrite ? " =" : "";
-    for (const std::string& value : write.instance_val().value()) {
-        text += " '" + value + "'";
-    }
-    return text;
+    return hex;
 }
 
 class ServiceTest : public ::testing::Test {
   protected:
-    // setvane with `words` against a stand-in answering `replyHex` under `replyId`.
-    Outcome run(const char* replyId, const std::string& replyHex,
-                const std::vector<std::string>& words) {
+    // setvane with `words` against a stand-in that answers a read or a write with `replyHex`.
+    Outcome run(bool write, const std::string& replyHex, const std::vector<std::string>& words) {
         Background service(STANDIN_BINARY,
-                           {"standin_service", "--reply-id", replyId, "--reply-hex", replyHex,
-                            "--record", dir.file("requests")},
-                           {{"MSGPASS_DIR", dir.path}}, true);
+                           {"standin_service", "--reply-id", write ? "0x1A0191" : "0x1A0041",
+                            "--reply-hex", replyHex, "--record", dir.file("requests")},
+                           {{"MSGPASS_DIR", dir.path}});
         EXPECT_TRUE(service.ready);
         return runSetvane(words, {{"MSGPASS_DIR", dir.path}});
     }
     TempDir dir;
 };
 
-struct RequestCase {
-    std::vector<std::string> words;
-    const char* request;  // as described above; "{pid}" is setvane's
-};
-
-void PrintTo(const RequestCase& c, std::ostream* os) {
-    for (const std::string& word : c.words) {
-        *os << "'" << word << "' ";
+TEST_F(ServiceTest, ReceivesExactlyTheRequestOfTheCommandLine) {
+    for (const std::string& line : dataLines(REQUESTS_FILE)) {
+        SCOPED_TRACE(line);
+        std::remove(dir.file("requests").c_str());
+        const std::vector<std::string> fields = split(line, " => ");
+        const bool write = fields[1].rfind("WriteReq ", 0) == 0;
+        // A write that asks for a reboot succeeds silently: the tool does not act on it.
+        const Outcome done =
+            run(write,
+                write ? hexOf<ConfigIF::WriteRsp>("ret_message { error: 0 reboot_required: true }")
+                      : hexOf<ConfigIF::ReadRsp>("error: 0"),
+                split(fields[0], "|"));
+        EXPECT_EQ(done.status, 0);
+        EXPECT_EQ(done.out + done.err, "");
+        // The stand-in records each request as its id and its payload in hex.
+        const std::string request =
+            replaced(fields[1].substr(fields[1].find(' ')), "{pid}", std::to_string(done.pid));
+        EXPECT_EQ(readFile(dir.file("requests")),
+                  write ? "1704064 " + hexOf<ConfigIF::WriteReq>(request) + "\n"
+                        : "1703936 " + hexOf<ConfigIF::ReadReq>(request) + "\n");
     }
 }
 
-class RequestTest : public ServiceTest, public ::testing::WithParamInterface<RequestCase> {};
-
-TEST_P(RequestTest, ServiceReceivesExactlyThisRequest) {
-    const std::string expected = GetParam().request;
-    const bool isWrite = expected.rfind("write", 0) == 0;
-    const Outcome done = isWrite
-                             ? run(kWriteRspId, writeReply(CommonIF::kErrNoError), GetParam().words)
-                             : run(kReadRspId, readReply(CommonIF::kErrNoError), GetParam().words);
-    EXPECT_EQ(done.status, 0);
-    EXPECT_EQ(done.out, "");
-    EXPECT_EQ(done.err, "");
-    const std::string requests = readFile(dir.file("requests"));
-    ASSERT_EQ(std::count(requests.begin(), requests.end(), '\n'), 1);
-    EXPECT_EQ(describe(requests), replaced(expected, "{pid}", std::to_string(done.pid)));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Tool, RequestTest,
-    ::testing::Values(
-        // A number numbers the node before it; words with dots or slashes are single nodes.
-        RequestCase{{"3", "sys", "1", "2", "", "a.b/c", "12abc"},
-                    "read kUser setvane-{pid} sys:2 :0 a.b/c:12"},
-        RequestCase{{"--read"}, "read kUser setvane-{pid}"},
-        RequestCase{{"x", "-v"}, "read kUser setvane-{pid} x:0"},
-        RequestCase{{"--read", "x", "-v", "1"}, "read kUser setvane-{pid} x:0"},
-        RequestCase{{"x", "-v", "", "5", "--value", "y"},
-                    "write kAdmin setvane-{pid} x:0 = '' '5' 'y'"},
-        // Only the long spelling of the write command defaults to the write role.
-        RequestCase{{"-w", "x", "-v", "on"}, "write kUser setvane-{pid} x:0 = 'on'"},
-        RequestCase{{"--write", "x"}, "write kAdmin setvane-{pid} x:0 ="},
-        RequestCase{{"--write", "-v", "on"}, "write kAdmin setvane-{pid} = 'on'"},
-        RequestCase{{"--role", "kUser", "x", "-v", "1"}, "write kUser setvane-{pid} x:0 = '1'"},
-        RequestCase{{"x", "-c", "me", "3", "-r", "system"}, "read kSystem me x:3"},
-        RequestCase{{"-c", "--debug", "x"}, "read kUser --debug x:0"},
-        RequestCase{{"-r", "user", "x"}, "read kUser setvane-{pid} x:0"},
-        RequestCase{{"-r", "kAdmin", "x"}, "read kAdmin setvane-{pid} x:0"},
-        RequestCase{{"-r", "admin", "x"}, "read kAdmin setvane-{pid} x:0"},
-        RequestCase{{"-r", "kSystem", "x"}, "read kSystem setvane-{pid} x:0"},
-        RequestCase{{"-r", "kProvisioning", "x"}, "read kProvisioning setvane-{pid} x:0"},
-        RequestCase{{"-r", "provisioning", "x"}, "read kProvisioning setvane-{pid} x:0"},
-        RequestCase{{"-r", "kStartup", "x"}, "read kStartup setvane-{pid} x:0"},
-        RequestCase{{"-r", "startup", "x"}, "read kStartup setvane-{pid} x:0"}));
-
-TEST_F(ServiceTest, ReadPrintsEachValueOnItsOwnLine) {
-    const std::string bytes("\xff\x01\0z", 4);
+TEST_F(ServiceTest, ReadPrintsEachValueOnItsOwnLineAndDebugTracesBothMessages) {
     const Outcome done =
-        run(kReadRspId, readReply(CommonIF::kErrNoError, {"", "one\ntwo", bytes}), {"x"});
+        run(false,
+            hexOf<ConfigIF::ReadRsp>(R"(error: 0 value: "" value: "a\nb" value: "\377\001\000z")"),
+            {"--debug", "x"});
     EXPECT_EQ(done.status, 0);
-    EXPECT_EQ(done.out, "\none\ntwo\n" + bytes + "\n");
-    EXPECT_EQ(done.err, "");
+    EXPECT_EQ(done.out, std::string("\na\nb\n\xff\x01\0z\n", 10));
+    // The expected trace: "{pid}" is setvane's, "\e" the escape character.
+    const std::string trace = replaced(readFile(DEBUG_TRACE_FILE), "\\e", "\033");
+    EXPECT_EQ(done.err, replaced(trace, "{pid}", std::to_string(done.pid)));
 }
 
-TEST_F(ServiceTest, WriteAskingForARebootSucceedsSilently) {
-    const Outcome done =
-        run(kWriteRspId, writeReply(CommonIF::kErrNoError, true), {"x", "-v", "1"});
-    EXPECT_EQ(done.status, 0);
-    EXPECT_EQ(done.out + done.err, "");
+TEST_F(ServiceTest, ServiceErrorsAreNamedAndBecomeTheExitStatus) {
+    const char* const kNames[] = {"kErrGenericError", "kErrOutOfMemory",    "kErrBadParameter",
+                                  "kErrBadState",     "kErrOutOfResources", "kErrNotYetSupported",
+                                  "kErrItemNotFound", "kErrNotAuthorized",  "kErrAlreadyExists",
+                                  "kErrTimeOut",      "kErrPortLocked",     "-12/unknown_error"};
+    for (int error = -1; error >= -12; --error) {
+        const std::string code = std::to_string(error);
+        const std::string name = kNames[-error - 1];
+        const Outcome read =
+            run(false, hexOf<ConfigIF::ReadRsp>("error: " + code + " value: \"no\""), {"x"});
+        EXPECT_EQ(read.status, 256 + error) << name;
+        EXPECT_EQ(read.out, "");
+        EXPECT_EQ(read.err, redLine("ReadRsp error " + name));
+        const Outcome write =
+            run(true, hexOf<ConfigIF::WriteRsp>("ret_message { error: " + code + " }"),
+                {"x", "-v", "1"});
+        EXPECT_EQ(write.status, 256 + error) << name;
+        EXPECT_EQ(write.out, "");
+        EXPECT_EQ(write.err, redLine("WriteRsp error " + name));
+    }
 }
-
-struct ServiceErrorCase {
-    CommonIF::eErrorType error;
-    int status;
-    const char* name;
-};
-
-class ServiceErrorTest : public ServiceTest,
-                         public ::testing::WithParamInterface<ServiceErrorCase> {};
-
-TEST_P(ServiceErrorTest, IsNamedAndBecomesTheExitStatus) {
-    const ServiceErrorCase& c = GetParam();
-    const Outcome read = run(kReadRspId, readReply(c.error, {"not shown"}), {"x"});
-    EXPECT_EQ(read.status, c.status);
-    EXPECT_EQ(read.out, "");
-    EXPECT_EQ(read.err, redLine(std::string("ReadRsp error ") + c.name));
-    const Outcome write = run(kWriteRspId, writeReply(c.error), {"x", "-v", "1"});
-    EXPECT_EQ(write.status, c.status);
-    EXPECT_EQ(write.out, "");
-    EXPECT_EQ(write.err, redLine(std::string("WriteRsp error ") + c.name));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Tool, ServiceErrorTest,
-    ::testing::Values(ServiceErrorCase{CommonIF::kErrGenericError, 255, "kErrGenericError"},
-                      ServiceErrorCase{CommonIF::kErrOutOfMemory, 254, "kErrOutOfMemory"},
-                      ServiceErrorCase{CommonIF::kErrBadParameter, 253, "kErrBadParameter"},
-                      ServiceErrorCase{CommonIF::kErrBadState, 252, "kErrBadState"},
-                      ServiceErrorCase{CommonIF::kErrOutOfResources, 251, "kErrOutOfResources"},
-                      ServiceErrorCase{CommonIF::kErrNotYetSupported, 250, "kErrNotYetSupported"},
-                      ServiceErrorCase{CommonIF::kErrItemNotFound, 249, "kErrItemNotFound"},
-                      ServiceErrorCase{CommonIF::kErrNotAuthorized, 248, "kErrNotAuthorized"},
-                      ServiceErrorCase{CommonIF::kErrAlreadyExists, 247, "kErrAlreadyExists"},
-                      ServiceErrorCase{CommonIF::kErrTimeOut, 246, "kErrTimeOut"},
-                      ServiceErrorCase{CommonIF::kErrPortLocked, 245, "kErrPortLocked"},
-                      ServiceErrorCase{CommonIF::kNotEnabled, 244, "-12/unknown_error"}));
 
 TEST_F(ServiceTest, ReplyThatDoesNotParseEndsWithStatus255) {
-    const std::pair<const char*, const char*> replies[] = {
-        {kReadRspId, ""},      // the error is required
-        {kReadRspId, "ffff"},  // no message at all
-        {kReadRspId, "5005"},  // error code 5, outside the enumeration
-        {kWriteRspId, "52025005"}};
-    for (const auto& reply : replies) {
-        SCOPED_TRACE(reply.second);
-        const bool isWrite = reply.first == kWriteRspId;
-        const Outcome done = isWrite ? run(reply.first, reply.second, {"x", "-v", "1"})
-                                     : run(reply.first, reply.second, {"x"});
-        EXPECT_EQ(done.status, 255);
+    // Without the required error; no message at all; error 5, no member of the enumeration;
+    // and the last of these in a write reply.
+    for (const char* reply : {"", "ffff", "5005", "52025005"}) {
+        const bool write = std::string(reply).rfind("52", 0) == 0;  // WriteRsp's field 10
+        const Outcome done =
+            run(write, reply,
+                write ? std::vector<std::string>{"x", "-v", "1"} : std::vector<std::string>{"x"});
+        EXPECT_EQ(done.status, 255) << reply;
         EXPECT_EQ(done.out, "");
-        EXPECT_EQ(done.err, redLine("ParseFromArray() failed"));
+        EXPECT_EQ(done.err, redLine("ParseFromArray() failed")) << reply;
     }
 }
 
