@@ -1,12 +1,13 @@
 #include "ModelLoader.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <pugixml.hpp>
-#include <sstream>
 
 #include "ValueCheck.h"
 
@@ -453,22 +454,36 @@ bool parseModel(const std::string& text, const std::string& fileName, DeviceMode
 }
 
 bool loadModelFile(const std::string& path, DeviceModel* model, std::string* error) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         *error = path + ": cannot open: " + std::strerror(errno);
         return false;
     }
-    std::ostringstream contents;
-    contents << file.rdbuf();
-    if (!file.good() && !file.eof()) {
-        *error = path + ": cannot read";
-        return false;
+    // One byte beyond the limit is enough to tell a file that is too large, so an endless one
+    // (a device, a pipe) is refused after a bounded read rather than read until memory runs out.
+    std::string text(kMaxModelBytes + 1, '\0');
+    size_t filled = 0;
+    while (filled < text.size()) {
+        ssize_t got = ::read(fd, &text[filled], text.size() - filled);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            *error = path + ": cannot read: " + std::strerror(errno);
+            ::close(fd);
+            return false;
+        }
+        if (got == 0) {
+            break;
+        }
+        filled += static_cast<size_t>(got);
     }
-    std::string text = contents.str();
-    if (text.size() > kMaxModelBytes) {
+    ::close(fd);
+    if (filled > kMaxModelBytes) {
         *error = path + ": larger than " + std::to_string(kMaxModelBytes) + " bytes";
         return false;
     }
+    text.resize(filled);
     return parseModel(text, path, model, error);
 }
 

@@ -42,10 +42,19 @@ TEST(ModelLoader, BadModelsAreRefusedWithFileLineAndReason) {
         EXPECT_FALSE(parseModel(text, "m.xml", &model, &error)) << text;
         EXPECT_EQ(error, expected) << text;
     }
-    DeviceModel model;
-    std::string error;
-    EXPECT_FALSE(loadModelFile("/nonexistent/model.xml", &model, &error));
-    EXPECT_EQ(error, "/nonexistent/model.xml: cannot open: No such file or directory");
+    // Files that cannot be a model; an endless one is refused without being read whole.
+    const std::pair<const char*, const char*> unreadable[] = {
+        {"/nonexistent/model.xml",
+         "/nonexistent/model.xml: cannot open: No such file or directory"},
+        {"/", "/: cannot read: Is a directory"},
+        {"/dev/zero", "/dev/zero: larger than 4194304 bytes"},
+    };
+    for (const auto& [path, expected] : unreadable) {
+        DeviceModel model;
+        std::string error;
+        EXPECT_FALSE(loadModelFile(path, &model, &error));
+        EXPECT_EQ(error, expected);
+    }
 }
 
 }  // namespace
