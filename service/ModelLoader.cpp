@@ -29,8 +29,7 @@ struct Inherited {
 
 class Parser {
   public:
-    Parser(const std::string& text, const std::string& fileName)
-        : text_(text), fileName_(fileName) {}
+    Parser(const std::string& text, const std::string& fileName);
     virtual ~Parser() = default;
 
     bool parse(DeviceModel* model, std::string* error);
@@ -61,15 +60,25 @@ class Parser {
 
     const std::string& text_;
     const std::string& fileName_;
+    // Offsets of the newlines of text_, so that the line of every node is a binary search and
+    // not a count from the start: a large model would otherwise take minutes to load.
+    std::vector<size_t> newlines_;
     std::string* error_ = nullptr;
 };
+
+Parser::Parser(const std::string& text, const std::string& fileName)
+    : text_(text), fileName_(fileName) {
+    for (size_t pos = text_.find('\n'); pos != std::string::npos; pos = text_.find('\n', pos + 1)) {
+        newlines_.push_back(pos);
+    }
+}
 
 int Parser::lineOf(ptrdiff_t offset) const {
     if (offset < 0) {
         return 1;
     }
-    size_t end = std::min(static_cast<size_t>(offset), text_.size());
-    return 1 + static_cast<int>(std::count(text_.begin(), text_.begin() + end, '\n'));
+    auto after = std::lower_bound(newlines_.begin(), newlines_.end(), static_cast<size_t>(offset));
+    return 1 + static_cast<int>(after - newlines_.begin());
 }
 
 bool Parser::failAt(ptrdiff_t offset, const std::string& reason) {
