@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <pugixml.hpp>
+#include <unordered_set>
 
 #include "ValueCheck.h"
 
@@ -54,6 +55,7 @@ class Parser {
     bool parseNode(const pugi::xml_node& element, NodeDef* node, Inherited levels, int depth);
     bool parseVariable(const pugi::xml_node& element, VariableDef* var, const Inherited& levels);
     bool parseKindDetails(const pugi::xml_node& element, VariableDef* var);
+    bool parseOptions(const pugi::xml_node& element, VariableDef* var);
     bool parseDefaults(const pugi::xml_node& element, VariableDef* var);
     bool addChild(const pugi::xml_node& element, NodeDef* parent, const std::string& name,
                   int index);
@@ -271,6 +273,29 @@ bool Parser::parseNode(const pugi::xml_node& element, NodeDef* node, Inherited l
     return parseChildren(element, node, levels, depth);
 }
 
+bool Parser::parseOptions(const pugi::xml_node& element, VariableDef* var) {
+    // A set, not a search of the list so far: a model may list many thousands of options.
+    std::unordered_set<std::string> listed;
+    for (const pugi::xml_node& option : element.children("option")) {
+        if (!checkTextOnly(option)) {
+            return false;
+        }
+        std::string value = option.text().get();
+        if (value.empty() || value.size() > kMaxValueBytes) {
+            return fail(option, "an option needs a text of 1 to " + std::to_string(kMaxValueBytes) +
+                                    " bytes");
+        }
+        if (!listed.insert(value).second) {
+            return fail(option, "option '" + value + "' is listed twice");
+        }
+        var->options.push_back(value);
+    }
+    if (var->options.empty()) {
+        return fail(element, "option variable '" + var->name + "' lists no <option>");
+    }
+    return true;
+}
+
 bool Parser::parseKindDetails(const pugi::xml_node& element, VariableDef* var) {
     long long number = 0;
     switch (var->kind) {
@@ -303,23 +328,8 @@ bool Parser::parseKindDetails(const pugi::xml_node& element, VariableDef* var) {
         case ValueKind::kBoolean:
             break;
         case ValueKind::kOption:
-            for (const pugi::xml_node& option : element.children("option")) {
-                if (!checkTextOnly(option)) {
-                    return false;
-                }
-                std::string value = option.text().get();
-                if (value.empty() || value.size() > kMaxValueBytes) {
-                    return fail(option, "an option needs a text of 1 to " +
-                                            std::to_string(kMaxValueBytes) + " bytes");
-                }
-                if (std::find(var->options.begin(), var->options.end(), value) !=
-                    var->options.end()) {
-                    return fail(option, "option '" + value + "' is listed twice");
-                }
-                var->options.push_back(value);
-            }
-            if (var->options.empty()) {
-                return fail(element, "option variable '" + var->name + "' lists no <option>");
+            if (!parseOptions(element, var)) {
+                return false;
             }
             break;
     }
