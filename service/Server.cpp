@@ -149,7 +149,7 @@ void Server::finishWrites() {
     }
 }
 
-void Server::run(int stopFd) {
+bool Server::run(int stopFd) {
     int requestFd = MSG_GetPollFd(endpoint_.c_str());
     pollfd watched[] = {
         {stopFd, POLLIN, 0},
@@ -162,10 +162,12 @@ void Server::run(int stopFd) {
     }
     logmsg_info(kLogModule, "serving %s\n", endpoint_.c_str());
     bool moreRequests = false;
+    bool healthy = true;
     for (;;) {
         int ready = poll(watched, 3, moreRequests ? 0 : kIdlePollMs);
         if (ready < 0 && errno != EINTR) {
             logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
+            healthy = false;
             break;
         }
         if (ready > 0 && watched[0].revents != 0) {
@@ -182,6 +184,7 @@ void Server::run(int stopFd) {
     finishWrites();
     MSG_CloseLocal(endpoint_.c_str());
     open_ = false;
+    return healthy;
 }
 
 }  // namespace configsrvc

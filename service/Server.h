@@ -37,8 +37,8 @@ class Server {
     bool open(std::string* error);
 
     // Serves until `stopFd` becomes readable, then answers the writes already submitted and
-    // closes the endpoint.
-    void run(int stopFd);
+    // closes the endpoint. False when serving ended because waiting for work failed.
+    bool run(int stopFd);
 
   private:
     struct Command {

@@ -164,7 +164,9 @@ int main(int argc, char** argv) {
     }
     logmsg_info(kLogModule, "model %s, values in %s\n", options.model.c_str(),
                 store->databasePath().c_str());
-    server.run(stopPipe[0]);
+    if (!server.run(stopPipe[0])) {
+        return fail("stopped: waiting for requests failed");
+    }
     logmsg_info(kLogModule, "stopped\n");
     return 0;
 }
