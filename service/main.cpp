@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -66,6 +67,7 @@ int usageError(const std::string& problem) {
 
 // Returns -1 when the options are good, else the exit status to end with.
 int parseOptions(int argc, char** argv, Options* options) {
+    std::vector<std::string> seen;
     for (int i = 1; i < argc; ++i) {
         std::string word = argv[i];
         if (word == "--help" || word == "-h") {
@@ -79,6 +81,10 @@ int parseOptions(int argc, char** argv, Options* options) {
         if (target == nullptr) {
             return usageError("unknown option '" + word + "'");
         }
+        if (std::find(seen.begin(), seen.end(), word) != seen.end()) {
+            return usageError(word + " given twice");
+        }
+        seen.push_back(word);
         if (i + 1 >= argc || argv[i + 1][0] == '\0') {
             return usageError(word + " needs a value");
         }

@@ -273,6 +273,8 @@ TEST(ServiceStart, BadModelOrDamagedStateIsRefused) {
     EXPECT_EQ(slurp(database), "SQLite format 3\nnot really");
     EXPECT_THAT(run(CONFIGSRVC_BIN " --model " EXAMPLE_MODEL).err,
                 HasSubstr("configsrvc: --model and --state are required"));
+    EXPECT_THAT(run(CONFIGSRVC_BIN " --model a --state b --model c").err,
+                HasSubstr("configsrvc: --model given twice"));
 }
 
 // Each client owns a variable that takes a short text: every fourth request writes the next
