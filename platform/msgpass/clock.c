@@ -33,7 +33,10 @@ int64_t msg_deadline(int timeoutMs) {
     if (cap >= 0 && cap < wait) {
         wait = cap;
     }
-    return wait == kMsgForever ? kMsgForever : msg_now_ms() + wait;
+    /* A cap near the largest number is "forever" too: the sum must not wrap into the past,
+     * where every wait would end at once and waiting threads would spin. */
+    int64_t now = msg_now_ms();
+    return wait >= kMsgForever - now ? kMsgForever : now + wait;
 }
 
 int msg_remaining_ms(int64_t deadline) {

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -254,13 +255,23 @@ TEST_F(MsgPassTest, WaitsEndByTimeOutByTheCapOrByClose) {
     EXPECT_EQ(MSG_OpenRemoteSync("client", "absent", 10000, &address), MSG_ERR_TIMEOUT);
     EXPECT_LT(msSince(start), 2000);
 
-    unsetenv(MSG_MAX_WAIT_ENV);
-    start = Clock::now();
-    std::thread receiver([] { EXPECT_EQ(MSG_RecvAny("server", -1), nullptr); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_EQ(MSG_CloseLocal("server"), MSG_OK);
-    receiver.join();
-    EXPECT_LT(msSince(start), 2000) << "closing did not wake the receiver";
+    // No cap, and one too large to add to the clock: either way the receivers, the leader and
+    // one waiting for its turn, sleep until the endpoint closes.
+    for (const char* cap : {"", "9223372036854775806"}) {
+        setenv(MSG_MAX_WAIT_ENV, cap, 1);
+        MSG_CloseLocal("server");
+        ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
+        start = Clock::now();
+        auto receive = [] { EXPECT_EQ(MSG_RecvAny("server", -1), nullptr); };
+        std::thread leader(receive), waiter(receive);
+        const std::clock_t cpuBefore = std::clock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_LT(std::clock() - cpuBefore, CLOCKS_PER_SEC / 20) << "cap '" << cap << "': spins";
+        EXPECT_EQ(MSG_CloseLocal("server"), MSG_OK);
+        leader.join();
+        waiter.join();
+        EXPECT_LT(msSince(start), 2000) << "cap '" << cap << "': closing did not wake them";
+    }
 }
 
 TEST_F(MsgPassTest, ConcurrentSendersNeverInterleave) {
