@@ -1,6 +1,7 @@
 /* endpoint.c - opening and closing local endpoints, and the socket files behind them. */
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -21,7 +22,7 @@ enum { kTempNameAttempts = 16 };
  * both find the same name stale: one would remove the socket that the other has just put there.
  * Best effort: without the lock file (read-only directory) we carry on unlocked. */
 static int lock_dir(const char* dir) {
-    char path[kMsgPathBytes];
+    char path[PATH_MAX]; /* a plain file: not bound by the length of a socket address */
     if (snprintf(path, sizeof(path), "%s/.lock", dir) >= (int)sizeof(path)) {
         return -1;
     }
@@ -69,41 +70,47 @@ static int reclaim_name(const char* path) {
     return unlink(path) == 0 || errno == ENOENT ? MSG_OK : MSG_ERR_SYSTEM;
 }
 
+/* From bind_temporary: the directory's path leaves no room for a temporary name in it. */
+enum { kNoRoomForTemp = -1 };
+
+/* Binds the listening socket at `path`, open to anyone, and listens. On failure nothing is left
+ * at `path` by us; errno says why. */
+static int bind_and_listen(int fd, const char* path) {
+    struct sockaddr_un addr;
+    socklen_t length = msg_sockaddr(path, &addr);
+    if (bind(fd, (struct sockaddr*)&addr, length) != 0) {
+        return -1;
+    }
+    /* Anyone may connect: services judge their clients by SO_PEERCRED, not by file modes. */
+    if (chmod(path, 0666) != 0 || listen(fd, kBacklog) != 0) {
+        int saved = errno;
+        unlink(path);
+        errno = saved;
+        return -1;
+    }
+    return 0;
+}
+
 /* Binds the listening socket under a fresh temporary name in the directory, into `temp`. The
  * name carries our pid and a sequence number; one that is taken (a process of our pid in another
  * pid namespace, or one that died half-way) is skipped, never removed. */
-static int bind_listening(struct msg_endpoint* ep, char* temp) {
+static int bind_temporary(struct msg_endpoint* ep, char* temp) {
     static unsigned sequence;
-    ep->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (ep->listen_fd < 0) {
-        return MSG_ERR_SYSTEM;
-    }
     long pid = (long)getpid();
-    int bound = -1;
-    for (int attempt = 0; attempt < kTempNameAttempts && bound != 0; attempt++) {
+    for (int attempt = 0; attempt < kTempNameAttempts; attempt++) {
         int written = snprintf(temp, kMsgPathBytes, "%s/.tmp-%ld-%u", ep->dir, pid,
                                __atomic_add_fetch(&sequence, 1, __ATOMIC_RELAXED));
         if (written <= 0 || written >= kMsgPathBytes) {
-            return MSG_ERR_NO_DIR;
+            return kNoRoomForTemp;
         }
-        struct sockaddr_un addr;
-        socklen_t length = msg_sockaddr(temp, &addr);
-        bound = bind(ep->listen_fd, (struct sockaddr*)&addr, length);
-        if (bound != 0 && errno != EADDRINUSE) {
+        if (bind_and_listen(ep->listen_fd, temp) == 0) {
+            return MSG_OK;
+        }
+        if (errno != EADDRINUSE) {
             return MSG_ERR_SYSTEM;
         }
     }
-    if (bound != 0) {
-        return MSG_ERR_SYSTEM;
-    }
-    /* Anyone may connect: services judge their clients by SO_PEERCRED, not by file modes. */
-    if (chmod(temp, 0666) != 0 || listen(ep->listen_fd, kBacklog) != 0) {
-        int saved = errno;
-        unlink(temp);
-        errno = saved;
-        return MSG_ERR_SYSTEM;
-    }
-    return MSG_OK;
+    return MSG_ERR_SYSTEM;
 }
 
 /* Moves `temp` to `path` unless something is there already (EEXIST), without a moment in which
@@ -138,23 +145,43 @@ static int claim_name(struct msg_endpoint* ep, const char* temp) {
     return status;
 }
 
+/* Where the name fits a socket address but a temporary name would not, the socket is bound in
+ * place. The directory lock keeps other processes from taking it for stale in the moment before
+ * it listens; a client that finds it then is refused and tries again. */
+static int bind_in_place(struct msg_endpoint* ep) {
+    int lock_fd = lock_dir(ep->dir);
+    int status = reclaim_name(ep->path);
+    if (status == MSG_OK && bind_and_listen(ep->listen_fd, ep->path) != 0) {
+        status = errno == EADDRINUSE ? MSG_ERR_NAME_IN_USE : MSG_ERR_SYSTEM;
+    }
+    unlock_dir(lock_fd);
+    return status;
+}
+
 /* The socket listens under a temporary name first and is then renamed into place, so a client
  * never finds the name without someone accepting behind it. */
 static int install_socket(struct msg_endpoint* ep) {
-    char temp[kMsgPathBytes];
-    int status = bind_listening(ep, temp);
-    if (status != MSG_OK) {
-        return status;
+    ep->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (ep->listen_fd < 0) {
+        return MSG_ERR_SYSTEM;
     }
-    status = claim_name(ep, temp);
+    char temp[kMsgPathBytes];
+    int status = bind_temporary(ep, temp);
+    if (status == kNoRoomForTemp) {
+        status = bind_in_place(ep);
+    } else if (status == MSG_OK) {
+        status = claim_name(ep, temp);
+        if (status != MSG_OK) {
+            int saved = errno;
+            unlink(temp);
+            errno = saved;
+        }
+    }
     struct stat st;
     if (status == MSG_OK && stat(ep->path, &st) != 0) {
         status = MSG_ERR_SYSTEM;
     }
     if (status != MSG_OK) {
-        int saved = errno;
-        unlink(temp);
-        errno = saved;
         return status;
     }
     ep->socket_dev = st.st_dev;

@@ -317,16 +317,25 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
     std::ofstream(dir_ + "/plain") << "not a directory";
     ASSERT_EQ(symlink((dir_ + "/made").c_str(), (dir_ + "/link").c_str()), 0);
     ASSERT_EQ(symlink((dir_ + "/nowhere").c_str(), (dir_ + "/dangling").c_str()), 0);
+    // Directories whose socket path "<dir>/probe" takes the whole socket address, or one more.
+    const std::string longest = "/" + std::string(101 - dir_.size() - 1, 'd');
+    const std::string tooLong = longest + "d";
     // "/made" is created; only one level is.
-    const std::pair<const char*, int> dirs[] = {{"/made", MSG_OK},
+    const std::pair<std::string, int> dirs[] = {{"/made", MSG_OK},
                                                 {"/made/", MSG_OK},
                                                 {"/link", MSG_OK},
+                                                {longest, MSG_OK},
+                                                {tooLong, MSG_ERR_NO_DIR},
                                                 {"/plain", MSG_ERR_NO_DIR},
                                                 {"/dangling", MSG_ERR_NO_DIR},
                                                 {"/missing/deeper", MSG_ERR_NO_DIR}};
     for (const auto& [dir, expected] : dirs) {
         setenv(MSG_DIR_ENV, (dir_ + dir).c_str(), 1);
         EXPECT_EQ(MSG_OpenLocal("probe"), expected) << dir;
+        uint32_t address = 0;
+        if (expected == MSG_OK && MSG_OpenLocal("c") == MSG_OK) {
+            EXPECT_EQ(MSG_OpenRemoteSync("c", "probe", 0, &address), MSG_OK) << dir;
+        }
         MSG_CloseLocal(nullptr);
     }
     setenv(MSG_DIR_ENV, dir_.c_str(), 1);
