@@ -93,8 +93,7 @@ void msg_conn_unref(struct msg_conn* conn) {
     free(conn);
 }
 
-/* Out of descriptors, accepting was paused; a connection going away frees one. */
-static void resume_listening(struct msg_endpoint* ep) {
+void msg_listen_resume(struct msg_endpoint* ep) {
     if (!ep->listen_paused || ep->closed) {
         return;
     }
@@ -119,7 +118,7 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn) {
     /* Wakes a sender blocked on this connection; the descriptor itself is closed by the last
      * reference, so no other thread ever uses a number that was reused meanwhile. */
     shutdown(conn->fd, SHUT_RDWR);
-    resume_listening(ep);
+    msg_listen_resume(ep); /* out of descriptors, accepting waited for one to be freed */
     msg_conn_unref(conn);
 }
 

@@ -106,6 +106,8 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_unref(struct msg_conn* conn);
 void msg_conn_pause(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn);
+/* Accepts again after running out of descriptors (a no-op unless accepting was paused). */
+void msg_listen_resume(struct msg_endpoint* ep);
 /* Asks the leader to report room in the socket, or stops asking; 0, or -1 when epoll refused. */
 int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int want);
 
@@ -150,9 +152,10 @@ struct msg_endpoint {
     pthread_mutex_t lock;
     pthread_cond_t turn; /* signalled when the leader leaves or messages are queued */
     int closed;
-    int leader;        /* a thread is waiting in epoll for the endpoint */
-    int connected_out; /* MSG_OpenRemoteSync has succeeded once */
-    int listen_paused; /* out of descriptors: stop accepting until a connection goes */
+    int leader;              /* a thread is waiting in epoll for the endpoint */
+    int connected_out;       /* MSG_OpenRemoteSync has succeeded once */
+    int listen_paused;       /* out of descriptors: stop accepting until a connection goes */
+    int64_t listen_retry_at; /* or until then: the descriptors may not have been ours */
     uint32_t last_address;
     struct msg_conn* conns;
     MSG_Msg* queue_head;

@@ -22,7 +22,9 @@ enum {
     kReadBudgetBytes = 1024 * 1024,
     /* Stop reading a connection when this much of its input waits unclaimed; resume at half. */
     kPauseQueuedBytes = MSG_MAX_PAYLOAD_BYTES,
-    kPauseQueuedCount = 4096
+    kPauseQueuedCount = 4096,
+    /* Out of descriptors, how long accepting waits before it is tried again. */
+    kListenRetryMs = 100
 };
 
 /* The descriptor of MSG_GetPollFd must be readable while messages are queued, since the
@@ -182,6 +184,7 @@ static void accept_pending(struct msg_endpoint* ep) {
             /* Level-triggered, the listener would wake us for ever; wait for a free slot. */
             if (epoll_ctl(ep->wait_fd, EPOLL_CTL_DEL, ep->listen_fd, NULL) == 0) {
                 ep->listen_paused = 1;
+                ep->listen_retry_at = msg_now_ms() + kListenRetryMs;
             }
         }
         return;
@@ -221,9 +224,29 @@ static void serve_events(struct msg_endpoint* ep, const struct epoll_event* even
     }
 }
 
+/* The leader's wait while accepting is paused for want of descriptors. A connection of ours
+ * going away resumes it, but the descriptors may be held elsewhere in the process, and a service
+ * with no connection to lose would never accept again: so it is also retried after a while. */
+static int wait_with_listen_retry(struct msg_endpoint* ep, int timeoutMs) {
+    if (!ep->listen_paused) {
+        return timeoutMs;
+    }
+    int64_t left = ep->listen_retry_at - msg_now_ms();
+    if (left <= 0) {
+        msg_listen_resume(ep);
+        if (!ep->listen_paused) {
+            return timeoutMs;
+        }
+        ep->listen_retry_at = msg_now_ms() + kListenRetryMs;
+        left = kListenRetryMs;
+    }
+    return timeoutMs >= 0 && timeoutMs < left ? timeoutMs : (int)left;
+}
+
 /* One turn as leader: wait for the endpoint without its lock, then serve what came. */
 static void lead(struct msg_endpoint* ep, int timeoutMs) {
     struct epoll_event events[kMaxEvents];
+    timeoutMs = wait_with_listen_retry(ep, timeoutMs);
     ep->leader = 1;
     pthread_mutex_unlock(&ep->lock);
     int count = epoll_wait(ep->wait_fd, events, kMaxEvents, timeoutMs);

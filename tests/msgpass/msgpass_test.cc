@@ -1,8 +1,10 @@
 // libmsgpass through its public header. Each test has its own endpoint directory; peers run in
 // child processes, or as plain sockets that write the wire format by hand.
+#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -272,6 +274,32 @@ TEST_F(MsgPassTest, WaitsEndByTimeOutByTheCapOrByClose) {
         waiter.join();
         EXPECT_LT(msSince(start), 2000) << "cap '" << cap << "': closing did not wake them";
     }
+}
+
+// Descriptors used up elsewhere in the process: the service, with no connection of its own to
+// lose, accepts its client once there are descriptors again.
+TEST_F(MsgPassTest, AcceptingResumesAfterRunningOutOfDescriptors) {
+    ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
+    ASSERT_EQ(MSG_OpenLocal("client"), MSG_OK);
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = std::min<rlim_t>(saved.rlim_cur, 256);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> hogs;
+    for (int fd = open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0; fd = dup(fd))
+        hogs.push_back(fd);
+    close(hogs.back());  // room for the client's socket, none for the server's end of it
+    hogs.pop_back();
+    ASSERT_EQ(MSG_OpenRemoteSync("client", "server", 0, &toServer_), MSG_OK);
+    ASSERT_EQ(MSG_SendMsg("client", toServer_, makeMsg(1, "hello")), MSG_OK);
+    EXPECT_EQ(MSG_RecvAny("server", 50), nullptr) << "accepted without a descriptor";
+    for (int fd : hogs)
+        close(fd);
+    setrlimit(RLIMIT_NOFILE, &saved);
+    MSG_Msg* msg = MSG_RecvAny("server", 2000);
+    EXPECT_EQ(payloadOf(msg), "hello");
+    MSG_ReleaseMsg(msg);
 }
 
 TEST_F(MsgPassTest, ConcurrentSendersNeverInterleave) {
