@@ -291,8 +291,9 @@ TEST_F(MsgPassTest, AcceptingResumesAfterRunningOutOfDescriptors) {
         hogs.push_back(fd);
     close(hogs.back());  // room for the client's socket, none for the server's end of it
     hogs.pop_back();
-    ASSERT_EQ(MSG_OpenRemoteSync("client", "server", 0, &toServer_), MSG_OK);
-    ASSERT_EQ(MSG_SendMsg("client", toServer_, makeMsg(1, "hello")), MSG_OK);
+    uint32_t address = 0;  // a local: even the sanitizer's type checks need descriptors
+    EXPECT_EQ(MSG_OpenRemoteSync("client", "server", 0, &address), MSG_OK);
+    EXPECT_EQ(MSG_SendMsg("client", address, makeMsg(1, "hello")), MSG_OK);
     EXPECT_EQ(MSG_RecvAny("server", 50), nullptr) << "accepted without a descriptor";
     for (int fd : hogs)
         close(fd);
