@@ -56,9 +56,9 @@ typedef struct MsgBuf MSG_Msg;
 /* Status codes. Each failure has its own number so that a caller can print it usefully. */
 enum {
     MSG_OK = 0,
-    MSG_ERR_BAD_ARG = 300,     /* null pointer, null handle or otherwise unusable argument */
-    MSG_ERR_BAD_NAME = 301,    /* endpoint name empty, too long, containing '/', "." or ".." */
-    MSG_ERR_NOT_OPEN = 302,    /* no local endpoint of that name is open in this process */
+    MSG_ERR_BAD_ARG = 300,  /* null pointer, null handle or otherwise unusable argument */
+    MSG_ERR_BAD_NAME = 301, /* endpoint name empty, too long, containing '/' or starting with '.' */
+    MSG_ERR_NOT_OPEN = 302, /* no local endpoint of that name is open in this process */
     MSG_ERR_NAME_IN_USE = 303, /* a live endpoint of that name exists already */
     MSG_ERR_TIMEOUT = 304,     /* the remote did not appear or answer within the time-out */
     MSG_ERR_NO_ROUTE = 305,    /* the address names no open connection of this endpoint */

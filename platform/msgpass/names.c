@@ -17,8 +17,9 @@ int msg_check_name(const char* name) {
     if (length == 0 || length > MSG_MAX_NAME_BYTES || memchr(name, '/', length)) {
         return MSG_ERR_BAD_NAME;
     }
-    /* As file names these are the directory and its parent, never a socket of ours. */
-    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+    /* Names starting with '.' are the directory, its parent and the library's own files in it
+     * (the lock file, sockets being set up): never an endpoint. */
+    if (name[0] == '.') {
         return MSG_ERR_BAD_NAME;
     }
     return MSG_OK;

@@ -182,6 +182,7 @@ TEST_F(MsgPassTest, BadArgumentsGiveTheirStatus) {
         {"open dot-dot path", MSG_OpenLocal("../x"), MSG_ERR_BAD_NAME},
         {"open dot", MSG_OpenLocal("."), MSG_ERR_BAD_NAME},
         {"open dot-dot", MSG_OpenLocal(".."), MSG_ERR_BAD_NAME},
+        {"open the lock file's name", MSG_OpenLocal(".lock"), MSG_ERR_BAD_NAME},
         {"open over a plain file", MSG_OpenLocal("plain"), MSG_ERR_NAME_IN_USE},
         {"debug name null", MSG_DebugSetName(nullptr), MSG_ERR_BAD_ARG},
         {"debug name slash", MSG_DebugSetName("x/y"), MSG_ERR_BAD_NAME},
