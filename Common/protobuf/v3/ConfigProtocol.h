@@ -1,0 +1,107 @@
+// The configuration service protocol for C++ programs: the endpoint name, the message ids (from
+// config_protocol.h, their one home), and the helpers that carry a protocol buffer message in a
+// libmsgpass message and back.
+//
+// The helpers report which step failed and log nothing, so that every caller says it in its own
+// words. They use only the libmsgpass operations a client needs (allocate, payload access,
+// release). Header-only: the tool links the static protocol buffer runtime and the service the
+// shared one, and each compiles these few lines against its own.
+#ifndef COMMON_PROTOBUF_V3_CONFIGPROTOCOL_H
+#define COMMON_PROTOBUF_V3_CONFIGPROTOCOL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <google/protobuf/message_lite.h>
+
+#include "Common/protobuf/v3/config_protocol.h"
+#include "msgpass.h"
+
+namespace ConfigProtocol {
+
+constexpr char kServiceEndpoint[] = CONFIG_SERVICE_ENDPOINT;
+
+#define CONFIG_PROTOCOL_CONSTANT(type, id) constexpr uint32_t k##type##MsgId = id;
+CONFIG_PROTOCOL_MESSAGES(CONFIG_PROTOCOL_CONSTANT)
+#undef CONFIG_PROTOCOL_CONSTANT
+
+// Every message type with its id, in the order of the list.
+struct MessageType {
+    const char* name;  // the message's name in configservice.proto, without the package
+    uint32_t id;
+};
+#define CONFIG_PROTOCOL_ENTRY(type, id) {#type, id},
+constexpr MessageType kMessageTypes[] = {CONFIG_PROTOCOL_MESSAGES(CONFIG_PROTOCOL_ENTRY)};
+#undef CONFIG_PROTOCOL_ENTRY
+constexpr size_t kMessageTypeCount = sizeof kMessageTypes / sizeof kMessageTypes[0];
+
+// The id of the message type called `name` ("ReadRsp"), or 0 when the protocol has none.
+inline uint32_t messageIdOf(const std::string& name) {
+    for (const MessageType& type : kMessageTypes) {
+        if (name == type.name) {
+            return type.id;
+        }
+    }
+    return 0;
+}
+
+// The name of the message type of id `msgId`, or null when the protocol has none.
+inline const char* messageNameOf(uint32_t msgId) {
+    for (const MessageType& type : kMessageTypes) {
+        if (type.id == msgId) {
+            return type.name;
+        }
+    }
+    return nullptr;
+}
+
+// The id of the response to the request of id `requestId` ("ReadReq" -> "ReadRsp"), or 0 when
+// that id is no request or its response is not in the protocol.
+inline uint32_t responseIdOf(uint32_t requestId) {
+    const char* request = messageNameOf(requestId);
+    const std::string name = request != nullptr ? request : "";
+    const size_t suffix = name.size() - 3;
+    if (name.size() < 3 || name.compare(suffix, 3, "Req") != 0) {
+        return 0;
+    }
+    return messageIdOf(name.substr(0, suffix) + "Rsp");
+}
+
+// The step of encodeMessage that failed.
+enum EncodeFailure {
+    kEncodedFine = 0,
+    kAllocFailed,      // MSG_AllocMsg returned no handle
+    kSerializeFailed,  // the message did not serialise (a required field is missing)
+};
+
+// A new libmsgpass message of id `msgId` and MSG_AllocMsg `flags` holding `message`'s binary
+// encoding, or null with the failed step in *failure. The caller owns the handle (MSG_SendMsg or
+// MSG_ReleaseMsg).
+inline MSG_Msg* encodeMessage(uint32_t msgId, int flags,
+                              const google::protobuf::MessageLite& message,
+                              EncodeFailure* failure) {
+    const size_t size = message.ByteSizeLong();
+    MSG_Msg* handle = MSG_AllocMsg(msgId, flags, static_cast<uint32_t>(size));
+    if (handle == nullptr) {
+        *failure = kAllocFailed;
+        return nullptr;
+    }
+    if (!message.SerializeToArray(MSG_GetPayloadMutable(handle), static_cast<int>(size))) {
+        MSG_ReleaseMsg(handle);
+        *failure = kSerializeFailed;
+        return nullptr;
+    }
+    *failure = kEncodedFine;
+    return handle;
+}
+
+// Parses the payload of `handle` into `message`; false when it does not parse (then `message`
+// may hold part of it). The handle stays the caller's.
+inline bool decodeMessage(const MSG_Msg* handle, google::protobuf::MessageLite* message) {
+    return message->ParseFromArray(MSG_GetPayload(handle), MSG_GetPayloadBytes(handle));
+}
+
+}  // namespace ConfigProtocol
+
+#endif  // COMMON_PROTOBUF_V3_CONFIGPROTOCOL_H
