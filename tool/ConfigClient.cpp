@@ -5,6 +5,7 @@
 #include "ErrorNames.h"
 #include "LogStream.h"
 #include "Roles.h"
+#include "transport/Exchange.h"
 #include "transport/MessageIds.h"
 
 const char* ConfigClient::nameToSend(const char* clientName) const {
@@ -53,4 +54,9 @@ int ConfigClient::write(const char* clientName, const char* roleName,
         return error;
     }
     return 0;
+}
+
+int ConfigClient::exchange(uint32_t requestId, const google::protobuf::Message& request,
+                           uint32_t responseId, google::protobuf::Message& response) {
+    return exchangeMessages(endpoint, requestId, request, responseId, response);
 }

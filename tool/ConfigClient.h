@@ -27,9 +27,7 @@ class ConfigClient {
     int write(const char* clientName, const char* roleName,
               const ConfigIF::InstValue& instanceValue);
 
-    // Sends `request` under `requestId` and fills `response` from the reply of `responseId`,
-    // tracing both on standard error while debugTrace is set. Returns 0 or the status of the
-    // first step that failed; after a failure `response` must not be used.
+    // One transaction over `endpoint`: see exchangeMessages (transport/Exchange.h).
     int exchange(uint32_t requestId, const google::protobuf::Message& request, uint32_t responseId,
                  google::protobuf::Message& response);
 

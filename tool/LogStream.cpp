@@ -2,14 +2,17 @@
 
 #include <cstdio>
 
-#include "ProductionLog.h"
-
 namespace {
 const char kRed[] = "\033[31m";
 const char kReset[] = "\033[0m";
 
 LogStream* theInstance = nullptr;
+LogMirror* theMirror = nullptr;
 }  // namespace
+
+void setLogMirror(LogMirror* mirror) {
+    theMirror = mirror;
+}
 
 LogStream& LogStream::instance() {
     if (theInstance == nullptr) {
@@ -25,11 +28,11 @@ LogStream::LogStream() {
 LogStream::~LogStream() {}
 
 void LogStream::selectTargets() {
-    mirror = startProductionLog();
+    mirror = theMirror != nullptr && theMirror->start();
 }
 
 void LogStream::mirrorLine() {
-    writeProductionLog(str());
+    theMirror->write(str());
 }
 
 void LogStream::flushLine() {

@@ -2,8 +2,9 @@
 //
 // Callers insert text piece by piece; a newline character (inserted as a string or as a single
 // character) ends the line, which is then shown on standard error between the escape sequences
-// for red and for reset. On production devices each line is also logged through logmsg, before
-// it is shown (see ProductionLog.h); the choice is made once, when the stream is created.
+// for red and for reset. A program may also install a LogMirror, such as the system log of
+// production devices (ProductionLog.h), which receives each line before it is shown; whether it
+// takes lines is decided once, when the stream is created.
 // Integers and other values go through the underlying string stream unchanged: a newline that
 // arrives that way stays inside the line. Text not yet ended by a newline is never shown.
 //
@@ -14,6 +15,22 @@
 #include <sstream>
 #include <string>
 #include <type_traits>
+
+// A second target for the lines, installed by the program before its first line. The stream asks
+// start() once, when it is created; only when that says yes does it hand every line to write().
+class LogMirror {
+  public:
+    virtual ~LogMirror() {}
+    // Decides whether lines are mirrored, setting up the target when they are.
+    virtual bool start() = 0;
+    // Takes one line, without its newline. Failures stay inside the mirror.
+    virtual void write(const std::string& line) = 0;
+};
+
+// Installs `mirror` (not owned; it must outlive the process's last line), or none with null.
+// Only a stream created afterwards consults it: call it before the first line. A program that
+// installs nothing keeps its lines on the console.
+void setLogMirror(LogMirror* mirror);
 
 class LogStream : public std::ostringstream {
   public:
@@ -28,9 +45,9 @@ class LogStream : public std::ostringstream {
   private:
     LogStream();
 
-    // Decides once, at construction, whether lines are also mirrored into the system log.
+    // Decides once, at construction, whether lines also go to the installed mirror.
     void selectTargets();
-    // Writes the buffered line into the system log; only called while mirroring is on.
+    // Hands the buffered line to the mirror; only called while mirroring is on.
     void mirrorLine();
 
     bool mirror = false;

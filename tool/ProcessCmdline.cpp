@@ -1,6 +1,10 @@
 #include "ProcessCmdline.h"
 
+#include <unistd.h>
+
 #include <cstdio>
+
+#include "logmsg.h"
 
 namespace {
 
@@ -13,10 +17,13 @@ void dropOneTrailingSpace(std::string& text) {
 }  // namespace
 
 std::string getProcessCmdline(pid_t pid) {
-    const std::string path = "/proc/" + std::to_string(pid) + "/cmdline";
     std::string cmdline;
-    std::FILE* file = std::fopen(path.c_str(), "r");
+    const int fd = logmsg_open_cmdline(std::to_string(pid).c_str());
+    std::FILE* file = fd >= 0 ? fdopen(fd, "r") : nullptr;
     if (file == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return cmdline;
     }
     for (;;) {

@@ -11,33 +11,21 @@
 #include "ProcessCmdline.h"
 #include "logmsg.h"
 
+const char ProductionLog::kLogDaemonPidFile[] = "/tmp/nxlog.pid";
+const char ProductionLog::kLogDevice[] = LOGMSG_DEVICE_PATH;
+
 namespace {
 
 const char kBootModeVariable[] = "BOOT_MODE";
 const char kProductionMode[] = "PRODUCTION";
-const char kLogDaemonPidFile[] = "/tmp/nxlog.pid";
 const char kSystemLogDaemon[] = "syslogd";
 const char kLogName[] = "setvane";
 // A pid line longer than this could not make a path that opens.
 const size_t kLongestPidLine = PATH_MAX;
-// The kernel bounds a command line; a file of it is read whole.
-const size_t kAnyLength = std::string::npos - 1;
 
-const char* logDaemonPidFile() {
-#ifdef SETVANE_TEST_PID_FILE_ENV
-    const char* path = std::getenv(SETVANE_TEST_PID_FILE_ENV);
-    if (path != nullptr && path[0] != '\0') {
-        return path;
-    }
-#endif
-    return kLogDaemonPidFile;
-}
-
-// Reads `path` up to its first newline or its end, NUL bytes included. False when the file
-// cannot be opened or its first line is longer than `limit`. Opened without blocking, so that a
-// FIFO in place of a file reads as empty instead of holding up the tool.
-bool readFirstLine(const char* path, size_t limit, std::string& line) {
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+// Reads `fd` up to its first newline or its end, NUL bytes included, and closes it. False when
+// `fd` is not open or the first line is longer than `limit`.
+bool readFirstLine(int fd, size_t limit, std::string& line) {
     if (fd < 0) {
         return false;
     }
@@ -60,15 +48,16 @@ bool isProductionBoot() {
     return mode != nullptr && std::strcmp(mode, kProductionMode) == 0;
 }
 
-bool logDaemonIsSyslogd() {
+// Opened without blocking, so that a FIFO in place of the pid file reads as empty instead of
+// holding up the tool.
+bool logDaemonIsSyslogd(const char* pidFile) {
     std::string pid;
-    if (!readFirstLine(logDaemonPidFile(), kLongestPidLine, pid)) {
+    if (!readFirstLine(open(pidFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC), kLongestPidLine, pid)) {
         return false;
     }
     // The pid is taken exactly as written: stray blanks or a carriage return name no process.
-    const std::string cmdlinePath = "/proc/" + pid + "/cmdline";
     std::string cmdline;
-    if (!readFirstLine(cmdlinePath.c_str(), kAnyLength, cmdline)) {
+    if (!readFirstLine(logmsg_open_cmdline(pid.c_str()), std::string::npos - 1, cmdline)) {
         return false;
     }
     // Byte-wise: the name may sit in any word of the NUL-separated command line.
@@ -77,15 +66,15 @@ bool logDaemonIsSyslogd() {
 
 }  // namespace
 
-bool startProductionLog() {
-    if (!isProductionBoot() || !logDaemonIsSyslogd()) {
+bool ProductionLog::start() {
+    if (!isProductionBoot() || !logDaemonIsSyslogd(pidFile)) {
         return false;
     }
-    logmsg_init(0, kLogName);
+    logmsg_init_with_device(0, kLogName, logDevice);
     return true;
 }
 
-void writeProductionLog(const std::string& line) {
+void ProductionLog::write(const std::string& line) {
     const std::string cmdline = getProcessCmdline(getpid());
     logmsg_err(nullptr, "(%s): %s\n", cmdline.c_str(), line.c_str());
 }

@@ -5,7 +5,8 @@
 #include "Arg.h"
 #include "CommandLine.h"
 #include "ConfigClient.h"
-#include "ProtobufLog.h"
+#include "ProductionLog.h"
+#include "startup/ProtobufLog.h"
 #include "transport/DebugTrace.h"
 
 namespace {
@@ -29,6 +30,9 @@ int run(const CommandLine& line) {
 
 int main(int argc, char** argv) {
     quietProtobufLog();
+    // Before the first line: the log stream decides on its targets when it is created. Never
+    // freed, like the stream that uses it.
+    setLogMirror(new ProductionLog());
     CommandLine line;
     parseCommandLine(argc, argv, line);
     return run(line);

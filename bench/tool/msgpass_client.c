@@ -10,6 +10,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "Common/protobuf/v3/config_protocol.h"
 #include "msgpass.h"
 
 /* ReadReq: name "setvane-12345", role kUser, node (x, 0). */
@@ -22,11 +23,11 @@ int main(void) {
     MSG_DebugSetName(name);
     uint32_t remote = 0;
     if (MSG_OpenLocal(name) != MSG_OK ||
-        MSG_OpenRemoteSync(name, "ConfigSrvc", 5000, &remote) != MSG_OK) {
+        MSG_OpenRemoteSync(name, CONFIG_SERVICE_ENDPOINT, 5000, &remote) != MSG_OK) {
         fprintf(stderr, "msgpass_client: cannot connect\n");
         return 1;
     }
-    MSG_Msg* request = MSG_AllocMsg(0x001A0000, 0, sizeof kRequest - 1);
+    MSG_Msg* request = MSG_AllocMsg(kReadReqMsgId, 0, sizeof kRequest - 1);
     if (request == NULL) {
         return 1;
     }
@@ -35,7 +36,7 @@ int main(void) {
         fprintf(stderr, "msgpass_client: send failed\n");
         return 1;
     }
-    MSG_Msg* reply = MSG_RecvMsg(name, 0x001A0041, 10000);
+    MSG_Msg* reply = MSG_RecvMsg(name, kReadRspMsgId, 10000);
     if (reply == NULL) {
         fprintf(stderr, "msgpass_client: no reply\n");
         return 1;

@@ -14,7 +14,7 @@ build=${1:-build/release}
 runs=${2:-1000}
 cpu=${BENCH_CPU:-0}
 setvane=$build/tool/setvane
-standin=$build/tests/tool/standin_service
+standin=$build/standin/standin_service
 bin=$build/bench/tool
 for program in "$setvane" "$standin" "$bin/peak_rss" "$bin/raw_client" "$bin/raw_server" \
                "$bin/msgpass_client"; do
@@ -38,7 +38,7 @@ trap cleanup EXIT
 
 export MSGPASS_DIR=$work
 # A ReadRsp with kErrNoError and the value "on".
-taskset -c "$cpu" "$standin" --reply-id 0x1A0041 --reply-hex 5000a201026f6e >"$work/standin.out" &
+taskset -c "$cpu" "$standin" --reply-hex 5000a201026f6e >"$work/standin.out" &
 pids+=($!)
 taskset -c "$cpu" "$bin/raw_server" "$work/raw.sock" >"$work/raw.out" &
 pids+=($!)

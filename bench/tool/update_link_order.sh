@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Regenerates tool/setvane.order, the list of functions that a setvane run executes, which the
+# Regenerates tool/startup/setvane.order, the list of functions that a setvane run executes, which the
 # build hands to lld so that they end up next to each other in the program's text (see
 # tool/CMakeLists.txt). Run it after changes that move start-up work around (a new protocol
 # buffer runtime, a new schema, new code on the read or write path), then rebuild.
@@ -21,9 +21,9 @@ if [[ ${1:-} == --check ]]; then
 fi
 build=${1:-build/release}
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
-order_file=$source_dir/tool/setvane.order
+order_file=$source_dir/tool/startup/setvane.order
 setvane=$build/tool/setvane
-standin=$build/tests/tool/standin_service
+standin=$build/standin/standin_service
 for program in "$setvane" "$standin"; do
     [[ -x $program ]] || { echo "missing $program: build target bench_tool_programs first" >&2; exit 1; }
 done
@@ -38,13 +38,13 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Profiles `setvane ARGS...` against a stand-in that answers REPLY_ID with REPLY_HEX.
+# Profiles `setvane ARGS...` against a stand-in that answers with REPLY_HEX.
 profile() {
-    local name=$1 reply_id=$2 reply_hex=$3
-    shift 3
+    local name=$1 reply_hex=$2
+    shift 2
     export MSGPASS_DIR=$work/$name
     mkdir -p "$MSGPASS_DIR"
-    "$standin" --reply-id "$reply_id" --reply-hex "$reply_hex" >"$work/$name.standin" &
+    "$standin" --reply-hex "$reply_hex" >"$work/$name.standin" &
     pids+=($!)
     for _ in $(seq 100); do grep -q ready "$work/$name.standin" 2>/dev/null && break; sleep 0.05; done
     grep -q ready "$work/$name.standin" || { echo "the stand-in service did not start" >&2; exit 1; }
@@ -54,8 +54,8 @@ profile() {
 }
 
 # A ReadRsp with kErrNoError and the value "on"; a WriteRsp with kErrNoError.
-profile read 0x1A0041 5000a201026f6e x
-profile write 0x1A0191 52025000 x -w on
+profile read 5000a201026f6e x
+profile write 52025000 x -w on
 
 # Function names of the program's own object, in first-seen order; "'N" marks a recursion level
 # and "0x..." an address without a symbol.
@@ -72,7 +72,7 @@ executed() {
 if [[ $check == 1 ]]; then
     missing=$(executed | awk 'NR == FNR { if ($0 !~ /^#/) listed[$0] = 1; next }
                               !($0 in listed) { n++ } END { print n + 0 }' "$order_file" -)
-    echo "functions executed by setvane but missing from tool/setvane.order: $missing"
+    echo "functions executed by setvane but missing from tool/startup/setvane.order: $missing"
     [[ $missing == 0 ]]
     exit
 fi

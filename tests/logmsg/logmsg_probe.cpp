@@ -31,6 +31,12 @@ namespace {
 bool failLineAlloc = false;
 #endif
 
+// The test's device file, in place of the kernel log device.
+const char* devicePath() {
+    const char* path = std::getenv("LOGMSG_PROBE_DEVICE");
+    return path != nullptr ? path : "/nonexistent/vesklog";
+}
+
 const char* nullable(const char* word) {
     return std::strcmp(word, "-") == 0 ? nullptr : word;
 }
@@ -100,7 +106,7 @@ struct Command {
     }
 
 const Command kCommands[] = {
-    {"init", 1, [](char** a) { logmsg_init(0, nullable(a[0])); }},
+    {"init", 1, [](char** a) { logmsg_init_with_device(0, nullable(a[0]), devicePath()); }},
     {"log", 4,
      [](char** a) {
          report(callWithArg(logmsg, a[3], std::atoi(a[0]), nullable(a[1]), nullable(a[2])));
@@ -115,7 +121,7 @@ const Command kCommands[] = {
     PLAIN_ENTRY("raw", logmsg_raw),
     {"sink", 2, [](char** a) { logmsg_sink(a[0], std::atoi(a[1])); }},
     {"device", 1, [](char** a) { logmsg_set_use_device(std::atoi(a[0])); }},
-    {"mkdev", 0, [](char**) { close(open(std::getenv("LOGMSG_TEST_DEVICE"), O_CREAT, 0600)); }},
+    {"mkdev", 0, [](char**) { close(open(devicePath(), O_CREAT, 0600)); }},
     {"show+", 1, [](char** a) { report(logmsg_add_show_filter(a[0])); }},
     {"show-", 1, [](char** a) { report(logmsg_remove_show_filter(a[0])); }},
     {"show?", 0, [](char**) { report(logmsg_list_show_filters()); }},

@@ -34,7 +34,7 @@ ProbeRun runProbe(std::vector<std::string> args, bool device = true,
                   std::string argv0 = "/probes/logmsg_probe") {
     char dir_template[] = "/tmp/logmsg-test-XXXXXX";
     const std::string dir = mkdtemp(dir_template), out = dir + "/out", err = dir + "/err";
-    setenv("LOGMSG_TEST_DEVICE", (dir + "/vesklog").c_str(), 1);
+    setenv("LOGMSG_PROBE_DEVICE", (dir + "/vesklog").c_str(), 1);
     setenv("LSAN_OPTIONS", "suppressions=" LOGMSG_LSAN_SUPPRESSIONS, 1);
     if (device)
         std::ofstream(dir + "/vesklog").close();

@@ -24,15 +24,25 @@ int hexDigit(char c) {
 char simpleEscape(char c, bool* known) {
     *known = true;
     switch (c) {
-        case 'n': return '\n';
-        case 'r': return '\r';
-        case 't': return '\t';
-        case 'e': return '\033';
-        case '0': return '\0';
-        case '\\': return '\\';
-        case '|': return '|';
-        case ' ': return ' ';
-        default: *known = false; return 0;
+        case 'n':
+            return '\n';
+        case 'r':
+            return '\r';
+        case 't':
+            return '\t';
+        case 'e':
+            return '\033';
+        case '0':
+            return '\0';
+        case '\\':
+            return '\\';
+        case '|':
+            return '|';
+        case ' ':
+            return ' ';
+        default:
+            *known = false;
+            return 0;
     }
 }
 

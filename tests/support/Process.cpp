@@ -91,9 +91,9 @@ Background::Background(const std::string& program, const std::vector<std::string
     pid = fork();
     if (pid == 0) {
         redirectInput();
-        const int log = logPath.empty() ? open("/dev/null", O_WRONLY)
-                                        : open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                               0644);
+        const int log = logPath.empty()
+                            ? open("/dev/null", O_WRONLY)
+                            : open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         dup2(log, 1);
         dup2(log, 2);
         execute(program, argv, env);

@@ -41,8 +41,8 @@ bool writeFile(const std::string& path, const std::string& content) {
     if (fd < 0) {
         return false;
     }
-    const bool written = write(fd, content.data(), content.size()) ==
-                         static_cast<ssize_t>(content.size());
+    const bool written =
+        write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
     return close(fd) == 0 && written;
 }
 

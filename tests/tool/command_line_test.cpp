@@ -2,29 +2,28 @@
 // option, all before any contact with the service.
 #include <gtest/gtest.h>
 
-#include "Harness.h"
+#include "setvane_test.h"
 
+namespace testsupport {
 namespace {
 
 TEST(CommandLine, EndsWithStatusOneAndExactStandardError) {
-    const std::string usage = readFile(USAGE_TEXT_FILE);
+    const std::string usage = readFile(std::string(TOOL_CASES_DIR) + "/usage.txt");
     EXPECT_EQ(usage.size(), 559u);
-    for (const std::string& line : dataLines(COMMAND_LINES_FILE)) {
-        SCOPED_TRACE("setvane " + line);
-        const std::vector<std::string> fields = split(line, " | ");
-        const std::vector<std::string> words = split(fields[0], " ");
+    for (const CaseRow& row : toolCases("command_lines.txt").rows) {
+        SCOPED_TRACE(row.where + ": setvane " + row[0]);
+        const std::vector<std::string> words = split(row[0], " ");
         std::string expected = usage;
-        if (fields[1] != "usage") {
+        if (row[1] != "usage") {
             expected = "Wrong input: setvane";
             for (size_t i = 0; i < words.size(); ++i) {
-                const bool bad = std::to_string(i + 1) == fields[1];
+                const bool bad = std::to_string(i + 1) == row[1];
                 expected += " " + (bad ? "\033[31m" + words[i] + "\033[0m" : words[i]);
             }
-            expected += "\n" + redLine(fields[2]) + kHelpHint;
+            expected += "\n" + redLine(row[2]) + kHelpHint;
         }
         TempDir dir;  // no service there: connecting by mistake would end differently
-        const Outcome run =
-            runSetvane(words, {{"MSGPASS_DIR", dir.path}, {"MSGPASS_MAX_WAIT_MS", "50"}});
+        const Outcome run = runSetvane(words, {{"MSGPASS_DIR", dir.path}});
         EXPECT_EQ(run.status, 1);
         EXPECT_EQ(run.out, "");
         EXPECT_EQ(run.err, expected);
@@ -32,3 +31,4 @@ TEST(CommandLine, EndsWithStatusOneAndExactStandardError) {
 }
 
 }  // namespace
+}  // namespace testsupport

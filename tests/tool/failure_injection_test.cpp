@@ -3,57 +3,42 @@
 // released - are exactly those listed with the case in failure_cases.txt.
 #include <gtest/gtest.h>
 
-#include "Harness.h"
+#include "setvane_test.h"
 
+namespace testsupport {
 namespace {
 
-struct FailureCase {
-    std::string name;
-    std::vector<std::string> words;
-    Environment script;
-    int status = 0;
-    std::string err;
-    std::string calls;
-};
-
-std::vector<FailureCase> readCases() {
-    std::vector<FailureCase> cases;
-    for (const std::string& line : dataLines(FAILURE_CASES_FILE)) {
-        const std::string key = line.substr(0, line.find(": "));
-        const std::string value = line.substr(std::min(line.size(), key.size() + 2));
-        if (line.rfind("== ", 0) == 0) {
-            cases.emplace_back();
-            cases.back().name = line.substr(3);
-        } else if (key == "run") {
-            cases.back().words = split(value, "|");
-        } else if (key == "fail" || key == "reply") {
-            cases.back().script.push_back(
-                {key == "fail" ? "FAKE_MSGPASS_FAIL" : "FAKE_MSGPASS_REPLY", value});
-        } else if (key == "status") {
-            cases.back().status = std::stoi(value);
-        } else if (key == "err") {
-            cases.back().err = replaced(replaced(value, "\\n", "\n"), "\\e", "\033");
-        } else {
-            cases.back().calls += line + "\n";
-        }
-    }
-    return cases;
-}
-
 TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOnes) {
-    for (const FailureCase& c : readCases()) {
-        SCOPED_TRACE(c.name);
+    for (const CaseBlock& block : toolCases("failure_cases.txt").blocks) {
+        SCOPED_TRACE(block.head.where + ": " + block.head[0]);
         TempDir dir;
         Environment env = {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR},
                            {"FAKE_MSGPASS_LOG", dir.file("calls")}};
-        env.insert(env.end(), c.script.begin(), c.script.end());
-        const Outcome run = runSetvane(c.words, env);
-        EXPECT_EQ(run.status, c.status);
+        std::vector<std::string> words;
+        int status = 0;
+        std::string err, calls;
+        for (const CaseRow& row : block.body) {
+            if (row[0] == "run") {
+                words = split(row[1], "|");
+            } else if (row[0] == "fail" || row[0] == "reply") {
+                env.push_back(
+                    {row[0] == "fail" ? "FAKE_MSGPASS_FAIL" : "FAKE_MSGPASS_REPLY", row[1]});
+            } else if (row[0] == "status") {
+                status = std::stoi(row[1]);
+            } else if (row[0] == "err") {
+                err = row[1];
+            } else {
+                calls += row[0] + "\n";
+            }
+        }
+        const Outcome run = runSetvane(words, env);
+        EXPECT_EQ(run.status, status);
         EXPECT_EQ(run.out, "");
-        EXPECT_EQ(run.err, c.err);
+        EXPECT_EQ(run.err, err);
         EXPECT_EQ(readFile(dir.file("calls")),
-                  replaced(c.calls, "{L}", "setvane-" + std::to_string(run.pid)));
+                  replaced(calls, "{L}", "setvane-" + std::to_string(run.pid)));
     }
 }
 
 }  // namespace
+}  // namespace testsupport

@@ -1,9 +1,10 @@
-// ConfigClient::exchange: one request out, one response back, over the client's endpoint.
-#include "ConfigClient.h"
+#include "transport/Exchange.h"
+
 #include "transport/DebugTrace.h"
 
-int ConfigClient::exchange(uint32_t requestId, const google::protobuf::Message& request,
-                           uint32_t responseId, google::protobuf::Message& response) {
+int exchangeMessages(MsgEndpoint& endpoint, uint32_t requestId,
+                     const google::protobuf::Message& request, uint32_t responseId,
+                     google::protobuf::Message& response) {
     if (debugTrace) {
         traceMessage("sending", request, "to", endpoint.remoteName);
     }

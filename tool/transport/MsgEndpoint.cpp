@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "Common/protobuf/v3/ConfigProtocol.h"
 #include "LogStream.h"
 #include "msgpass.h"
 
@@ -12,7 +13,8 @@ namespace {
 const int kNothingToClose = 302;
 }  // namespace
 
-MsgEndpoint::MsgEndpoint() : localName("setvane-"), remoteName("ConfigSrvc"), remoteAddress(0) {
+MsgEndpoint::MsgEndpoint()
+    : localName("setvane-"), remoteName(ConfigProtocol::kServiceEndpoint), remoteAddress(0) {
     localName += std::to_string(getpid());
 
     LogStream& log = LogStream::instance();
@@ -41,15 +43,12 @@ MsgEndpoint::~MsgEndpoint() {
 }
 
 int MsgEndpoint::send(uint32_t msgId, const google::protobuf::Message& message) {
-    const int size = static_cast<int>(message.ByteSizeLong());
-    MSG_Msg* handle = MSG_AllocMsg(msgId, 0, static_cast<uint32_t>(size));
+    ConfigProtocol::EncodeFailure failure;
+    MSG_Msg* handle = ConfigProtocol::encodeMessage(msgId, 0, message, &failure);
     if (handle == nullptr) {
-        LogStream::instance() << "MSG_AllocMsg() failed\n";
-        return -1;
-    }
-    if (!message.SerializeToArray(MSG_GetPayloadMutable(handle), size)) {
-        LogStream::instance() << "SerializeToArray() failed\n";
-        MSG_ReleaseMsg(handle);
+        LogStream::instance() << (failure == ConfigProtocol::kAllocFailed
+                                      ? "MSG_AllocMsg() failed\n"
+                                      : "SerializeToArray() failed\n");
         return -1;
     }
     // From here on the handle is the library's, whatever MSG_SendMsg answers.
@@ -66,9 +65,7 @@ int MsgEndpoint::receive(uint32_t msgId, google::protobuf::Message& message) {
         LogStream::instance() << "MSG_RecvMsg() failed\n";
         return -1;
     }
-    const void* payload = MSG_GetPayload(handle);
-    const int payloadBytes = MSG_GetPayloadBytes(handle);
-    const bool parsed = message.ParseFromArray(payload, payloadBytes);
+    const bool parsed = ConfigProtocol::decodeMessage(handle, &message);
     if (!parsed) {
         LogStream::instance() << "ParseFromArray() failed\n";
     }

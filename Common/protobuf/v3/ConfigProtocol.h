@@ -99,7 +99,9 @@ inline MSG_Msg* encodeMessage(uint32_t msgId, int flags,
 // Parses the payload of `handle` into `message`; false when it does not parse (then `message`
 // may hold part of it). The handle stays the caller's.
 inline bool decodeMessage(const MSG_Msg* handle, google::protobuf::MessageLite* message) {
-    return message->ParseFromArray(MSG_GetPayload(handle), MSG_GetPayloadBytes(handle));
+    const void* payload = MSG_GetPayload(handle);  // in this order: the tool's calls are pinned
+    const int bytes = MSG_GetPayloadBytes(handle);
+    return message->ParseFromArray(payload, bytes);
 }
 
 }  // namespace ConfigProtocol

@@ -33,6 +33,10 @@ static void complain_not_initialised(void) {
 }
 
 void logmsg_init(int unused, const char* name) {
+    logmsg_init_with_device(unused, name, LOGMSG_DEVICE_PATH);
+}
+
+void logmsg_init_with_device(int unused, const char* name, const char* device_path) {
     (void)unused;
     if (name != NULL) {
         strlcpy(app_name, name, sizeof app_name);
@@ -45,7 +49,7 @@ void logmsg_init(int unused, const char* name) {
     }
     pthread_key_create(&line_key, NULL);
     initialised = 1;
-    logmsg_open_device();
+    logmsg_open_device(device_path);
 }
 
 /* Levels outside 0..7 become debug; only the raw level keeps its own value. */

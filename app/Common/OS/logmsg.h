@@ -82,6 +82,16 @@ enum { LOGMSG_MAX_FILTERS = 10, LOGMSG_FILTER_SIZE = 370 };
  */
 void logmsg_init(int unused, const char* app_name);
 
+/* The kernel log device that logmsg_init opens. */
+#define LOGMSG_DEVICE_PATH "/dev/vesklog"
+
+/*
+ * logmsg_init with the log device at `device_path` instead, for a program that
+ * logs somewhere else (and for tests, which need no file under /dev). The
+ * string is kept, not copied: it must stay valid for the life of the process.
+ */
+void logmsg_init_with_device(int unused, const char* app_name, const char* device_path);
+
 /*
  * The core of every logging call. Before logmsg_init it only prints a complaint
  * on standard error and returns 0; a NULL format returns 0.
@@ -139,6 +149,16 @@ char* logmsg_get_app_name(void);
  * looked for. Returns `buffer`.
  */
 char* logmsg_app_name_from_proc(char* buffer, int size);
+
+/*
+ * Opens /proc/<process>/cmdline for reading, `process` being taken exactly as
+ * given (a decimal process id, or "self"). The file holds the process's words,
+ * each ended by a NUL byte. Opened without blocking and closed on exec, so that
+ * an odd file in its place cannot hold the caller up. Returns the descriptor,
+ * which the caller closes, or -1. Every reader of a command line in this
+ * project starts here.
+ */
+int logmsg_open_cmdline(const char* process);
 
 /* Device switch, on (1) by default: when 0, nothing is written to the device. */
 int logmsg_set_use_device(int use_device);

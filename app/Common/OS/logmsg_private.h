@@ -2,9 +2,9 @@
 #ifndef APP_COMMON_OS_LOGMSG_PRIVATE_H_
 #define APP_COMMON_OS_LOGMSG_PRIVATE_H_
 
-/* Opens the log device for logmsg_init; a failed open switches records to
- * standard output until a later reopen succeeds. */
-void logmsg_open_device(void);
+/* Opens the log device at `path` and keeps the path for reopening; a failed
+ * open switches records to standard output until a later reopen succeeds. */
+void logmsg_open_device(const char* path);
 
 /* Whether a completed record passes the show and cull filters. */
 int logmsg_filters_pass(const char* record);

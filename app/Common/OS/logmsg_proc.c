@@ -1,5 +1,6 @@
 /* logmsg helpers that stand on their own: the program name and strlcpy. */
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -11,9 +12,9 @@ char* logmsg_app_name_from_proc(char* buffer, int size) {
         return buffer;
     }
     memset(buffer, 0, (size_t)size);
-    char path[32];
-    snprintf(path, sizeof path, "/proc/%d/cmdline", (int)getpid());
-    int fd = open(path, O_RDONLY);
+    char pid[24];
+    snprintf(pid, sizeof pid, "%d", (int)getpid());
+    int fd = logmsg_open_cmdline(pid);
     if (fd < 0) {
         return buffer;
     }
@@ -30,6 +31,15 @@ char* logmsg_app_name_from_proc(char* buffer, int size) {
         strlcpy(buffer, base, (size_t)size);
     }
     return buffer;
+}
+
+int logmsg_open_cmdline(const char* process) {
+    char path[PATH_MAX];
+    int length = snprintf(path, sizeof path, "/proc/%s/cmdline", process);
+    if (length < 0 || (size_t)length >= sizeof path) {
+        return -1;
+    }
+    return open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 }
 
 size_t strlcpy(char* dst, const char* src, size_t size) {

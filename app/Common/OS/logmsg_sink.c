@@ -7,8 +7,6 @@
 #include "logmsg.h"
 #include "logmsg_private.h"
 
-static const char kDevicePath[] = "/dev/vesklog";
-
 /* 0: never opened, and never written to. Negative: the last open failed and is
  * retried with the next record. */
 static int device_fd = 0;
@@ -16,20 +14,12 @@ static int device_fd = 0;
 static unsigned char print_fallback = 0;
 static int use_device = 1;
 
-/* Test builds take the device from the environment so that tests need no
- * file under /dev; the product always uses the kernel log device. */
-static const char* device_path(void) {
-#ifdef LOGMSG_TEST_DEVICE_ENV
-    const char* path = getenv(LOGMSG_TEST_DEVICE_ENV);
-    if (path != NULL && path[0] != '\0') {
-        return path;
-    }
-#endif
-    return kDevicePath;
-}
+/* Where records go; set by logmsg_init, reopened from here after a failure. */
+static const char* device_path = LOGMSG_DEVICE_PATH;
 
-void logmsg_open_device(void) {
-    device_fd = open(device_path(), O_WRONLY);
+void logmsg_open_device(const char* path) {
+    device_path = path;
+    device_fd = open(device_path, O_WRONLY);
     if (device_fd < 0) {
         print_fallback = 1;
     }
@@ -63,7 +53,7 @@ static void write_to_device(const char* record, int length) {
 void logmsg_sink(const char* record, int length) {
     if (use_device != 0) {
         if (device_fd < 0) {
-            device_fd = open(device_path(), O_WRONLY);
+            device_fd = open(device_path, O_WRONLY);
             if (device_fd < 0) {
                 print_fallback = 1;
                 print_on_stdout(record);

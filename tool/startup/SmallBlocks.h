@@ -9,8 +9,8 @@
 // The state is a plain aggregate so that it can be set up by constant initialisation: the
 // program's operator new uses it before any constructor has run, and after every destructor.
 // Not thread-safe: callers serialise.
-#ifndef SETVANE_TOOL_SMALLBLOCKS_H
-#define SETVANE_TOOL_SMALLBLOCKS_H
+#ifndef SETVANE_TOOL_STARTUP_SMALLBLOCKS_H
+#define SETVANE_TOOL_STARTUP_SMALLBLOCKS_H
 
 #include <cstddef>
 #include <cstdint>
@@ -68,4 +68,4 @@ inline void releaseSmallBlock(SmallBlockArena& arena, void* block) {
     arena.freeBlocks[arena.slabClasses[slab]] = freed;
 }
 
-#endif  // SETVANE_TOOL_SMALLBLOCKS_H
+#endif  // SETVANE_TOOL_STARTUP_SMALLBLOCKS_H

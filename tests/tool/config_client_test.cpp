@@ -1,12 +1,13 @@
-// setvane against the stand-in service (standin_service.cpp) over the real libmsgpass: the
-// request the service receives (requests.txt), what the tool prints for each answer, and its
-// exit status.
+// setvane against the stand-in service (standin/) over the real libmsgpass: the request the
+// service receives (requests.txt), what the tool prints for each answer, and its exit status.
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
+#include "Common/protobuf/v3/ConfigProtocol.h"
 #include "Common/protobuf/v3/configservice.pb.h"
-#include "Harness.h"
+#include "setvane_test.h"
 
+namespace testsupport {
 namespace {
 
 // The message of type Message with the fields `text` (protobuf text format), encoded, in hex.
@@ -23,50 +24,49 @@ std::string hexOf(const std::string& text) {
 
 class ServiceTest : public ::testing::Test {
   protected:
-    // setvane with `words` against a stand-in that answers a read or a write with `replyHex`.
-    Outcome run(bool write, const std::string& replyHex, const std::vector<std::string>& words) {
-        Background service(STANDIN_BINARY,
-                           {"standin_service", "--reply-id", write ? "0x1A0191" : "0x1A0041",
-                            "--reply-hex", replyHex, "--record", dir.file("requests")},
-                           {{"MSGPASS_DIR", dir.path}});
-        EXPECT_TRUE(service.ready);
+    // setvane with `words` against a stand-in that answers every request with `replyHex`.
+    Outcome run(const std::string& replyHex, const std::vector<std::string>& words) {
+        Background service(
+            STANDIN_BINARY,
+            {"standin_service", "--reply-hex", replyHex, "--record", dir.file("requests")},
+            {{"MSGPASS_DIR", dir.path}}, dir.file("standin.log"));
+        EXPECT_TRUE(service.waitForLog("ready\n"));
         return runSetvane(words, {{"MSGPASS_DIR", dir.path}});
     }
     TempDir dir;
 };
 
 TEST_F(ServiceTest, ReceivesExactlyTheRequestOfTheCommandLine) {
-    for (const std::string& line : dataLines(REQUESTS_FILE)) {
-        SCOPED_TRACE(line);
+    for (const CaseRow& row : toolCases("requests.txt").rows) {
+        SCOPED_TRACE(row.where);
         std::remove(dir.file("requests").c_str());
-        const std::vector<std::string> fields = split(line, " => ");
-        const bool write = fields[1].rfind("WriteReq ", 0) == 0;
+        const bool write = row[1] == "WriteReq";
         // A write that asks for a reboot succeeds silently: the tool does not act on it.
         const Outcome done =
-            run(write,
-                write ? hexOf<ConfigIF::WriteRsp>("ret_message { error: 0 reboot_required: true }")
+            run(write ? hexOf<ConfigIF::WriteRsp>("ret_message { error: 0 reboot_required: true }")
                       : hexOf<ConfigIF::ReadRsp>("error: 0"),
-                split(fields[0], "|"));
+                split(row[0], "|"));
         EXPECT_EQ(done.status, 0);
         EXPECT_EQ(done.out + done.err, "");
         // The stand-in records each request as its id and its payload in hex.
-        const std::string request =
-            replaced(fields[1].substr(fields[1].find(' ')), "{pid}", std::to_string(done.pid));
+        const std::string request = replaced(row[2], "{pid}", std::to_string(done.pid));
         EXPECT_EQ(readFile(dir.file("requests")),
-                  write ? "1704064 " + hexOf<ConfigIF::WriteReq>(request) + "\n"
-                        : "1703936 " + hexOf<ConfigIF::ReadReq>(request) + "\n");
+                  write ? std::to_string(ConfigProtocol::kWriteReqMsgId) + " " +
+                              hexOf<ConfigIF::WriteReq>(request) + "\n"
+                        : std::to_string(ConfigProtocol::kReadReqMsgId) + " " +
+                              hexOf<ConfigIF::ReadReq>(request) + "\n");
     }
 }
 
 TEST_F(ServiceTest, ReadPrintsEachValueOnItsOwnLineAndDebugTracesBothMessages) {
     const Outcome done =
-        run(false,
-            hexOf<ConfigIF::ReadRsp>(R"(error: 0 value: "" value: "a\nb" value: "\377\001\000z")"),
+        run(hexOf<ConfigIF::ReadRsp>(R"(error: 0 value: "" value: "a\nb" value: "\377\001\000z")"),
             {"--debug", "x"});
     EXPECT_EQ(done.status, 0);
     EXPECT_EQ(done.out, std::string("\na\nb\n\xff\x01\0z\n", 10));
     // The expected trace: "{pid}" is setvane's, "\e" the escape character.
-    const std::string trace = replaced(readFile(DEBUG_TRACE_FILE), "\\e", "\033");
+    const std::string trace =
+        replaced(readFile(std::string(TOOL_CASES_DIR) + "/debug_trace.txt"), "\\e", "\033");
     EXPECT_EQ(done.err, replaced(trace, "{pid}", std::to_string(done.pid)));
 }
 
@@ -79,13 +79,12 @@ TEST_F(ServiceTest, ServiceErrorsAreNamedAndBecomeTheExitStatus) {
         const std::string code = std::to_string(error);
         const std::string name = kNames[-error - 1];
         const Outcome read =
-            run(false, hexOf<ConfigIF::ReadRsp>("error: " + code + " value: \"no\""), {"x"});
+            run(hexOf<ConfigIF::ReadRsp>("error: " + code + " value: \"no\""), {"x"});
         EXPECT_EQ(read.status, 256 + error) << name;
         EXPECT_EQ(read.out, "");
         EXPECT_EQ(read.err, redLine("ReadRsp error " + name));
         const Outcome write =
-            run(true, hexOf<ConfigIF::WriteRsp>("ret_message { error: " + code + " }"),
-                {"x", "-v", "1"});
+            run(hexOf<ConfigIF::WriteRsp>("ret_message { error: " + code + " }"), {"x", "-v", "1"});
         EXPECT_EQ(write.status, 256 + error) << name;
         EXPECT_EQ(write.out, "");
         EXPECT_EQ(write.err, redLine("WriteRsp error " + name));
@@ -97,22 +96,22 @@ TEST_F(ServiceTest, ReplyThatDoesNotParseEndsWithStatus255) {
     // and the last of these in a write reply.
     for (const char* reply : {"", "ffff", "5005", "52025005"}) {
         const bool write = std::string(reply).rfind("52", 0) == 0;  // WriteRsp's field 10
-        const Outcome done =
-            run(write, reply,
-                write ? std::vector<std::string>{"x", "-v", "1"} : std::vector<std::string>{"x"});
+        const Outcome done = run(reply, write ? std::vector<std::string>{"x", "-v", "1"}
+                                              : std::vector<std::string>{"x"});
         EXPECT_EQ(done.status, 255) << reply;
         EXPECT_EQ(done.out, "");
         EXPECT_EQ(done.err, redLine("ParseFromArray() failed")) << reply;
     }
 }
 
+// With the real library and its real connect time-out (5 s), so this test takes that long.
 TEST(NoService, ConnectFailureEndsWithStatusOne) {
     TempDir dir;
-    const Outcome run =
-        runSetvane({"x"}, {{"MSGPASS_DIR", dir.path}, {"MSGPASS_MAX_WAIT_MS", "100"}});
+    const Outcome run = runSetvane({"x"}, {{"MSGPASS_DIR", dir.path}});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err, redLine("MSG_OpenRemoteSync() failed 304"));
 }
 
 }  // namespace
+}  // namespace testsupport

@@ -9,7 +9,7 @@
 // blocks have no header and freed ones are reused, and slabs of 1 KiB keep the space lost to
 // partly used slabs small, so a run touches about as much memory as through malloc.
 //
-// Linked into the program only, not into setvane_core: test runners keep the ordinary
+// Linked into the program only, not into any library: test runners keep the ordinary
 // allocator, which sanitizers and leak checkers know.
 #include <sys/single_threaded.h>
 

@@ -1,10 +1,11 @@
-// A scripted stand-in for ConfigSrvc over libmsgpass, used by the tests and the benchmark.
+// A scripted stand-in for the configuration service over libmsgpass, used by the tool's tests and
+// its benchmark.
 //
-// Opens the endpoint "ConfigSrvc" (in $MSGPASS_DIR), prints "ready", then answers every request
-// with the same message until it is killed. With --record, each request is appended to FILE as
-// the line "<decimal id> <payload in hex>".
+// Opens the service's endpoint (in $MSGPASS_DIR), prints "ready", then answers every request
+// with the payload HEX under the id of that request's response, until it is killed. With
+// --record, each request is appended to FILE as the line "<decimal id> <payload in hex>".
 //
-// Usage: standin_service --reply-id ID --reply-hex HEX [--record FILE]
+// Usage: standin_service --reply-hex HEX [--record FILE]
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,11 +13,12 @@
 #include <cstring>
 #include <string>
 
+#include "Common/protobuf/v3/ConfigProtocol.h"
 #include "msgpass.h"
 
 namespace {
 
-const char kServiceName[] = "ConfigSrvc";
+const char* const kServiceName = ConfigProtocol::kServiceEndpoint;
 
 void record(const char* path, const MSG_Msg* request) {
     FILE* file = path != nullptr ? std::fopen(path, "a") : nullptr;
@@ -34,13 +36,10 @@ void record(const char* path, const MSG_Msg* request) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    uint32_t replyId = 0;
     std::string reply;
     const char* recordPath = nullptr;
     for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--reply-id") == 0) {
-            replyId = static_cast<uint32_t>(std::strtoul(argv[i + 1], nullptr, 0));
-        } else if (std::strcmp(argv[i], "--reply-hex") == 0) {
+        if (std::strcmp(argv[i], "--reply-hex") == 0) {
             for (const char* hex = argv[i + 1]; hex[0] != '\0' && hex[1] != '\0'; hex += 2) {
                 const char pair[3] = {hex[0], hex[1], '\0'};
                 reply.push_back(static_cast<char>(std::strtol(pair, nullptr, 16)));
@@ -64,6 +63,7 @@ int main(int argc, char** argv) {
         MSG_Sender sender = {};
         MSG_GetSender(request, &sender);
         record(recordPath, request);
+        const uint32_t replyId = ConfigProtocol::responseIdOf(MSG_GetMsgId(request));
         MSG_ReleaseMsg(request);
         // Allocation and sending fail only with the library; the client's time-out tells.
         MSG_Msg* answer = MSG_AllocMsg(replyId, 0, static_cast<uint32_t>(reply.size()));

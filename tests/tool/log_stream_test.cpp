@@ -1,0 +1,52 @@
+// In-process tests of the tool's error channel: LogStream lines and error names as they reach
+// standard error. No mirror is installed here, so lines stay on the console.
+#include <gtest/gtest.h>
+
+#include "ErrorNames.h"
+#include "LogStream.h"
+
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+const char* const kNoText = nullptr;
+
+TEST(LogStream, EmitsARedLineAtEachNewlineOfItsText) {
+    const std::pair<void (*)(LogStream&), const char*> cases[] = {
+        {[](LogStream& s) { s << "a\nb\n"; }, "\033[31ma\033[0m\n\033[31mb\033[0m\n"},
+        {[](LogStream& s) { s << std::string("x\ny\n"); }, "\033[31mx\033[0m\n\033[31my\033[0m\n"},
+        {[](LogStream& s) { s << '\n'; }, "\033[31m\033[0m\n"},
+        {[](LogStream& s) { s << "a" << kNoText << "b\n"; }, "\033[31mab\033[0m\n"},
+        // A formatted value never ends a line.
+        {[](LogStream& s) {
+             static_cast<std::ostream&>(s) << "a\nb" << -7;
+             s << '\n';
+         },
+         "\033[31ma\nb-7\033[0m\n"},
+    };
+    for (const auto& c : cases) {
+        CaptureStderr();
+        c.first(LogStream::instance());
+        EXPECT_EQ(GetCapturedStderr(), c.second);
+    }
+    CaptureStderr();
+    LogStream::instance() << "pending";
+    EXPECT_EQ(GetCapturedStderr(), "");
+    CaptureStderr();
+    LogStream::instance() << " more\n";
+    EXPECT_EQ(GetCapturedStderr(), "\033[31mpending more\033[0m\n");
+}
+
+// The named codes are checked end to end against the service; a service reply cannot carry
+// these, since they are not members of the enumeration.
+TEST(LogStream, NamesErrorCodesOutsideTheEnumerationByNumber) {
+    for (int code : {-13, 1, 5, -2147483647 - 1}) {
+        CaptureStderr();
+        LogStream::instance() << "error " << static_cast<CommonIF::eErrorType>(code) << '\n';
+        EXPECT_EQ(GetCapturedStderr(),
+                  "\033[31merror " + std::to_string(code) + "/unknown_error\033[0m\n");
+    }
+}
+
+}  // namespace
