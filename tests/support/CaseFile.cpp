@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+
 #include "TempDir.h"
 
 namespace testsupport {
@@ -96,6 +98,13 @@ std::string unescape(const std::string& text) {
         if (known) {
             out += simple;
             ++i;
+        } else if (text[i + 1] == '*' && i + 3 < text.size() && std::isdigit(text[i + 2]) != 0) {
+            size_t digits = 0;
+            const int count = std::stoi(text.substr(i + 2), &digits);
+            if (i + 2 + digits < text.size()) {
+                out.append(static_cast<size_t>(count), text[i + 2 + digits]);
+            }
+            i += 2 + digits;
         } else if (text[i + 1] == 'x' && i + 3 < text.size() && hexDigit(text[i + 2]) >= 0 &&
                    hexDigit(text[i + 3]) >= 0) {
             out += static_cast<char>(hexDigit(text[i + 2]) * 16 + hexDigit(text[i + 3]));

@@ -4,9 +4,10 @@
 //   field | field | field            a row: fields separated by " | "
 //   == field | field                 a block's head; the rows up to the next head are its body
 //
-// Every field takes the escapes \n \r \t \e (escape) \0 \\ \| (a bar that separates nothing)
-// and \xHH; "\ " at the end keeps trailing blanks. A file without "==" heads is one table of
-// rows. A row's line number is kept so that a failing case names its line.
+// Every field takes the escapes \n \r \t \e (escape) \0 \\ \| (a bar that separates nothing),
+// \xHH, and \*Nc for N copies of the character c; "\ " at the end keeps trailing blanks. A file
+// without "==" heads is one table of rows. A row's line number is kept so that a failing case
+// names its line.
 #ifndef TESTS_SUPPORT_CASEFILE_H
 #define TESTS_SUPPORT_CASEFILE_H
 
