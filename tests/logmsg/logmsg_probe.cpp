@@ -48,10 +48,12 @@ void report(int result) {
 // Calls a variadic entry with the one optional argument of the command.
 template <typename Entry, typename... Leading>
 int callWithArg(Entry entry, const char* arg, Leading... leading) {
-    if (std::strncmp(arg, "i:", 2) == 0)
+    if (std::strncmp(arg, "i:", 2) == 0) {
         return entry(leading..., std::atoi(arg + 2));
-    if (std::strncmp(arg, "s:", 2) == 0)
+    }
+    if (std::strncmp(arg, "s:", 2) == 0) {
         return entry(leading..., arg + 2);
+    }
     return entry(leading...);
 }
 
@@ -62,24 +64,29 @@ void logFromThreads(int count, int records) {
     std::vector<std::thread> threads;
     for (int t = 0; t < count; t++) {
         threads.emplace_back([&ready, count, records, t] {
-            for (ready++; ready < count;)
+            for (ready++; ready < count;) {
                 sched_yield();
+            }
             for (int r = 0; r < records; r++, std::printf("\n")) {
                 std::printf("T%d:", t);
-                for (int piece = 0; piece < 10; piece++, sched_yield())
+                for (int piece = 0; piece < 10; piece++, sched_yield()) {
                     std::printf("%d", piece);
+                }
             }
         });
     }
-    for (auto& thread : threads)
+    for (auto& thread : threads) {
         thread.join();
+    }
 }
 
 // The loaded library reaches the logging library only through what this program exports.
 void sayFromLoadedLibrary(const char* path, int n) {
     void* say = dlsym(dlopen(path, RTLD_NOW), "probe_shared_say");
-    if (say == nullptr)
-        std::fprintf(stderr, "dlopen failed: %s\n", dlerror()), std::exit(3);
+    if (say == nullptr) {
+        std::fprintf(stderr, "dlopen failed: %s\n", dlerror());
+        std::exit(3);
+    }
     reinterpret_cast<void (*)(int)>(say)(n);
 }
 
