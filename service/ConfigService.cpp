@@ -83,11 +83,13 @@ ConfigService::ConfigService(const DeviceModel& model, const ValueStore& store, 
 
 ConfigService::~ConfigService() = default;
 
-eErrorType ConfigService::checkClaim(int role, uid_t senderUid, std::string* reason) const {
-    int highest = model_.highestClaim(senderUid, serviceUid_);
+eErrorType ConfigService::checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
+                                     std::string* reason) const {
+    const CommonIF::eSecurityRole highest = model_.highestClaim(senderUid, serviceUid_);
     if (role > highest) {
-        *reason = "uid " + std::to_string(senderUid) + " may not act as " + roleName(role) +
-                  " (at most " + roleName(highest) + ")";
+        *reason = "uid " + std::to_string(senderUid) + " may not act as " +
+                  CommonIF::eSecurityRole_Name(role) + " (at most " +
+                  CommonIF::eSecurityRole_Name(highest) + ")";
         return CommonIF::kErrNotAuthorized;
     }
     return CommonIF::kErrNoError;
@@ -145,15 +147,15 @@ bool ConfigService::checkWrite(const void* payload, size_t bytes, uid_t senderUi
     }
     const VariableDef& variable = *found.variable;
     bool overriding = request.override_security();
-    if (overriding && model_.highestClaim(senderUid, serviceUid_) < kRoleStartup) {
+    if (overriding && model_.highestClaim(senderUid, serviceUid_) < CommonIF::eSecurityRole_MAX) {
         refuse(CommonIF::kErrNotAuthorized,
                "override_security is honoured only for users who may claim every role", response);
         return false;
     }
     if (!overriding && request.role() < variable.writeLevel) {
         refuse(CommonIF::kErrNotAuthorized,
-               std::string(roleName(request.role())) + " may not write '" + found.key +
-                   "' (needs " + roleName(variable.writeLevel) + ")",
+               CommonIF::eSecurityRole_Name(request.role()) + " may not write '" + found.key +
+                   "' (needs " + CommonIF::eSecurityRole_Name(variable.writeLevel) + ")",
                response);
         return false;
     }

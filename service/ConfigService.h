@@ -58,7 +58,8 @@ class ConfigService {
     static void answerCommitted(const FinishedWrite& finished, ConfigIF::WriteRsp* response);
 
   private:
-    CommonIF::eErrorType checkClaim(int role, uid_t senderUid, std::string* reason) const;
+    CommonIF::eErrorType checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
+                                    std::string* reason) const;
 
     const DeviceModel& model_;
     const ValueStore& store_;

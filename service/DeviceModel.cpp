@@ -6,17 +6,6 @@ namespace configsrvc {
 
 namespace {
 
-struct RoleEntry {
-    int role;
-    const char* name;
-};
-
-constexpr RoleEntry kRoles[] = {
-    {kRoleUser, "kUser"},       {kRoleAdmin, "kAdmin"},
-    {kRoleSystem, "kSystem"},   {kRoleProvisioning, "kProvisioning"},
-    {kRoleStartup, "kStartup"},
-};
-
 // Instance 0 is what clients send when their user gave no number: it means the first.
 int32_t effectiveInstance(int32_t requested) {
     return requested == 0 ? 1 : requested;
@@ -30,24 +19,6 @@ void appendStep(std::string* key, const std::string& name, int32_t instance) {
 }
 
 }  // namespace
-
-int roleFromName(const std::string& name) {
-    for (const auto& entry : kRoles) {
-        if (name == entry.name) {
-            return entry.role;
-        }
-    }
-    return 0;
-}
-
-const char* roleName(int role) {
-    for (const auto& entry : kRoles) {
-        if (role == entry.role) {
-            return entry.name;
-        }
-    }
-    return "";
-}
 
 const char* kindName(ValueKind kind) {
     switch (kind) {
@@ -134,13 +105,13 @@ bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) co
     return resolve(path, found) && found->key == key;
 }
 
-int DeviceModel::highestClaim(uid_t uid, uid_t serviceUid) const {
+CommonIF::eSecurityRole DeviceModel::highestClaim(uid_t uid, uid_t serviceUid) const {
     auto listed = claims_.maxByUid.find(uid);
     if (listed != claims_.maxByUid.end()) {
         return listed->second;
     }
     if (uid == 0 || uid == serviceUid) {
-        return kRoleStartup;
+        return CommonIF::eSecurityRole_MAX;
     }
     return claims_.othersMax;
 }

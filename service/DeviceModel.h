@@ -5,6 +5,9 @@
 // kind, is single or a list, has default value(s), a read and a write level, and may need a
 // reboot to take effect once changed.
 //
+// Levels and claims are the protocol's roles (CommonIF::eSecurityRole), compared by number:
+// higher is more privileged. Model files name them as the protocol does.
+//
 // Addressing: a client names a variable by the path of its nodes, each with an instance number,
 // ending with the variable itself. A node declared with N instances has the instances 1 to N;
 // the instance number 0 stands for instance 1, because clients send 0 when their user names no
@@ -23,21 +26,9 @@
 #include <string>
 #include <vector>
 
+#include "Common/protobuf/v3/common.pb.h"
+
 namespace configsrvc {
-
-// Security roles, with the numbers and names they carry on the wire. Higher is more privileged.
-enum Role : int {
-    kRoleUser = 10,
-    kRoleAdmin = 20,
-    kRoleSystem = 30,
-    kRoleProvisioning = 40,
-    kRoleStartup = 50,
-};
-
-// The role named exactly `name` ("kUser" ... "kStartup"); 0 when there is none.
-int roleFromName(const std::string& name);
-// The name of a role number, or "" for a number that is no role.
-const char* roleName(int role);
 
 enum class ValueKind { kString, kInteger, kBoolean, kOption };
 
@@ -60,8 +51,8 @@ struct VariableDef {
     size_t maxCount = 16;               // list only
     std::vector<std::string> options;   // option only, in declaration order
     std::vector<std::string> defaults;  // in canonical form
-    int readLevel = kRoleUser;
-    int writeLevel = kRoleAdmin;
+    CommonIF::eSecurityRole readLevel = CommonIF::kUser;
+    CommonIF::eSecurityRole writeLevel = CommonIF::kAdmin;
     bool rebootRequired = false;
     int line = 0;  // where it is declared, for messages
 };
@@ -79,8 +70,8 @@ struct NodeDef {
 // Who may claim which role. Root and the service's own user may claim every role unless listed;
 // every other user may claim up to `othersMax` unless listed.
 struct ClaimPolicy {
-    int othersMax = kRoleAdmin;
-    std::map<uid_t, int> maxByUid;
+    CommonIF::eSecurityRole othersMax = CommonIF::kAdmin;
+    std::map<uid_t, CommonIF::eSecurityRole> maxByUid;
 };
 
 // One element of a requested path.
@@ -110,7 +101,7 @@ class DeviceModel {
     bool resolveKey(const std::string& key, ResolvedVariable* found) const;
 
     // Highest role a process running as `uid` may claim, given the service's own uid.
-    int highestClaim(uid_t uid, uid_t serviceUid) const;
+    CommonIF::eSecurityRole highestClaim(uid_t uid, uid_t serviceUid) const;
 
     NodeDef& root() { return root_; }
     const NodeDef& root() const { return root_; }

@@ -1,6 +1,7 @@
 #include "ModelLoader.h"
 
 #include <fcntl.h>
+#include <google/protobuf/descriptor.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,14 +19,23 @@ namespace {
 
 constexpr size_t kMaxModelBytes = 4 * 1024 * 1024;
 constexpr int kMaxNodeDepth = static_cast<int>(kMaxPathDepth) - 1;
-constexpr char kRoleList[] = "kUser, kAdmin, kSystem, kProvisioning, kStartup";
 
 using Names = std::vector<const char*>;
 
+// "kUser, kAdmin, ...": the protocol's role names in their declared order, for messages.
+std::string roleList() {
+    const google::protobuf::EnumDescriptor* roles = CommonIF::eSecurityRole_descriptor();
+    std::string list;
+    for (int i = 0; i < roles->value_count(); ++i) {
+        list += (i > 0 ? ", " : "") + roles->value(i)->name();
+    }
+    return list;
+}
+
 // Levels a node hands down to what it contains unless they set their own.
 struct Inherited {
-    int readLevel = kRoleUser;
-    int writeLevel = kRoleAdmin;
+    CommonIF::eSecurityRole readLevel = CommonIF::kUser;
+    CommonIF::eSecurityRole writeLevel = CommonIF::kAdmin;
 };
 
 class Parser {
@@ -47,7 +57,8 @@ class Parser {
     bool readInteger(const pugi::xml_node& element, const char* attribute, long long low,
                      long long high, long long* value);
     bool readFlag(const pugi::xml_node& element, const char* attribute, bool* value);
-    bool readRole(const pugi::xml_node& element, const char* attribute, int* role);
+    bool readRole(const pugi::xml_node& element, const char* attribute,
+                  CommonIF::eSecurityRole* role);
 
     bool parseClaims(const pugi::xml_node& element, ClaimPolicy* claims);
     bool parseChildren(const pugi::xml_node& element, NodeDef* node, const Inherited& levels,
@@ -188,13 +199,12 @@ bool Parser::readFlag(const pugi::xml_node& element, const char* attribute, bool
     return true;
 }
 
-bool Parser::readRole(const pugi::xml_node& element, const char* attribute, int* role) {
+bool Parser::readRole(const pugi::xml_node& element, const char* attribute,
+                      CommonIF::eSecurityRole* role) {
     std::string text = element.attribute(attribute).value();
-    int found = roleFromName(text);
-    if (found == 0) {
-        return fail(element, "unknown role '" + text + "' (roles: " + kRoleList + ")");
+    if (!CommonIF::eSecurityRole_Parse(text, role)) {
+        return fail(element, "unknown role '" + text + "' (roles: " + roleList() + ")");
     }
-    *role = found;
     return true;
 }
 
@@ -207,7 +217,7 @@ bool Parser::parseClaims(const pugi::xml_node& element, ClaimPolicy* claims) {
     }
     for (const pugi::xml_node& entry : element.children("uid")) {
         long long uid = 0;
-        int max = 0;
+        CommonIF::eSecurityRole max = CommonIF::kUser;
         if (!checkAttributes(entry, {"id", "max"}) ||
             !readInteger(entry, "id", 0, 0xfffffffell, &uid) || !readRole(entry, "max", &max)) {
             return false;

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "MessageIds.h"
+#include "Common/protobuf/v3/ConfigProtocol.h"
 #include "logmsg.h"
 
 namespace configsrvc {
@@ -20,11 +20,14 @@ constexpr int kRequestsPerRound = 64;
 // library coalesced can never leave a request waiting.
 constexpr int kIdlePollMs = 1000;
 
+// What run() waits on, by slot of its poll set.
+enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPollSlotCount };
+
 }  // namespace
 
 const Server::Command Server::kCommands[] = {
-    {kReadReqMsgId, &Server::handleRead},
-    {kWriteReqMsgId, &Server::handleWrite},
+    {ConfigProtocol::kReadReqMsgId, &Server::handleRead},
+    {ConfigProtocol::kWriteReqMsgId, &Server::handleWrite},
 };
 
 Server::Server(const ConfigService& service, ValueStore* store, Committer* committer,
@@ -49,18 +52,18 @@ bool Server::open(std::string* error) {
 }
 
 void Server::send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message) {
-    size_t bytes = message.ByteSizeLong();
     // Never waits for the client: one that does not read its answers must not hold up the
     // others. The library queues what the client's socket cannot take yet, and cuts the client
     // off when that queue reaches its bound.
-    MSG_Msg* reply = MSG_AllocMsg(msgId, MSG_SEND_NOWAIT, static_cast<uint32_t>(bytes));
-    if (reply == nullptr) {
-        logmsg_err(kLogModule, "MSG_AllocMsg() failed for an answer of %zu bytes\n", bytes);
+    ConfigProtocol::EncodeFailure failure = ConfigProtocol::kEncodedFine;
+    MSG_Msg* reply = ConfigProtocol::encodeMessage(msgId, MSG_SEND_NOWAIT, message, &failure);
+    if (reply == nullptr && failure == ConfigProtocol::kAllocFailed) {
+        logmsg_err(kLogModule, "MSG_AllocMsg() failed for an answer of %zu bytes\n",
+                   message.ByteSizeLong());
         return;
     }
-    if (!message.SerializeToArray(MSG_GetPayloadMutable(reply), static_cast<int>(bytes))) {
+    if (reply == nullptr) {
         logmsg_err(kLogModule, "cannot encode %s\n", message.GetTypeName().c_str());
-        MSG_ReleaseMsg(reply);
         return;
     }
     int status = MSG_SendMsg(endpoint_.c_str(), address, reply);
@@ -81,7 +84,7 @@ void Server::handleRead(const MSG_Msg* request, const MSG_Sender& sender) {
         logmsg_warn(kLogModule, "unreadable ReadReq from pid %d uid %u\n",
                     static_cast<int>(sender.pid), static_cast<unsigned>(sender.uid));
     }
-    send(sender.address, kReadRspMsgId, response);
+    send(sender.address, ConfigProtocol::kReadRspMsgId, response);
 }
 
 void Server::handleWrite(const MSG_Msg* request, const MSG_Sender& sender) {
@@ -90,7 +93,7 @@ void Server::handleWrite(const MSG_Msg* request, const MSG_Sender& sender) {
     if (!service_.checkWrite(MSG_GetPayload(request),
                              static_cast<size_t>(MSG_GetPayloadBytes(request)), sender.uid, &write,
                              &response)) {
-        send(sender.address, kWriteRspMsgId, response);
+        send(sender.address, ConfigProtocol::kWriteRspMsgId, response);
         return;
     }
     write.replyAddress = sender.address;
@@ -100,7 +103,7 @@ void Server::handleWrite(const MSG_Msg* request, const MSG_Sender& sender) {
         message->set_error(CommonIF::kErrOutOfResources);
         message->add_error_message("too many writes waiting for the disk; try again");
         logmsg_warn(kLogModule, "write of '%s' refused: too many writes pending\n", key.c_str());
-        send(sender.address, kWriteRspMsgId, response);
+        send(sender.address, ConfigProtocol::kWriteRspMsgId, response);
     }
 }
 
@@ -145,17 +148,16 @@ void Server::finishWrites() {
         }
         ConfigIF::WriteRsp response;
         ConfigService::answerCommitted(done, &response);
-        send(done.write.replyAddress, kWriteRspMsgId, response);
+        send(done.write.replyAddress, ConfigProtocol::kWriteRspMsgId, response);
     }
 }
 
 bool Server::run(int stopFd) {
     int requestFd = MSG_GetPollFd(endpoint_.c_str());
-    pollfd watched[] = {
-        {stopFd, POLLIN, 0},
-        {requestFd, POLLIN, 0},
-        {committer_->readyFd(), POLLIN, 0},
-    };
+    pollfd watched[kPollSlotCount] = {};
+    watched[kStopSlot] = {stopFd, POLLIN, 0};
+    watched[kRequestSlot] = {requestFd, POLLIN, 0};
+    watched[kCommittedSlot] = {committer_->readyFd(), POLLIN, 0};
     if (requestFd < 0) {
         logmsg_err(kLogModule, "MSG_GetPollFd() failed; looking for requests every %d ms\n",
                    kIdlePollMs);
@@ -164,16 +166,16 @@ bool Server::run(int stopFd) {
     bool moreRequests = false;
     bool healthy = true;
     for (;;) {
-        int ready = poll(watched, 3, moreRequests ? 0 : kIdlePollMs);
+        int ready = poll(watched, kPollSlotCount, moreRequests ? 0 : kIdlePollMs);
         if (ready < 0 && errno != EINTR) {
             logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
             healthy = false;
             break;
         }
-        if (ready > 0 && watched[0].revents != 0) {
+        if (ready > 0 && watched[kStopSlot].revents != 0) {
             break;
         }
-        if (ready <= 0 || watched[2].revents != 0) {
+        if (ready <= 0 || watched[kCommittedSlot].revents != 0) {
             finishWrites();
         }
         // Served after the writes, and with a cap: neither kind of work can starve the other.

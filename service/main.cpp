@@ -21,8 +21,8 @@
 #include <vector>
 
 #include "Committer.h"
+#include "Common/protobuf/v3/ConfigProtocol.h"
 #include "ConfigService.h"
-#include "MessageIds.h"
 #include "ModelLoader.h"
 #include "Server.h"
 #include "ValueStore.h"
@@ -42,13 +42,14 @@ constexpr char kUsage[] =
     "usage: configsrvc --model FILE --state DIR [--endpoint NAME]\n"
     "  --model FILE     device model (XML) declaring the variables served\n"
     "  --state DIR      folder of the value database (created when missing)\n"
-    "  --endpoint NAME  endpoint to serve on (default ConfigSrvc)\n"
+    "  --endpoint NAME  endpoint to serve on (default " CONFIG_SERVICE_ENDPOINT
+    ")\n"
     "Endpoints live in $MSGPASS_DIR when it is set.\n";
 
 struct Options {
     std::string model;
     std::string state;
-    std::string endpoint = kServiceEndpoint;
+    std::string endpoint = ConfigProtocol::kServiceEndpoint;
 };
 
 int stopPipe[2] = {-1, -1};
