@@ -33,8 +33,9 @@ TEST(EnumSetterDeathTest, TakesEveryRoleAndANonMemberEndsTheProcess) {
 int value_reports = 0;
 
 void countValueReports(google::protobuf::LogLevel, const char*, int, const std::string& message) {
-    if (message.find("ConfigIF.ReadRsp.value") != std::string::npos)
+    if (message.find("ConfigIF.ReadRsp.value") != std::string::npos) {
         ++value_reports;
+    }
 }
 
 TEST(Utf8CheckTest, InvalidValueIsReportedButKeptUnchanged) {

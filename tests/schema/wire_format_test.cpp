@@ -5,11 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "CaseFile.h"
 
 #include "Common/protobuf/v3/common.pb.h"
 #include "Common/protobuf/v3/configservice.pb.h"
@@ -27,28 +28,17 @@ struct WireExample {
     std::string completeness;
 };
 
-std::string trimmed(const std::string& text) {
-    const size_t first = text.find_first_not_of(' ');
-    return first == std::string::npos ? ""
-                                      : text.substr(first, text.find_last_not_of(' ') + 1 - first);
-}
-
-// A line without four fields gets empty ones and fails its test as malformed; a missing file
-// leaves the suite without instances, which fails too.
+// A row without four fields gets empty ones and fails its test as malformed; a missing or empty
+// file fails in readCaseFile and leaves the suite without instances, which fails too.
 std::vector<WireExample> loadWireExamples() {
-    std::ifstream in(SCHEMA_DATA_DIR "/wire_examples.txt");
     std::vector<WireExample> examples;
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (line.empty() || line[0] == '#')
-            continue;
-        std::vector<std::string> fields;
-        std::istringstream columns(line);
-        for (std::string field; std::getline(columns, field, '|');)
-            fields.push_back(trimmed(field));
-        if (fields.size() != 4)
-            fields.assign(4, "");
-        examples.push_back({number, fields[0], fields[1], fields[2], fields[3]});
+    for (const testsupport::CaseRow& row :
+         testsupport::readCaseFile(SCHEMA_DATA_DIR "/wire_examples.txt").rows) {
+        WireExample example{row.line, "", "", "", ""};
+        if (row.fields.size() == 4) {
+            example = {row.line, row[0], row[1], row[2], row[3]};
+        }
+        examples.push_back(example);
     }
     return examples;
 }
@@ -56,8 +46,9 @@ std::vector<WireExample> loadWireExamples() {
 std::string hexToBytes(const std::string& hex) {
     std::istringstream digits(hex);
     std::string bytes;
-    for (unsigned byte; digits >> std::hex >> byte;)
+    for (unsigned byte; digits >> std::hex >> byte;) {
         bytes.push_back(static_cast<char>(byte));
+    }
     return bytes;
 }
 
@@ -124,10 +115,12 @@ const ValidityCase kValidityCases[] = {
 
 TEST(EnumValidityTest, AcceptsExactlyTheMembers) {
     for (const ValidityCase& c : kValidityCases) {
-        for (int value : c.members)
+        for (int value : c.members) {
             EXPECT_TRUE(c.is_valid(value)) << c.enum_name << " " << value;
-        for (int value : c.non_members)
+        }
+        for (int value : c.non_members) {
             EXPECT_FALSE(c.is_valid(value)) << c.enum_name << " " << value;
+        }
     }
 }
 
