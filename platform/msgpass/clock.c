@@ -1,7 +1,5 @@
-/* clock.c - monotonic deadlines, and the MSGPASS_MAX_WAIT_MS cap on every wait. */
-#include <errno.h>
+/* clock.c - monotonic deadlines for the library's waits. */
 #include <limits.h>
-#include <stdlib.h>
 #include <time.h>
 
 #include "internal.h"
@@ -12,31 +10,14 @@ int64_t msg_now_ms(void) {
     return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
-/* The cap in milliseconds, or -1 when the variable is unset or not a plain number. */
-static int64_t max_wait_ms(void) {
-    const char* text = getenv(MSG_MAX_WAIT_ENV);
-    if (!text || *text < '0' || *text > '9') {
-        return -1;
-    }
-    char* end = NULL;
-    errno = 0;
-    long long value = strtoll(text, &end, 10);
-    if (errno != 0 || *end != '\0') {
-        return -1;
-    }
-    return value;
-}
-
 int64_t msg_deadline(int timeoutMs) {
-    int64_t wait = timeoutMs < 0 ? kMsgForever : timeoutMs;
-    int64_t cap = max_wait_ms();
-    if (cap >= 0 && cap < wait) {
-        wait = cap;
+    if (timeoutMs < 0) {
+        return kMsgForever;
     }
-    /* A cap near the largest number is "forever" too: the sum must not wrap into the past,
-     * where every wait would end at once and waiting threads would spin. */
+    /* Saturate rather than wrap: a deadline in the past would end every wait at once and make
+     * waiting threads spin. */
     int64_t now = msg_now_ms();
-    return wait >= kMsgForever - now ? kMsgForever : now + wait;
+    return timeoutMs >= kMsgForever - now ? kMsgForever : now + timeoutMs;
 }
 
 int msg_remaining_ms(int64_t deadline) {

@@ -49,7 +49,8 @@ int msg_decode_header(const unsigned char* header, uint32_t* id, uint32_t* bytes
 #define kMsgForever INT64_MAX
 
 int64_t msg_now_ms(void);
-/* Absolute monotonic deadline for a caller's time-out, after the MSGPASS_MAX_WAIT_MS cap. */
+/* Absolute monotonic deadline for a caller's time-out: kMsgForever for a negative one, and for
+ * one too large to add to the clock. */
 int64_t msg_deadline(int timeoutMs);
 /* Milliseconds left until `deadline`, as poll() takes them: -1 for forever, never negative. */
 int msg_remaining_ms(int64_t deadline);

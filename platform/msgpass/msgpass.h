@@ -20,10 +20,10 @@
  * library does not understand, an oversized length or a truncated frame is disconnected; the
  * endpoint's other connections go on.
  *
- * Time-outs are in milliseconds. When the environment variable MSGPASS_MAX_WAIT_MS holds a
- * non-negative decimal number, it caps every wait of the library (connect, receive, a stalled
- * send), including "wait forever"; this keeps tests of an absent peer fast while callers keep
- * passing their real time-outs. Any other value is ignored.
+ * Time-outs are in milliseconds on the monotonic clock; a negative one waits forever. Connecting
+ * and receiving wait as long as the caller's time-out allows (unless the function's rules below
+ * end the wait sooner), a send as long as the peer takes bytes at least every MSG_SEND_STALL_MS;
+ * no environment setting shortens these waits.
  *
  * Results: every int status is MSG_OK (0) on success or one of the positive MSG_ERR_* codes
  * below. Functions that return a handle or pointer return NULL on failure. No function writes
@@ -76,11 +76,10 @@ enum {
 #define MSG_MAX_PAYLOAD_BYTES (16u * 1024u * 1024u)
 /* Endpoint directory used when MSGPASS_DIR is not set. */
 #define MSG_DEFAULT_DIR "/run/msgpass"
-/* Environment variables read by the library (see above). */
+/* Environment variable naming the endpoint directory (see above). */
 #define MSG_DIR_ENV "MSGPASS_DIR"
-#define MSG_MAX_WAIT_ENV "MSGPASS_MAX_WAIT_MS"
 /* How long a send may make no progress because the peer does not read, before the connection is
- * dropped and MSG_SendMsg returns MSG_ERR_TIMEOUT (also capped by MSGPASS_MAX_WAIT_MS). */
+ * dropped and MSG_SendMsg returns MSG_ERR_TIMEOUT. */
 #define MSG_SEND_STALL_MS 5000
 
 /* Flag of MSG_AllocMsg: MSG_SendMsg of this message never waits for the peer. What the peer's
