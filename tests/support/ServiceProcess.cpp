@@ -1,0 +1,63 @@
+#include "ServiceProcess.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Common/protobuf/v3/ConfigProtocol.h"
+#include "ConfigSession.h"
+
+namespace testsupport {
+
+const char kConfigsrvcBin[] = CONFIGSRVC_BIN;
+const char kExampleModel[] = EXAMPLE_MODEL;
+
+namespace {
+
+constexpr int kStartMs = 5000;
+// Each attempt to connect waits this long, so that a service that died is noticed soon.
+constexpr int kProbeMs = 100;
+
+}  // namespace
+
+ServiceProcess::ServiceProcess() : dir_("configsrvc") {
+    // Others may need to reach ep/ through the folder: clients run under another uid.
+    chmod(root().c_str(), 0755);
+    mkdir(endpoints().c_str(), 0);
+    chmod(endpoints().c_str(), 01777);  // not through mkdir, which the umask would narrow
+    setenv("MSGPASS_DIR", endpoints().c_str(), 1);
+}
+
+ServiceProcess::~ServiceProcess() {
+    stop(SIGKILL);
+}
+
+std::string ServiceProcess::endpointPath() const {
+    return endpoints() + "/" + ConfigProtocol::kServiceEndpoint;
+}
+
+bool ServiceProcess::start(std::string* error) {
+    stop(SIGKILL);
+    process_ = std::make_unique<Background>(
+        kConfigsrvcBin,
+        std::vector<std::string>{"configsrvc", "--model", model, "--state", state()}, Environment{},
+        logPath());
+    const std::string probe = "probe-" + std::to_string(getpid());
+    const bool up = process_->waitUntil(
+        [&] {
+            configclient::ConfigSession session;
+            return session.connect(probe, kProbeMs) == configclient::ConfigSession::kOk;
+        },
+        kStartMs);
+    if (!up) {
+        *error = "the service did not start: " + output();
+    }
+    return up;
+}
+
+int ServiceProcess::stop(int signal) {
+    return process_ ? process_->stop(signal) : -1;
+}
+
+}  // namespace testsupport
