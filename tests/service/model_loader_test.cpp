@@ -1,10 +1,14 @@
+// Model files: the example loads, defaults are kept in canonical form, and every mistake of
+// bad_models.txt and every file that cannot be a model is refused with its place and reason.
 #include "ModelLoader.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
+
+#include "CaseFile.h"
+#include "ServiceProcess.h"
 
 namespace configsrvc {
 namespace {
@@ -12,7 +16,7 @@ namespace {
 TEST(ModelLoader, ExampleModelLoadsAndDefaultsAreKeptInCanonicalForm) {
     DeviceModel example, model;
     std::string error;
-    EXPECT_TRUE(loadModelFile(EXAMPLE_MODEL, &example, &error)) << error;
+    EXPECT_TRUE(loadModelFile(testsupport::kExampleModel, &example, &error)) << error;
     ASSERT_TRUE(
         parseModel("<device-model>\n  <variable name='on' kind='boolean' default='yes'/>\n"
                    "  <variable name='n' kind='integer' default='-0'/>\n</device-model>\n",
@@ -24,23 +28,14 @@ TEST(ModelLoader, ExampleModelLoadsAndDefaultsAreKeptInCanonicalForm) {
     EXPECT_EQ(n.variable->defaults, std::vector<std::string>{"0"});
 }
 
-// The cases live in bad_models.txt: "== <expected error>" and then the model text.
 TEST(ModelLoader, BadModelsAreRefusedWithFileLineAndReason) {
-    std::vector<std::pair<std::string, std::string>> cases;  // error, text
-    std::ifstream corpus(BAD_MODELS);
-    for (std::string line; std::getline(corpus, line);) {
-        if (line.rfind("== ", 0) == 0) {
-            cases.emplace_back(line.substr(3), "");
-        } else if (!cases.empty()) {
-            cases.back().second += line + "\n";
-        }
-    }
-    ASSERT_GE(cases.size(), 32u) << "cannot read " BAD_MODELS;
-    for (const auto& [expected, text] : cases) {
+    const testsupport::CaseFile cases = testsupport::readCaseFile(BAD_MODELS);
+    EXPECT_GE(cases.blocks.size(), 32u);
+    for (const testsupport::CaseBlock& bad : cases.blocks) {
         DeviceModel model;
         std::string error;
-        EXPECT_FALSE(parseModel(text, "m.xml", &model, &error)) << text;
-        EXPECT_EQ(error, expected) << text;
+        EXPECT_FALSE(parseModel(bad.text(), "m.xml", &model, &error)) << bad.head.where;
+        EXPECT_EQ(error, bad.head[0]) << bad.head.where;
     }
     // Files that cannot be a model; an endless one is refused without being read whole.
     const std::pair<const char*, const char*> unreadable[] = {

@@ -1,19 +1,22 @@
+// The service core on the example model: the request table of requests.txt, what a table of
+// single requests cannot show (sequences, reopening the store, garbage), and the store's
+// refusals of databases it cannot trust.
 #include "ConfigService.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "CaseFile.h"
+#include "ConfigPath.h"
 #include "ModelLoader.h"
+#include "ServiceProcess.h"
 
 namespace configsrvc {
 namespace {
@@ -21,6 +24,7 @@ namespace {
 using namespace CommonIF;
 using namespace std::string_literals;
 using testing::ElementsAre;
+using testsupport::CaseRow;
 using Values = std::vector<std::string>;
 
 constexpr uid_t kService = 990;
@@ -30,35 +34,20 @@ constexpr char kDns[] = "network/interface 3/dns";
 constexpr char kHost[] = "system/hostname";
 constexpr char kVolume[] = "audio/volume";
 
-// A path as a client names it: "network/interface 2/mtu", instance numbers after a blank.
-void fillInst(const std::string& path, ConfigIF::Inst* inst) {
-    std::istringstream steps(path);
-    for (std::string step; std::getline(steps, step, '/');) {
-        ConfigIF::Node* node = inst->add_node();
-        size_t blank = step.find(' ');
-        node->set_name(step.substr(0, blank));
-        node->set_instance(blank == std::string::npos ? 0 : std::stoi(step.substr(blank)));
-    }
-}
-
 // The example model over a store in a fresh state folder, and the service answering from them.
 class ConfigServiceTest : public testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/configsrvc-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        folder_ = pattern;
-        ASSERT_TRUE(loadModelFile(EXAMPLE_MODEL, &model_, &error_)) << error_;
+        ASSERT_TRUE(loadModelFile(testsupport::kExampleModel, &model_, &error_)) << error_;
         ASSERT_TRUE(reopen()) << error_;
     }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
 
     // Opens the store again, as a restarted service does.
     bool reopen() {
         service_.reset();
         store_.reset();
         warnings_.clear();
-        if (!ValueStore::open(folder_, model_, &store_, &warnings_, &error_)) {
+        if (!ValueStore::open(folder_.path, model_, &store_, &warnings_, &error_)) {
             return false;
         }
         service_ = std::make_unique<ConfigService>(model_, *store_, kService);
@@ -73,11 +62,7 @@ class ConfigServiceTest : public testing::Test {
 
     ConfigIF::ReadRsp read(const std::string& path, eSecurityRole role = kProvisioning,
                            uid_t uid = kService) {
-        ConfigIF::ReadReq request;
-        request.set_name("test");
-        request.set_role(role);
-        fillInst(path, request.mutable_instance());
-        return readBytes(request.SerializeAsString(), uid);
+        return readBytes(testsupport::readRequest(path, role).SerializeAsString(), uid);
     }
 
     Values valuesOf(const std::string& path) {
@@ -102,16 +87,12 @@ class ConfigServiceTest : public testing::Test {
     ConfigIF::ReturnMessage write(const std::string& path, const Values& values,
                                   eSecurityRole role = kAdmin, uid_t uid = kService,
                                   bool override = false) {
-        ConfigIF::WriteReq request;
-        request.set_name("test");
-        request.set_role(role);
-        fillInst(path, request.mutable_instance_val()->mutable_instance());
-        request.mutable_instance_val()->mutable_value()->Add(values.begin(), values.end());
+        ConfigIF::WriteReq request = testsupport::writeRequest(path, values, role);
         request.set_override_security(override);
         return writeBytes(request.SerializeAsString(), uid);
     }
 
-    std::string database() const { return folder_ + "/values.db"; }
+    std::string database() const { return folder_.file("values.db"); }
 
     // Closes the store and runs SQL on its database, as a damaged or foreign file would look.
     void tamper(const std::string& sql) {
@@ -126,15 +107,13 @@ class ConfigServiceTest : public testing::Test {
 
     // The store must refuse to open and leave the file byte for byte as it was.
     std::string refusal() {
-        std::ostringstream before, after;
-        before << std::ifstream(database()).rdbuf();
+        const std::string before = testsupport::readFile(database());
         EXPECT_FALSE(reopen());
-        after << std::ifstream(database()).rdbuf();
-        EXPECT_EQ(after.str(), before.str()) << "the refused database was changed";
+        EXPECT_EQ(testsupport::readFile(database()), before) << "the refused database was changed";
         return error_;
     }
 
-    std::string folder_;
+    testsupport::TempDir folder_{"configsrvc-test"};
     std::string error_;
     DeviceModel model_;
     std::vector<std::string> warnings_;
@@ -142,73 +121,73 @@ class ConfigServiceTest : public testing::Test {
     std::unique_ptr<ConfigService> service_;
 };
 
-// Values as requests.txt writes them: "text" with \xHH escapes, "text"*N for N copies.
-Values parseValues(const std::string& text) {
+// The values of a field of requests.txt, each in double quotes.
+Values valuesIn(const std::string& text) {
     Values values;
-    for (size_t i = text.find('"'); i != std::string::npos; i = text.find('"', i + 1)) {
-        std::string value;
-        for (++i; i < text.size() && text[i] != '"'; ++i) {
-            bool escape = text[i] == '\\';
-            value +=
-                escape ? static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16)) : text[i];
-            i += escape ? 3 : 0;
-        }
-        size_t copies = text.compare(i + 1, 1, "*") == 0 ? std::stoul(text.substr(i + 2)) : 1;
-        values.emplace_back();
-        while (copies-- > 0) {
-            values.back() += value;
-        }
+    for (size_t open = text.find('"'); open != std::string::npos;) {
+        const size_t close = text.find('"', open + 1);
+        values.push_back(text.substr(open + 1, close - open - 1));
+        open = close == std::string::npos ? close : text.find('"', close + 1);
     }
     return values;
 }
 
-std::vector<std::string> readRequests() {
-    std::vector<std::string> requests;
-    std::ifstream corpus(REQUESTS);
-    for (std::string line; std::getline(corpus, line);) {
-        if (line.rfind("k", 0) == 0) {
-            requests.push_back(line);
-        }
-    }
-    return requests.empty() ? std::vector<std::string>{"cannot read " REQUESTS} : requests;
+// A row of requests.txt, named by its place in test listings.
+struct RequestRow : CaseRow {};
+
+void PrintTo(const RequestRow& row, std::ostream* out) {
+    *out << row.where;
 }
 
-class Requests : public ConfigServiceTest, public testing::WithParamInterface<std::string> {};
+std::vector<RequestRow> requestRows() {
+    std::vector<RequestRow> rows;
+    for (const CaseRow& row : testsupport::readCaseFile(REQUESTS).rows) {
+        rows.push_back({row});
+    }
+    return rows;
+}
 
-// One line of requests.txt: "ROLE UID PATH [= VALUE...] -> ERROR [+reboot][: DETAIL]".
+class Requests : public ConfigServiceTest, public testing::WithParamInterface<RequestRow> {};
+
+// One row of requests.txt: ROLE | UID | PATH [= VALUES] | ERROR [+reboot] | DETAIL.
 TEST_P(Requests, GetTheAnswerListed) {
-    static const std::regex kRequest(R"((\w+) (\d+) (.*?)( =.*)? -> (\w+)( \+reboot)?(: (.*))?)");
-    std::smatch part;
+    const RequestRow& row = GetParam();
+    const std::vector<std::string> answer = testsupport::split(row[3], " ");
+    const bool reboot = answer.size() == 2 && answer[1] == "+reboot";
     eSecurityRole role = kUser;
     eErrorType expected = kErrNoError;
-    ASSERT_TRUE(std::regex_match(GetParam(), part, kRequest) &&
-                eSecurityRole_Parse(part[1], &role) && eErrorType_Parse(part[5], &expected));
-    const std::string path = part[3];
-    const uid_t uid = std::stoul(part[2]);
-    if (!part[4].matched) {
+    ASSERT_TRUE(row.fields.size() >= 4 && row.fields.size() <= 5 &&
+                answer.size() == (reboot ? 2u : 1u) && eSecurityRole_Parse(row[0], &role) &&
+                eErrorType_Parse(answer[0], &expected))
+        << row.where << ": malformed row";
+    const uid_t uid = static_cast<uid_t>(std::strtoul(row[1].c_str(), nullptr, 10));
+    const size_t equals = row[2].find(" =");
+    const std::string path = row[2].substr(0, equals);
+    if (equals == std::string::npos) {
         ConfigIF::ReadRsp response = read(path, role, uid);
         EXPECT_EQ(response.error(), expected);
-        EXPECT_EQ(Values(response.value().begin(), response.value().end()), parseValues(part[8]));
+        EXPECT_EQ(Values(response.value().begin(), response.value().end()), valuesIn(row[4]));
         return;
     }
-    ConfigIF::ReturnMessage written = write(path, parseValues(part[4]), role, uid);
+    ConfigIF::ReturnMessage written = write(path, valuesIn(row[2].substr(equals)), role, uid);
     EXPECT_EQ(written.error(), expected);
-    EXPECT_EQ(written.reboot_required(), part[6].matched);
+    EXPECT_EQ(written.reboot_required(), reboot);
     if (expected == kErrNoError) {
-        EXPECT_EQ(valuesOf(path), parseValues(part[8]));
+        EXPECT_EQ(valuesOf(path), valuesIn(row[4]));
     } else {
-        EXPECT_THAT(written.error_message(), ElementsAre(part[8].str()));
+        EXPECT_THAT(written.error_message(), ElementsAre(row[4]));
         EXPECT_TRUE(expected == kErrItemNotFound || read(path).is_default());
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Corpus, Requests, testing::ValuesIn(readRequests()));
+INSTANTIATE_TEST_SUITE_P(Table, Requests, testing::ValuesIn(requestRows()),
+                         [](const testing::TestParamInfo<RequestRow>& info) {
+                             return "line" + std::to_string(info.param.line);
+                         });
 
 TEST_F(ConfigServiceTest, InstanceZeroIsAnsweredAsTheFirstAndInstancesAreKeptApart) {
-    ConfigIF::Inst answered;
-    fillInst("network 1/interface 1/dns 1", &answered);
     EXPECT_EQ(read("network/interface/dns").instance().SerializeAsString(),
-              answered.SerializeAsString());
+              testsupport::instOf("network 1/interface 1/dns 1").SerializeAsString());
     ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
     EXPECT_EQ(valuesOf("network/interface 1/mtu"), Values{"1500"});
     EXPECT_EQ(valuesOf("network/interface 3/mtu"), Values{"1500"});
@@ -292,7 +271,7 @@ class DamagedDatabase : public ConfigServiceTest, public testing::WithParamInter
 TEST_P(DamagedDatabase, IsRefusedAndLeftAsItWas) {
     tamper(GetParam().first.empty() ? "SELECT 1" : GetParam().first);
     if (GetParam().first.empty()) {
-        std::ofstream(database(), std::ios::trunc) << "not the values you are looking for\n";
+        ASSERT_TRUE(testsupport::writeFile(database(), "not the values you are looking for\n"));
     }
     EXPECT_EQ(refusal(), database() + GetParam().second);
 }
@@ -320,8 +299,8 @@ TEST_F(ConfigServiceTest, TruncatedDatabaseIsRefusedAndLeftAsItWas) {
 
 TEST_F(ConfigServiceTest, SecondStoreOnTheSameStateFolderIsRefused) {
     std::unique_ptr<ValueStore> second;
-    EXPECT_FALSE(ValueStore::open(folder_, model_, &second, &warnings_, &error_));
-    EXPECT_EQ(error_, "the state folder " + folder_ + " is in use by another running service");
+    EXPECT_FALSE(ValueStore::open(folder_.path, model_, &second, &warnings_, &error_));
+    EXPECT_EQ(error_, "the state folder " + folder_.path + " is in use by another running service");
 }
 
 TEST_F(ConfigServiceTest, CommitterAnswersEveryWriteInOrderAndBoundsWhatIsPending) {
