@@ -1,5 +1,5 @@
-// Throughput and latency of configsrvc with 1, 8 and 32 concurrent clients talking libmsgpass
-// directly, beside the cost of one fsync on the same disk, measured in the same run.
+// Throughput and latency of configsrvc with 1, 8 and 32 concurrent clients, each a session of
+// the client library, beside the cost of one fsync on the same disk, measured in the same run.
 //
 //   configsrvc_bench [--rounds N] [--seconds S] [--dir DIR]
 //
@@ -26,18 +26,17 @@
 #include <vector>
 
 #include "Common/protobuf/v3/configservice.pb.h"
-#include "msgpass.h"
+#include "ConfigSession.h"
 
 extern char** environ;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using configclient::ConfigSession;
 
-constexpr uint32_t kReadReqMsgId = 0x001A0000;
-constexpr uint32_t kReadRspMsgId = 0x001A0041;
-constexpr uint32_t kWriteReqMsgId = 0x001A0080;
-constexpr uint32_t kWriteRspMsgId = 0x001A0191;
+constexpr int kConnectMs = 5000;
+constexpr int kAnswerMs = 10000;
 
 struct Settings {
     int rounds = 5;
@@ -120,50 +119,20 @@ pid_t startService(const std::string& state, bool pinned) {
     return pid;
 }
 
-class Client {
-  public:
-    explicit Client(const std::string& name) : name_(name) {
-        ok_ = MSG_OpenLocal(name_.c_str()) == MSG_OK &&
-              MSG_OpenRemoteSync(name_.c_str(), "ConfigSrvc", 5000, &address_) == MSG_OK;
-    }
-    virtual ~Client() { MSG_CloseLocal(name_.c_str()); }
-    bool ok() const { return ok_; }
+// One request/response on `session`; false on any failure or error answer.
+bool readOnce(ConfigSession* session, const ConfigIF::ReadReq& request) {
+    ConfigIF::ReadRsp response;
+    return session->read(request, &response, kAnswerMs) == ConfigSession::kOk &&
+           response.error() == CommonIF::kErrNoError;
+}
 
-    // One request/response; false on any failure or error answer.
-    bool call(uint32_t id, const std::string& payload, uint32_t answerId, bool isWrite) {
-        MSG_Msg* request = MSG_AllocMsg(id, 0, static_cast<uint32_t>(payload.size()));
-        if (request == nullptr) {
-            return false;
-        }
-        std::memcpy(MSG_GetPayloadMutable(request), payload.data(), payload.size());
-        if (MSG_SendMsg(name_.c_str(), address_, request) != MSG_OK) {
-            return false;
-        }
-        MSG_Msg* reply = MSG_RecvMsg(name_.c_str(), answerId, 10000);
-        if (reply == nullptr) {
-            return false;
-        }
-        bool good;
-        if (isWrite) {
-            ConfigIF::WriteRsp response;
-            good = response.ParseFromArray(MSG_GetPayload(reply), MSG_GetPayloadBytes(reply)) &&
-                   response.ret_message().error() == CommonIF::kErrNoError;
-        } else {
-            ConfigIF::ReadRsp response;
-            good = response.ParseFromArray(MSG_GetPayload(reply), MSG_GetPayloadBytes(reply)) &&
-                   response.error() == CommonIF::kErrNoError;
-        }
-        MSG_ReleaseMsg(reply);
-        return good;
-    }
+bool writeOnce(ConfigSession* session, const ConfigIF::WriteReq& request) {
+    ConfigIF::WriteRsp response;
+    return session->write(request, &response, kAnswerMs) == ConfigSession::kOk &&
+           response.ret_message().error() == CommonIF::kErrNoError;
+}
 
-  private:
-    std::string name_;
-    uint32_t address_ = 0;
-    bool ok_ = false;
-};
-
-std::string readRequest() {
+ConfigIF::ReadReq readRequest() {
     ConfigIF::ReadReq request;
     request.set_name("bench");
     request.set_role(CommonIF::kUser);
@@ -173,11 +142,11 @@ std::string readRequest() {
     node = request.mutable_instance()->add_node();
     node->set_name("volume");
     node->set_instance(0);
-    return request.SerializeAsString();
+    return request;
 }
 
 // Client c writes network/interface/dns of instance c % 3 + 1 with values of its own.
-std::string writeRequest(int client, int i) {
+ConfigIF::WriteReq writeRequest(int client, int i) {
     ConfigIF::WriteReq request;
     request.set_name("bench");
     request.set_role(CommonIF::kAdmin);
@@ -191,7 +160,7 @@ std::string writeRequest(int client, int i) {
     }
     request.mutable_instance_val()->add_value("c" + std::to_string(client) + "-" +
                                               std::to_string(i));
-    return request.SerializeAsString();
+    return request;
 }
 
 struct Result {
@@ -207,12 +176,14 @@ Result measure(int clients, bool writes, double seconds) {
     std::atomic<bool> stop{false};
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
-    std::string read = readRequest();
+    const ConfigIF::ReadReq read = readRequest();
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
-            Client client("bench-" + std::to_string(getpid()) + "-" + std::to_string(c));
+            ConfigSession session;
+            const ConfigSession::Status connected = session.connect(
+                "bench-" + std::to_string(getpid()) + "-" + std::to_string(c), kConnectMs);
             ++ready;
-            if (!client.ok()) {
+            if (connected != ConfigSession::kOk) {
                 ++failures;
                 return;
             }
@@ -220,10 +191,9 @@ Result measure(int clients, bool writes, double seconds) {
                 std::this_thread::yield();
             }
             for (int i = 0; !stop; ++i) {
-                std::string payload = writes ? writeRequest(c, i) : read;
+                const ConfigIF::WriteReq write = writes ? writeRequest(c, i) : ConfigIF::WriteReq();
                 auto start = Clock::now();
-                bool ok = client.call(writes ? kWriteReqMsgId : kReadReqMsgId, payload,
-                                      writes ? kWriteRspMsgId : kReadRspMsgId, writes);
+                bool ok = writes ? writeOnce(&session, write) : readOnce(&session, read);
                 latencies[c].push_back(
                     std::chrono::duration<double, std::milli>(Clock::now() - start).count());
                 failures += ok ? 0 : 1;
@@ -250,8 +220,9 @@ Result measure(int clients, bool writes, double seconds) {
 }
 
 bool waitForService() {
-    Client probe("bench-probe-" + std::to_string(getpid()));
-    return probe.ok();
+    ConfigSession probe;
+    return probe.connect("bench-probe-" + std::to_string(getpid()), kConnectMs) ==
+           ConfigSession::kOk;
 }
 
 }  // namespace
