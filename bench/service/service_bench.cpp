@@ -132,7 +132,7 @@ bool writeOnce(ConfigSession* session, const ConfigIF::WriteReq& request) {
            response.ret_message().error() == CommonIF::kErrNoError;
 }
 
-ConfigIF::ReadReq readRequest() {
+ConfigIF::ReadReq volumeReadRequest() {
     ConfigIF::ReadReq request;
     request.set_name("bench");
     request.set_role(CommonIF::kUser);
@@ -146,7 +146,7 @@ ConfigIF::ReadReq readRequest() {
 }
 
 // Client c writes network/interface/dns of instance c % 3 + 1 with values of its own.
-ConfigIF::WriteReq writeRequest(int client, int i) {
+ConfigIF::WriteReq dnsWriteRequest(int client, int i) {
     ConfigIF::WriteReq request;
     request.set_name("bench");
     request.set_role(CommonIF::kAdmin);
@@ -176,7 +176,7 @@ Result measure(int clients, bool writes, double seconds) {
     std::atomic<bool> stop{false};
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
-    const ConfigIF::ReadReq read = readRequest();
+    const ConfigIF::ReadReq read = volumeReadRequest();
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
             ConfigSession session;
@@ -191,7 +191,8 @@ Result measure(int clients, bool writes, double seconds) {
                 std::this_thread::yield();
             }
             for (int i = 0; !stop; ++i) {
-                const ConfigIF::WriteReq write = writes ? writeRequest(c, i) : ConfigIF::WriteReq();
+                const ConfigIF::WriteReq write =
+                    writes ? dnsWriteRequest(c, i) : ConfigIF::WriteReq();
                 auto start = Clock::now();
                 bool ok = writes ? writeOnce(&session, write) : readOnce(&session, read);
                 latencies[c].push_back(

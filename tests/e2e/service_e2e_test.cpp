@@ -33,7 +33,7 @@ constexpr int kConnectMs = 5000;
 constexpr int kAnswerMs = 10000;
 
 // setvane with `words` (separated by blanks), as this test's user or as uid 65534.
-Outcome setvane(const std::string& words, bool asNobody = false) {
+Outcome runSetvane(const std::string& words, bool asNobody = false) {
     std::vector<std::string> argv = testsupport::split(words, " ");
     argv.insert(argv.begin(), SETVANE_BIN);
     if (asNobody) {
@@ -42,7 +42,7 @@ Outcome setvane(const std::string& words, bool asNobody = false) {
     return testsupport::runProgram(asNobody ? "/usr/bin/setpriv" : SETVANE_BIN, argv);
 }
 
-Outcome configsrvc(const std::vector<std::string>& options) {
+Outcome runConfigsrvc(const std::vector<std::string>& options) {
     std::vector<std::string> argv = {"configsrvc"};
     argv.insert(argv.end(), options.begin(), options.end());
     return testsupport::runProgram(testsupport::kConfigsrvcBin, argv);
@@ -57,21 +57,21 @@ class SetvaneService : public testing::Test {
 };
 
 TEST_F(SetvaneService, ReadsADefaultWritesReadsBackAndRestoresTheDefault) {
-    EXPECT_EQ(setvane("audio volume").out, "50\n");
-    Outcome written = setvane("audio volume -v 80");
+    EXPECT_EQ(runSetvane("audio volume").out, "50\n");
+    Outcome written = runSetvane("audio volume -v 80");
     EXPECT_EQ(written.status, 0) << written.err;
     EXPECT_EQ(written.out + written.err, "");
-    EXPECT_EQ(setvane("audio volume").out, "80\n");
-    ASSERT_EQ(setvane("--write audio volume").status, 0);
-    EXPECT_EQ(setvane("audio volume").out, "50\n");
+    EXPECT_EQ(runSetvane("audio volume").out, "80\n");
+    ASSERT_EQ(runSetvane("--write audio volume").status, 0);
+    EXPECT_EQ(runSetvane("audio volume").out, "50\n");
 }
 
 TEST_F(SetvaneService, ListVariablePrintsOneValuePerLine) {
-    EXPECT_EQ(setvane("network interface 2 dns").out, "192.0.2.53\n198.51.100.53\n");
-    ASSERT_EQ(setvane("network interface 2 dns -v 10.0.0.1 10.0.0.2").status, 0);
-    EXPECT_EQ(setvane("network interface 2 dns").out, "10.0.0.1\n10.0.0.2\n");
+    EXPECT_EQ(runSetvane("network interface 2 dns").out, "192.0.2.53\n198.51.100.53\n");
+    ASSERT_EQ(runSetvane("network interface 2 dns -v 10.0.0.1 10.0.0.2").status, 0);
+    EXPECT_EQ(runSetvane("network interface 2 dns").out, "10.0.0.1\n10.0.0.2\n");
     // Interface 1 (also what no number means) is another instance and kept its default.
-    EXPECT_EQ(setvane("network interface dns").out, "192.0.2.53\n198.51.100.53\n");
+    EXPECT_EQ(runSetvane("network interface dns").out, "192.0.2.53\n198.51.100.53\n");
 }
 
 struct ErrorCase {
@@ -88,7 +88,7 @@ void PrintTo(const ErrorCase& error, std::ostream* out) {
 class SetvaneErrors : public SetvaneService, public testing::WithParamInterface<ErrorCase> {};
 
 TEST_P(SetvaneErrors, EndWithTheServiceErrorAsStatus) {
-    Outcome result = setvane(GetParam().words);
+    Outcome result = runSetvane(GetParam().words);
     EXPECT_EQ(result.status, GetParam().status) << result.err;
     EXPECT_EQ(result.err, std::string("\033[31m") + GetParam().line + "\033[0m\n");
     EXPECT_EQ(result.out, "");
@@ -105,27 +105,27 @@ const ErrorCase kErrors[] = {
 INSTANTIATE_TEST_SUITE_P(Table, SetvaneErrors, testing::ValuesIn(kErrors));
 
 TEST_F(SetvaneService, ValuesSurviveARestartAndSigintClosesTheEndpoint) {
-    ASSERT_EQ(setvane("system hostname -v board-room").status, 0);
-    ASSERT_EQ(setvane("--role kProvisioning provisioning enrolled -v yes").status, 0);
+    ASSERT_EQ(runSetvane("system hostname -v board-room").status, 0);
+    ASSERT_EQ(runSetvane("--role kProvisioning provisioning enrolled -v yes").status, 0);
     ASSERT_TRUE(std::filesystem::exists(service_.endpointPath()));
     ASSERT_EQ(service_.stop(SIGINT), 0) << service_.output();
     EXPECT_FALSE(std::filesystem::exists(service_.endpointPath())) << "the endpoint stayed open";
 
     ASSERT_TRUE(service_.start(&error_)) << error_;
-    EXPECT_EQ(setvane("system hostname").out, "board-room\n");
-    EXPECT_EQ(setvane("--role kProvisioning provisioning enrolled").out, "true\n");
+    EXPECT_EQ(runSetvane("system hostname").out, "board-room\n");
+    EXPECT_EQ(runSetvane("--role kProvisioning provisioning enrolled").out, "true\n");
 }
 
 TEST_F(SetvaneService, RoleClaimBeyondAnUnprivilegedUserIsRefused) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to run the client as another user (uid 65534)";
     }
-    EXPECT_EQ(setvane("audio volume", true).out, "50\n");
-    EXPECT_EQ(setvane("--role kAdmin audio volume -v 20", true).status, 0);
-    Outcome claim = setvane("--role kSystem system watchdog -v off", true);
+    EXPECT_EQ(runSetvane("audio volume", true).out, "50\n");
+    EXPECT_EQ(runSetvane("--role kAdmin audio volume -v 20", true).status, 0);
+    Outcome claim = runSetvane("--role kSystem system watchdog -v off", true);
     EXPECT_EQ(claim.status, 248);
     EXPECT_EQ(claim.err, "\033[31mWriteRsp error kErrNotAuthorized\033[0m\n");
-    EXPECT_EQ(setvane("--role kSystem system watchdog -v off").status, 0);  // as root
+    EXPECT_EQ(runSetvane("--role kSystem system watchdog -v off").status, 0);  // as root
 }
 
 // The service refuses to start, with a message that says why, and changes nothing.
@@ -134,19 +134,19 @@ TEST(ServiceStart, BadModelOrDamagedStateIsRefused) {
     const std::string model = sandbox.root() + "/bad.xml";
     const std::string database = sandbox.state() + "/values.db";
     ASSERT_TRUE(testsupport::writeFile(model, "<model/>\n"));
-    Outcome refused = configsrvc({"--state", sandbox.state(), "--model", model});
+    Outcome refused = runConfigsrvc({"--state", sandbox.state(), "--model", model});
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.err, HasSubstr(model + ":1: the root element must be <device-model>, not "
                                                "<model>"));
     mkdir(sandbox.state().c_str(), 0755);
     ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
-    refused = configsrvc({"--model", testsupport::kExampleModel, "--state", sandbox.state()});
+    refused = runConfigsrvc({"--model", testsupport::kExampleModel, "--state", sandbox.state()});
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.err, HasSubstr(database + " is damaged"));
     EXPECT_EQ(testsupport::readFile(database), "SQLite format 3\nnot really");
-    EXPECT_THAT(configsrvc({"--model", testsupport::kExampleModel}).err,
+    EXPECT_THAT(runConfigsrvc({"--model", testsupport::kExampleModel}).err,
                 HasSubstr("configsrvc: --model and --state are required"));
-    EXPECT_THAT(configsrvc({"--model", "a", "--state", "b", "--model", "c"}).err,
+    EXPECT_THAT(runConfigsrvc({"--model", "a", "--state", "b", "--model", "c"}).err,
                 HasSubstr("configsrvc: --model given twice"));
 }
 
