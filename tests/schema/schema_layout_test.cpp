@@ -3,6 +3,7 @@
 // per declaration) any change of order, name, number, label, type, default or option.
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/empty.pb.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -39,22 +40,19 @@ void PrintTo(const SchemaFile& file, std::ostream* out) {
     *out << file.name;
 }
 
-// Fields joined as the case file holds them.
-std::string joined(const std::vector<std::string>& fields) {
-    std::string text;
-    for (const std::string& field : fields) {
-        text += (text.empty() ? "" : " | ") + field;
-    }
-    return text;
-}
-
-// `fields` as one row, with a last field "[options in text form]" when there are any.
-std::string row(std::vector<std::string> fields, const google::protobuf::Message& options) {
+// `fields` as a line of the case file, with a last field "[options in text form]" when there are
+// any.
+std::string row(std::vector<std::string> fields,
+                const google::protobuf::Message& options = google::protobuf::Empty()) {
     const std::string text = options.ShortDebugString();
     if (!text.empty()) {
         fields.push_back("[" + text + "]");
     }
-    return joined(fields) + "\n";
+    std::string line;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        line += (i > 0 ? " | " : "") + fields[i];
+    }
+    return line + "\n";
 }
 
 std::string enumLayout(const EnumDescriptor* enum_type) {
@@ -67,13 +65,9 @@ std::string enumLayout(const EnumDescriptor* enum_type) {
 }
 
 std::string typeName(const FieldDescriptor* field) {
-    if (field->enum_type() != nullptr) {
-        return field->enum_type()->full_name();
-    }
-    if (field->message_type() != nullptr) {
-        return field->message_type()->full_name();
-    }
-    return field->type_name();
+    return field->enum_type()      ? field->enum_type()->full_name()
+           : field->message_type() ? field->message_type()->full_name()
+                                   : field->type_name();
 }
 
 std::string messageLayout(const Descriptor* message) {
@@ -103,7 +97,7 @@ std::string messageLayout(const Descriptor* message) {
 std::string layoutOf(const FileDescriptor* file) {
     std::string out = "== " + row({"file", file->name(), file->package()}, file->options());
     for (int i = 0; i < file->dependency_count(); ++i) {
-        out += joined({"import", file->dependency(i)->name()}) + "\n";
+        out += row({"import", file->dependency(i)->name()});
     }
     for (int i = 0; i < file->message_type_count(); ++i) {
         out += messageLayout(file->message_type(i));
@@ -121,7 +115,7 @@ std::string expectedLayout(const std::string& schema_name) {
         testsupport::readCaseFile(SCHEMA_DATA_DIR "/" + schema_name + "_layout.txt");
     std::string layout = testsupport::CaseBlock{{}, file.rows}.text();
     for (const testsupport::CaseBlock& block : file.blocks) {
-        layout += "== " + joined(block.head.fields) + "\n" + block.text();
+        layout += "== " + row(block.head.fields) + block.text();
     }
     return layout;
 }
