@@ -17,22 +17,6 @@ int allocFailure(size_t bytes) {
 
 }  // namespace
 
-const char* ConfigSession::statusName(Status status) {
-    switch (status) {
-        case kOk:
-            return "Ok";
-        case kNotConnected:
-            return "NotConnected";
-        case kSendFailed:
-            return "SendFailed";
-        case kNoAnswer:
-            return "NoAnswer";
-        case kBadAnswer:
-            return "BadAnswer";
-    }
-    return "?";
-}
-
 ConfigSession::ConfigSession() = default;
 
 ConfigSession::~ConfigSession() {

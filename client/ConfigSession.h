@@ -40,9 +40,6 @@ class ConfigSession {
         kBadAnswer,     // an answer came but does not parse as the response expected
     };
 
-    // The enumerator's name without the k ("NoAnswer"), for messages.
-    static const char* statusName(Status status);
-
     ConfigSession();
     // Closes the local endpoint and with it the connection.
     virtual ~ConfigSession();
