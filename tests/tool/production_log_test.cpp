@@ -57,14 +57,19 @@ TEST(ProductionLog, TheShippedProgramMirrorsWithTheRealPaths) {
     }
     TempDir dir;
     LogDaemon daemon(dir, {"/sbin/syslogd", "-n"});
-    const Outcome run = runShell(
-        "unshare --mount sh -c 'mount -t tmpfs none /tmp && mount -t tmpfs none /dev && "
-        ": >/dev/vesklog && echo " +
-            std::to_string(daemon.pid) +
-            " >/tmp/nxlog.pid && "
-            "BOOT_MODE=PRODUCTION " SETVANE_BINARY " x 2>&1; cat /dev/vesklog'",
-        {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR}, {"FAKE_MSGPASS_REPLY", "50f9ffffffffffffffff01"}});
-    EXPECT_EQ(run.out, redLine(kLine) + "<3>setvane: (" SETVANE_BINARY " x): " + kLine);
+    // The program and the scripted libmsgpass are copied into the new /dev first: the build
+    // tree may itself be under /tmp.
+    const Outcome run =
+        runShell("unshare --mount sh -c 'mount -t tmpfs none /dev && cp " SETVANE_BINARY
+                 " /dev/setvane && "
+                 "cp -r " FAKE_MSGPASS_DIR
+                 " /dev/fake && : >/dev/vesklog && mount -t tmpfs none /tmp && "
+                 "echo " +
+                     std::to_string(daemon.pid) +
+                     " >/tmp/nxlog.pid && BOOT_MODE=PRODUCTION "
+                     "LD_LIBRARY_PATH=/dev/fake /dev/setvane x 2>&1; cat /dev/vesklog'",
+                 {{"FAKE_MSGPASS_REPLY", "50f9ffffffffffffffff01"}});
+    EXPECT_EQ(run.out, redLine(kLine) + "<3>setvane: (/dev/setvane x): " + kLine);
 }
 
 TEST(ProcessCmdline, JoinsTheWordsWithSingleSpaces) {
