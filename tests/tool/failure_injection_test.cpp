@@ -3,13 +3,25 @@
 // released - are exactly those listed with the case in failure_cases.txt.
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "setvane_test.h"
 
 namespace testsupport {
 namespace {
 
 TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOnes) {
-    for (const CaseBlock& block : toolCases("failure_cases.txt").blocks) {
+    const CaseFile file = toolCases("failure_cases.txt");
+    std::map<std::string, std::string> sequences;  // "@name" blocks: calls many cases share
+    for (const CaseBlock& block : file.blocks) {
+        if (block.head[0][0] == '@') {
+            sequences[block.head[0]] = block.text();
+        }
+    }
+    for (const CaseBlock& block : file.blocks) {
+        if (block.head[0][0] == '@') {
+            continue;
+        }
         SCOPED_TRACE(block.head.where + ": " + block.head[0]);
         TempDir dir;
         Environment env = {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR},
@@ -27,6 +39,9 @@ TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOn
                 status = std::stoi(row[1]);
             } else if (row[0] == "err") {
                 err = row[1];
+            } else if (row[0][0] == '@') {
+                EXPECT_EQ(sequences.count(row[0]), 1u) << row.where;
+                calls += sequences[row[0]];
             } else {
                 calls += row[0] + "\n";
             }
