@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "CaseFile.h"
 #include "ConfigPath.h"
 #include "ConfigSession.h"
 #include "ServiceProcess.h"
@@ -23,32 +24,16 @@ namespace {
 using namespace CommonIF;
 using configclient::ConfigSession;
 using testing::HasSubstr;
+using testsupport::CaseBlock;
 using testsupport::Outcome;
 using testsupport::readRequest;
-using testsupport::writeRequest;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr int kConnectMs = 5000;
 constexpr int kAnswerMs = 10000;
 
-// setvane with `words` (separated by blanks), as this test's user or as uid 65534.
-Outcome runSetvane(const std::string& words, bool asNobody = false) {
-    std::vector<std::string> argv = testsupport::split(words, " ");
-    argv.insert(argv.begin(), SETVANE_BIN);
-    if (asNobody) {
-        argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
-    }
-    return testsupport::runProgram(asNobody ? "/usr/bin/setpriv" : SETVANE_BIN, argv);
-}
-
-Outcome runConfigsrvc(const std::vector<std::string>& options) {
-    std::vector<std::string> argv = {"configsrvc"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    return testsupport::runProgram(testsupport::kConfigsrvcBin, argv);
-}
-
-class SetvaneService : public testing::Test {
+class Service : public testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(service_.start(&error_)) << error_; }
 
@@ -56,103 +41,76 @@ class SetvaneService : public testing::Test {
     std::string error_;
 };
 
-TEST_F(SetvaneService, ReadsADefaultWritesReadsBackAndRestoresTheDefault) {
-    EXPECT_EQ(runSetvane("audio volume").out, "50\n");
-    Outcome written = runSetvane("audio volume -v 80");
-    EXPECT_EQ(written.status, 0) << written.err;
-    EXPECT_EQ(written.out + written.err, "");
-    EXPECT_EQ(runSetvane("audio volume").out, "80\n");
-    ASSERT_EQ(runSetvane("--write audio volume").status, 0);
-    EXPECT_EQ(runSetvane("audio volume").out, "50\n");
+const std::vector<CaseBlock>& sessions() {
+    static const std::vector<CaseBlock> blocks = testsupport::readCaseFile(SETVANE_SESSIONS).blocks;
+    return blocks;
 }
 
-TEST_F(SetvaneService, ListVariablePrintsOneValuePerLine) {
-    EXPECT_EQ(runSetvane("network interface 2 dns").out, "192.0.2.53\n198.51.100.53\n");
-    ASSERT_EQ(runSetvane("network interface 2 dns -v 10.0.0.1 10.0.0.2").status, 0);
-    EXPECT_EQ(runSetvane("network interface 2 dns").out, "10.0.0.1\n10.0.0.2\n");
-    // Interface 1 (also what no number means) is another instance and kept its default.
-    EXPECT_EQ(runSetvane("network interface dns").out, "192.0.2.53\n198.51.100.53\n");
-}
+class SetvaneSessions : public Service, public testing::WithParamInterface<size_t> {};
 
-struct ErrorCase {
-    const char* words;
-    int status;
-    const char* line;  // on standard error, between the colour codes
-};
-
-// Names each case in test listings by its command line.
-void PrintTo(const ErrorCase& error, std::ostream* out) {
-    *out << "setvane " << error.words;
-}
-
-class SetvaneErrors : public SetvaneService, public testing::WithParamInterface<ErrorCase> {};
-
-TEST_P(SetvaneErrors, EndWithTheServiceErrorAsStatus) {
-    Outcome result = runSetvane(GetParam().words);
-    EXPECT_EQ(result.status, GetParam().status) << result.err;
-    EXPECT_EQ(result.err, std::string("\033[31m") + GetParam().line + "\033[0m\n");
-    EXPECT_EQ(result.out, "");
-}
-
-const ErrorCase kErrors[] = {
-    {"network interface 4 mtu", 249, "ReadRsp error kErrItemNotFound"},
-    {"audio bass -v 1", 249, "WriteRsp error kErrItemNotFound"},
-    {"provisioning serial-number", 248, "ReadRsp error kErrNotAuthorized"},
-    {"-w audio volume -v 1", 248, "WriteRsp error kErrNotAuthorized"},
-    {"audio volume -v 101", 253, "WriteRsp error kErrBadParameter"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Table, SetvaneErrors, testing::ValuesIn(kErrors));
-
-TEST_F(SetvaneService, ValuesSurviveARestartAndSigintClosesTheEndpoint) {
-    ASSERT_EQ(runSetvane("system hostname -v board-room").status, 0);
-    ASSERT_EQ(runSetvane("--role kProvisioning provisioning enrolled -v yes").status, 0);
-    ASSERT_TRUE(std::filesystem::exists(service_.endpointPath()));
-    ASSERT_EQ(service_.stop(SIGINT), 0) << service_.output();
-    EXPECT_FALSE(std::filesystem::exists(service_.endpointPath())) << "the endpoint stayed open";
-
-    ASSERT_TRUE(service_.start(&error_)) << error_;
-    EXPECT_EQ(runSetvane("system hostname").out, "board-room\n");
-    EXPECT_EQ(runSetvane("--role kProvisioning provisioning enrolled").out, "true\n");
-}
-
-TEST_F(SetvaneService, RoleClaimBeyondAnUnprivilegedUserIsRefused) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to run the client as another user (uid 65534)";
+// The session of setvane_sessions.txt numbered by the parameter.
+TEST_P(SetvaneSessions, PrintAndEndAsListed) {
+    for (const testsupport::CaseRow& row : sessions()[GetParam()].body) {
+        SCOPED_TRACE(row.where);
+        const bool nobody = row[0].rfind("nobody: ", 0) == 0;
+        if (nobody && geteuid() != 0) {
+            GTEST_SKIP() << "needs root to run the client as another user (uid 65534)";
+        }
+        if (row[0] == "(restart)") {
+            ASSERT_TRUE(std::filesystem::exists(service_.endpointPath()));
+            ASSERT_EQ(service_.stop(SIGINT), 0) << service_.output();
+            EXPECT_FALSE(std::filesystem::exists(service_.endpointPath())) << "endpoint left open";
+            ASSERT_TRUE(service_.start(&error_)) << error_;
+            continue;
+        }
+        std::vector<std::string> argv = testsupport::split(row[0].substr(nobody ? 8 : 0), " ");
+        argv.insert(argv.begin(), SETVANE_BIN);
+        if (nobody) {
+            argv.insert(argv.begin(),
+                        {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+        }
+        const Outcome run =
+            testsupport::runProgram(nobody ? "/usr/bin/setpriv" : SETVANE_BIN, argv);
+        EXPECT_EQ(std::to_string(run.status), row[1]) << run.err;
+        EXPECT_EQ(run.out, row[2]);
+        EXPECT_EQ(run.err, row[3]);
     }
-    EXPECT_EQ(runSetvane("audio volume", true).out, "50\n");
-    EXPECT_EQ(runSetvane("--role kAdmin audio volume -v 20", true).status, 0);
-    Outcome claim = runSetvane("--role kSystem system watchdog -v off", true);
-    EXPECT_EQ(claim.status, 248);
-    EXPECT_EQ(claim.err, "\033[31mWriteRsp error kErrNotAuthorized\033[0m\n");
-    EXPECT_EQ(runSetvane("--role kSystem system watchdog -v off").status, 0);  // as root
 }
+
+INSTANTIATE_TEST_SUITE_P(File, SetvaneSessions, testing::Range(size_t{0}, sessions().size()),
+                         [](const testing::TestParamInfo<size_t>& info) {
+                             return sessions()[info.param].head[0];
+                         });
 
 // The service refuses to start, with a message that says why, and changes nothing.
 TEST(ServiceStart, BadModelOrDamagedStateIsRefused) {
     testsupport::ServiceProcess sandbox;
     const std::string model = sandbox.root() + "/bad.xml";
     const std::string database = sandbox.state() + "/values.db";
+    const std::string example = testsupport::kExampleModel;
     ASSERT_TRUE(testsupport::writeFile(model, "<model/>\n"));
-    Outcome refused = runConfigsrvc({"--state", sandbox.state(), "--model", model});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_THAT(refused.err, HasSubstr(model + ":1: the root element must be <device-model>, not "
-                                               "<model>"));
     mkdir(sandbox.state().c_str(), 0755);
     ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
-    refused = runConfigsrvc({"--model", testsupport::kExampleModel, "--state", sandbox.state()});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_THAT(refused.err, HasSubstr(database + " is damaged"));
+    const std::pair<std::vector<std::string>, std::string> refusals[] = {
+        {{"--state", sandbox.root() + "/none", "--model", model},
+         model + ":1: the root element must be <device-model>, not <model>"},
+        {{"--model", example, "--state", sandbox.state()}, database + " is damaged"},
+        {{"--model", example}, "configsrvc: --model and --state are required"},
+        {{"--model", "a", "--state", "b", "--model", "c"}, "configsrvc: --model given twice"},
+    };
+    for (const auto& [options, reason] : refusals) {
+        std::vector<std::string> argv = {"configsrvc"};
+        argv.insert(argv.end(), options.begin(), options.end());
+        const Outcome refused = testsupport::runProgram(testsupport::kConfigsrvcBin, argv);
+        EXPECT_EQ(refused.status, 1) << reason;
+        EXPECT_THAT(refused.err, HasSubstr(reason));
+    }
     EXPECT_EQ(testsupport::readFile(database), "SQLite format 3\nnot really");
-    EXPECT_THAT(runConfigsrvc({"--model", testsupport::kExampleModel}).err,
-                HasSubstr("configsrvc: --model and --state are required"));
-    EXPECT_THAT(runConfigsrvc({"--model", "a", "--state", "b", "--model", "c"}).err,
-                HasSubstr("configsrvc: --model given twice"));
 }
 
 // Each client owns a variable that takes a short text: every fourth request writes the next
 // value to it, two read another client's, and one reads an instance the model lacks.
-TEST(Load, ClientsGetTheExpectedAnswersAndNoAcknowledgedWriteIsLostToSigkill) {
+TEST_F(Service, LoadGetsTheExpectedAnswersAndNoAcknowledgedWriteIsLostToSigkill) {
     std::vector<std::string> owned = {"system/hostname", "system/location", "system/ntp-servers",
                                       "network/domain"};
     for (const char* name : {"address", "netmask", "gateway", "dns"}) {
@@ -160,9 +118,6 @@ TEST(Load, ClientsGetTheExpectedAnswersAndNoAcknowledgedWriteIsLostToSigkill) {
             owned.push_back("network/interface " + std::to_string(i) + "/" + name);
         }
     }
-    testsupport::ServiceProcess service;
-    std::string error;
-    ASSERT_TRUE(service.start(&error)) << error;
     std::vector<int> lastSent(owned.size(), -1), lastAcked(owned.size(), -1);
     std::atomic<bool> killed{false};
     std::atomic<int> unexpected{0};
@@ -179,10 +134,10 @@ TEST(Load, ClientsGetTheExpectedAnswersAndNoAcknowledgedWriteIsLostToSigkill) {
             const std::string path =
                 missing ? "audio/microphone 3/gain" : owned[(c + i) % owned.size()];
             const ConfigSession::Status status =
-                writing
-                    ? client.write(writeRequest(owned[c], {"v" + std::to_string(i)}, kProvisioning),
-                                   &written, kAnswerMs)
-                    : client.read(readRequest(path, kProvisioning), &read, kAnswerMs);
+                writing ? client.write(testsupport::writeRequest(
+                                           owned[c], {"v" + std::to_string(i)}, kProvisioning),
+                                       &written, kAnswerMs)
+                        : client.read(readRequest(path, kProvisioning), &read, kAnswerMs);
             const bool expected = writing   ? written.ret_message().error() == kErrNoError
                                   : missing ? read.error() == kErrItemNotFound
                                             : read.error() == kErrNoError && read.value_size() > 0;
@@ -200,14 +155,14 @@ TEST(Load, ClientsGetTheExpectedAnswersAndNoAcknowledgedWriteIsLostToSigkill) {
     }
     std::this_thread::sleep_for(milliseconds(1500));
     killed = true;
-    EXPECT_EQ(service.stop(SIGKILL), 128 + SIGKILL) << "the service did not live to be killed";
+    EXPECT_EQ(service_.stop(SIGKILL), 128 + SIGKILL) << "the service did not live to be killed";
     for (std::thread& client : clients) {
         client.join();
     }
     EXPECT_EQ(unexpected, 0);
     EXPECT_GT(requests, 1000);
 
-    ASSERT_TRUE(service.start(&error)) << error;
+    ASSERT_TRUE(service_.start(&error_)) << error_;
     ConfigSession reader;
     ASSERT_EQ(reader.connect("reader", kConnectMs), ConfigSession::kOk);
     for (size_t c = 0; c < owned.size(); ++c) {
@@ -225,10 +180,7 @@ TEST(Load, ClientsGetTheExpectedAnswersAndNoAcknowledgedWriteIsLostToSigkill) {
 
 // A client that floods the service with requests and never reads the answers holds up no one
 // else and is cut off; garbage and unknown message ids are answered or dropped, and logged.
-TEST(MisbehavingClients, HoldUpNoOtherClientAndStopNothing) {
-    testsupport::ServiceProcess service;
-    std::string error;
-    ASSERT_TRUE(service.start(&error)) << error;
+TEST_F(Service, MisbehavingClientsHoldUpNoOtherClientAndStopNothing) {
     ConfigSession steady;
     ASSERT_EQ(steady.connect("steady", kConnectMs), ConfigSession::kOk);
     const ConfigIF::ReadReq volumeRequest = readRequest("audio/volume", kProvisioning);
@@ -244,7 +196,6 @@ TEST(MisbehavingClients, HoldUpNoOtherClientAndStopNothing) {
         }
         floodCutOff = !stop;
     });
-    // The other client reads while the flood lasts, at most three seconds.
     int readsDuringFlood = 0;
     Clock::duration slowest{};
     for (auto start = Clock::now(); !floodCutOff && Clock::now() - start < milliseconds(3000);) {
@@ -266,18 +217,16 @@ TEST(MisbehavingClients, HoldUpNoOtherClientAndStopNothing) {
     EXPECT_GE(readsDuringFlood, 10) << "the flood ended before the other client could read";
     EXPECT_TRUE(floodCutOff) << "the flooder was never disconnected";
 
-    // Garbage under a request's id, answered as that request: the answer and whether it parses.
-    auto answerTo = [&](uint32_t requestId, const std::string& junk,
-                        google::protobuf::MessageLite* response) {
-        return steady.sendRaw(requestId, junk) == ConfigSession::kOk &&
-               steady.receive(ConfigProtocol::responseIdOf(requestId), response, kAnswerMs) ==
-                   ConfigSession::kOk;
-    };
+    // Garbage under a request's id is answered as that request.
     for (const std::string& junk : {std::string(), std::string(4, '\xff'), std::string(999, 'R')}) {
         ConfigIF::WriteRsp written;
         ConfigIF::ReadRsp read;
-        ASSERT_TRUE(answerTo(ConfigProtocol::kWriteReqMsgId, junk, &written) &&
-                    answerTo(ConfigProtocol::kReadReqMsgId, junk, &read));
+        ASSERT_EQ(steady.sendRaw(ConfigProtocol::kWriteReqMsgId, junk), ConfigSession::kOk);
+        ASSERT_EQ(steady.receive(ConfigProtocol::kWriteRspMsgId, &written, kAnswerMs),
+                  ConfigSession::kOk);
+        ASSERT_EQ(steady.sendRaw(ConfigProtocol::kReadReqMsgId, junk), ConfigSession::kOk);
+        ASSERT_EQ(steady.receive(ConfigProtocol::kReadRspMsgId, &read, kAnswerMs),
+                  ConfigSession::kOk);
         EXPECT_EQ(written.ret_message().error(), kErrBadParameter);
         EXPECT_EQ(read.error(), kErrBadParameter);
     }
@@ -286,10 +235,10 @@ TEST(MisbehavingClients, HoldUpNoOtherClientAndStopNothing) {
     ASSERT_EQ(steady.sendRaw(0x12345678, "abc"), ConfigSession::kOk);
     ASSERT_EQ(steady.read(volumeRequest, &volume, kAnswerMs), ConfigSession::kOk);
     EXPECT_THAT(volume.value(), testing::ElementsAre("50"));
-    EXPECT_EQ(service.stop(SIGTERM), 0) << service.output();
+    EXPECT_EQ(service_.stop(SIGTERM), 0) << service_.output();
     for (const char* logged : {"does not read its answers: disconnected", "unreadable ReadReq",
                                "unknown message id 0x12345678"}) {
-        EXPECT_THAT(service.output(), HasSubstr(logged));
+        EXPECT_THAT(service_.output(), HasSubstr(logged));
     }
 }
 
