@@ -34,7 +34,6 @@ struct MessageType {
 #define CONFIG_PROTOCOL_ENTRY(type, id) {#type, id},
 constexpr MessageType kMessageTypes[] = {CONFIG_PROTOCOL_MESSAGES(CONFIG_PROTOCOL_ENTRY)};
 #undef CONFIG_PROTOCOL_ENTRY
-constexpr size_t kMessageTypeCount = sizeof kMessageTypes / sizeof kMessageTypes[0];
 
 // The id of the message type called `name` ("ReadRsp"), or 0 when the protocol has none.
 inline uint32_t messageIdOf(const std::string& name) {
