@@ -88,7 +88,9 @@ void Committer::run() {
         }
         changes.clear();
         for (const PendingWrite& write : batch) {
-            changes.push_back(&write.change);
+            for (const StoredChange& change : write.changes) {
+                changes.push_back(&change);
+            }
         }
         std::string error;
         bool committed = store_->commit(changes, &error);

@@ -17,15 +17,16 @@
 #include <thread>
 #include <vector>
 
+#include "Records.h"
 #include "ValueStore.h"
 
 namespace configsrvc {
 
-// A write waiting to be committed, with what its answer needs.
+// The changes of one request, stored together or not at all. `ticket` is the submitter's own,
+// to tell its writes apart when they come back.
 struct PendingWrite {
-    StoredChange change;
-    uint32_t replyAddress = 0;  // the connection to answer on
-    bool rebootRequired = false;
+    std::vector<StoredChange> changes;
+    uint64_t ticket = 0;
 };
 
 struct FinishedWrite {

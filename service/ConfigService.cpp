@@ -1,5 +1,7 @@
 #include "ConfigService.h"
 
+#include "Common/protobuf/v3/ConfigProtocol.h"
+#include "Overrides.h"
 #include "ValueCheck.h"
 
 namespace configsrvc {
@@ -7,11 +9,18 @@ namespace configsrvc {
 namespace {
 
 using CommonIF::eErrorType;
+using CommonIF::eSecurityRole;
+using google::protobuf::FieldDescriptor;
+using google::protobuf::Message;
+
+template <typename Type>
+const Message& prototype() {
+    return Type::default_instance();
+}
 
 // Parses a request, telling a payload that is no such message apart from one that lacks
 // required fields, in words for the client.
-template <typename Request>
-bool parseRequest(const void* payload, size_t bytes, Request* request, std::string* reason) {
+bool parseRequest(const void* payload, size_t bytes, Message* request, std::string* reason) {
     if (bytes > kMaxRequestBytes) {
         *reason = "request of " + std::to_string(bytes) + " bytes is larger than the " +
                   std::to_string(kMaxRequestBytes) + " accepted";
@@ -29,15 +38,6 @@ bool parseRequest(const void* payload, size_t bytes, Request* request, std::stri
     return true;
 }
 
-std::vector<PathStep> pathOf(const ConfigIF::Inst& instance) {
-    std::vector<PathStep> path;
-    path.reserve(instance.node_size());
-    for (const ConfigIF::Node& node : instance.node()) {
-        path.push_back({node.name(), node.instance()});
-    }
-    return path;
-}
-
 // The instance as the service answered it: the request's scope, the model's instance numbers.
 void fillAnswered(const ConfigIF::Inst& requested, const ResolvedVariable& found,
                   ConfigIF::Inst* answered) {
@@ -51,18 +51,85 @@ void fillAnswered(const ConfigIF::Inst& requested, const ResolvedVariable& found
     }
 }
 
-// A path for messages: the names as the client sent them, cut to stay readable.
+// Whether the key of a stored record lies under the node or variable at `path` ("" is all).
+bool isUnder(const VariableDef& variable, const std::string& path) {
+    return path.empty() || variable.path == path ||
+           (variable.path.size() > path.size() &&
+            variable.path.compare(0, path.size(), path) == 0 && variable.path[path.size()] == '.');
+}
+
+}  // namespace
+
+struct ConfigService::Command {
+    uint32_t requestId;
+    uint32_t responseId;
+    const Message& (*request)();
+    const Message& (*response)();
+    void (*handle)(const ConfigService&, const Message&, uid_t, Message*, Answer*);
+};
+
+template <typename Request, typename Response,
+          void (ConfigService::*Handle)(const Request&, uid_t, Response*, Answer*) const>
+void ConfigService::adapt(const ConfigService& service, const Message& request, uid_t senderUid,
+                          Message* response, Answer* answer) {
+    (service.*Handle)(static_cast<const Request&>(request), senderUid,
+                      static_cast<Response*>(response), answer);
+}
+
+#define CONFIG_COMMAND(Type, handler)                                         \
+    {                                                                         \
+        ConfigProtocol::k##Type##ReqMsgId, ConfigProtocol::k##Type##RspMsgId, \
+            &prototype<ConfigIF::Type##Req>, &prototype<ConfigIF::Type##Rsp>, \
+            &ConfigService::adapt<ConfigIF::Type##Req, ConfigIF::Type##Rsp,   \
+                                  &ConfigService::handler>                    \
+    }
+
+const ConfigService::Command ConfigService::kCommands[] = {
+    CONFIG_COMMAND(Read, read),
+    CONFIG_COMMAND(BatchRead, batchRead),
+    CONFIG_COMMAND(Write, write),
+    CONFIG_COMMAND(Validate, validate),
+    CONFIG_COMMAND(GetAttribute, getAttribute),
+    CONFIG_COMMAND(SetAttribute, setAttribute),
+    CONFIG_COMMAND(ReadAttributes, readAttributes),
+    CONFIG_COMMAND(GetAttributeOptions, getOptions),
+    CONFIG_COMMAND(GetDefaultOptions, getDefaultOptions),
+    CONFIG_COMMAND(SetAttributeOptions, setOptions),
+    CONFIG_COMMAND(GetAccessLevels, getLevels),
+    CONFIG_COMMAND(SetAccessLevels, setLevels),
+    CONFIG_COMMAND(GetValueOptionsAccess, getValueOptionsAccess),
+    CONFIG_COMMAND(BatchGetValueOptionsAccess, batchGetValueOptionsAccess),
+    CONFIG_COMMAND(ResetValue, resetValue),
+    CONFIG_COMMAND(ResetAttribute, resetAttribute),
+    CONFIG_COMMAND(ResetNodeValue, resetNodeValue),
+};
+
+#undef CONFIG_COMMAND
+
+std::vector<PathStep> pathOf(const ConfigIF::Inst& instance) {
+    std::vector<PathStep> path;
+    path.reserve(instance.node_size());
+    for (const ConfigIF::Node& node : instance.node()) {
+        path.push_back({node.name(), node.instance()});
+    }
+    return path;
+}
+
+std::string printable(const std::string& text, size_t maxBytes) {
+    std::string shown = text.substr(0, maxBytes);
+    for (char& c : shown) {
+        c = (c < 0x20 || c > 0x7e) ? '?' : c;
+    }
+    return shown;
+}
+
 std::string describePath(const ConfigIF::Inst& instance) {
     std::string text;
     for (const ConfigIF::Node& node : instance.node()) {
         if (text.size() > 200) {
             return text + "/...";
         }
-        std::string name = node.name().substr(0, 64);
-        for (char& c : name) {  // the reason must stay printable text whatever the client sent
-            c = (c < 0x20 || c > 0x7e) ? '?' : c;
-        }
-        text += (text.empty() ? "" : "/") + name;
+        text += (text.empty() ? "" : "/") + printable(node.name(), 64);
         if (node.instance() != 0) {
             text += " " + std::to_string(node.instance());
         }
@@ -70,22 +137,104 @@ std::string describePath(const ConfigIF::Inst& instance) {
     return text;
 }
 
-void refuse(eErrorType error, const std::string& reason, ConfigIF::WriteRsp* response) {
-    ConfigIF::ReturnMessage* message = response->mutable_ret_message();
-    message->set_error(error);
-    message->add_error_message(reason);
+void setError(eErrorType error, const std::string& reason, Message* response) {
+    const google::protobuf::Descriptor* type = response->GetDescriptor();
+    const google::protobuf::Reflection* fields = response->GetReflection();
+    if (const FieldDescriptor* field = type->FindFieldByName("ret_message")) {
+        auto* message =
+            static_cast<ConfigIF::ReturnMessage*>(fields->MutableMessage(response, field));
+        message->set_error(error);
+        if (!reason.empty()) {
+            message->add_error_message(reason);
+        }
+    } else if (const FieldDescriptor* field = type->FindFieldByName("error")) {
+        fields->SetEnumValue(response, field, error);
+    }
+    for (int i = 0; i < type->field_count(); ++i) {
+        const FieldDescriptor* field = type->field(i);
+        if (!field->is_required() || fields->HasField(*response, field)) {
+            continue;
+        }
+        if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+            fields->SetString(response, field, "");
+        } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
+            fields->MutableMessage(response, field);
+        }
+    }
 }
 
-}  // namespace
-
-ConfigService::ConfigService(const DeviceModel& model, const ValueStore& store, uid_t serviceUid)
-    : model_(model), store_(store), serviceUid_(serviceUid) {}
+ConfigService::ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid)
+    : model_(model), state_(state), serviceUid_(serviceUid) {}
 
 ConfigService::~ConfigService() = default;
 
-eErrorType ConfigService::checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
+bool ConfigService::serves(uint32_t requestId) {
+    for (const Command& command : kCommands) {
+        if (command.requestId == requestId) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
+                           Answer* answer) const {
+    const Command* command = nullptr;
+    for (const Command& candidate : kCommands) {
+        command = candidate.requestId == requestId ? &candidate : command;
+    }
+    if (command == nullptr) {
+        return;
+    }
+    answer->msgId = command->responseId;
+    answer->message.reset(command->response().New());
+    std::unique_ptr<Message> request(command->request().New());
+    std::string reason;
+    eErrorType error = CommonIF::kErrNoError;
+    if (!parseRequest(payload, bytes, request.get(), &reason)) {
+        error = CommonIF::kErrBadParameter;
+    } else {
+        const FieldDescriptor* role = request->GetDescriptor()->FindFieldByName("role");
+        error = checkClaim(
+            static_cast<eSecurityRole>(request->GetReflection()->GetEnumValue(*request, role)),
+            senderUid, &reason);
+    }
+    if (const FieldDescriptor* name = request->GetDescriptor()->FindFieldByName("name")) {
+        answer->requester = printable(request->GetReflection()->GetString(*request, name), 64);
+    }
+    if (error == CommonIF::kErrNoError) {
+        command->handle(*this, *request, senderUid, answer->message.get(), answer);
+        return;
+    }
+    // A batch of levels has no overall error: every instance it names is refused instead.
+    if (auto* levels = dynamic_cast<ConfigIF::SetAccessLevelsRsp*>(answer->message.get())) {
+        for (const ConfigIF::Inst& instance :
+             static_cast<const ConfigIF::SetAccessLevelsReq&>(*request).instance()) {
+            ConfigIF::AccessLevelErr* item = levels->add_errors();
+            *item->mutable_instance() = instance;
+            item->set_error(error);
+        }
+    }
+    setError(error, reason, answer->message.get());
+    answer->refusals.push_back(reason);
+}
+
+void ConfigService::answerUnstored(const std::string& error, Message* response) {
+    const std::string reason = "the change could not be stored: " + error;
+    if (auto* levels = dynamic_cast<ConfigIF::SetAccessLevelsRsp*>(response)) {
+        for (ConfigIF::AccessLevelErr& item : *levels->mutable_errors()) {
+            if (item.error() == CommonIF::kErrNoError) {
+                item.set_error(CommonIF::kErrGenericError);
+            }
+        }
+        return;
+    }
+    setError(CommonIF::kErrGenericError, reason, response);
+}
+
+eErrorType ConfigService::checkClaim(eSecurityRole role, uid_t senderUid,
                                      std::string* reason) const {
-    const CommonIF::eSecurityRole highest = model_.highestClaim(senderUid, serviceUid_);
+    const eSecurityRole highest = model_.highestClaim(senderUid, serviceUid_);
     if (role > highest) {
         *reason = "uid " + std::to_string(senderUid) + " may not act as " +
                   CommonIF::eSecurityRole_Name(role) + " (at most " +
@@ -95,99 +244,218 @@ eErrorType ConfigService::checkClaim(CommonIF::eSecurityRole role, uid_t senderU
     return CommonIF::kErrNoError;
 }
 
-void ConfigService::read(const void* payload, size_t bytes, uid_t senderUid,
-                         ConfigIF::ReadRsp* response) const {
-    ConfigIF::ReadReq request;
-    std::string reason;
+bool ConfigService::reaches(eSecurityRole role, eSecurityRole level, const char* act,
+                            const std::string& what, std::string* reason) const {
+    if (role >= level) {
+        return true;
+    }
+    *reason = CommonIF::eSecurityRole_Name(role) + " may not " + act + " '" + what + "' (needs " +
+              CommonIF::eSecurityRole_Name(level) + ")";
+    return false;
+}
+
+bool batchTooLarge(int count, Answer* answer) {
+    if (count <= kMaxBatchInstances) {
+        return false;
+    }
+    answer->refusals.push_back("a batch names " + std::to_string(count) + " instances; at most " +
+                               std::to_string(kMaxBatchInstances) + " are answered");
+    return true;
+}
+
+std::string noVariable(const ConfigIF::Inst& instance) {
+    return "no variable '" + describePath(instance) + "' in the model";
+}
+
+std::string noNode(const std::string& path) {
+    return "no node or variable '" + printable(path, 200) + "' in the model";
+}
+
+bool ConfigService::resolve(const ConfigIF::Inst& instance, ResolvedVariable* found,
+                            Answer* answer) const {
+    if (model_.resolve(pathOf(instance), found)) {
+        return true;
+    }
+    answer->refusals.push_back(noVariable(instance));
+    return false;
+}
+
+void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role,
+                            ConfigIF::ReadRsp* response, std::string* reason) const {
     ResolvedVariable found;
-    if (!parseRequest(payload, bytes, &request, &reason)) {
-        response->set_error(CommonIF::kErrBadParameter);
-        return;
-    }
-    if (checkClaim(request.role(), senderUid, &reason) != CommonIF::kErrNoError) {
-        response->set_error(CommonIF::kErrNotAuthorized);
-        return;
-    }
-    if (!model_.resolve(pathOf(request.instance()), &found)) {
+    if (!model_.resolve(pathOf(instance), &found)) {
+        *reason = noVariable(instance);
         response->set_error(CommonIF::kErrItemNotFound);
         return;
     }
-    if (request.role() < found.variable->readLevel) {
+    const Records& records = state_.committed();
+    VariableDef scratch;
+    const VariableDef& variable = effectiveVariable(records, found, &scratch);
+    if (!reaches(role, variable.readLevel, "read", found.key, reason)) {
         response->set_error(CommonIF::kErrNotAuthorized);
         return;
     }
-    const std::vector<std::string>* stored = store_.find(found.key);
-    const std::vector<std::string>& values = stored ? *stored : found.variable->defaults;
+    const std::vector<std::string>* stored = records.find(RecordKind::kValue, found.key);
+    const std::vector<std::string>& values = stored ? *stored : variable.defaults;
     response->set_error(CommonIF::kErrNoError);
     for (const std::string& value : values) {
         response->add_value(value);
     }
     response->set_is_default(stored == nullptr);
-    fillAnswered(request.instance(), found, response->mutable_instance());
+    fillAnswered(instance, found, response->mutable_instance());
 }
 
-bool ConfigService::checkWrite(const void* payload, size_t bytes, uid_t senderUid,
-                               PendingWrite* write, ConfigIF::WriteRsp* response) const {
-    ConfigIF::WriteReq request;
+void ConfigService::read(const ConfigIF::ReadReq& request, uid_t, ConfigIF::ReadRsp* response,
+                         Answer* answer) const {
     std::string reason;
-    ResolvedVariable found;
-    if (!parseRequest(payload, bytes, &request, &reason)) {
-        refuse(CommonIF::kErrBadParameter, reason, response);
-        return false;
+    readOne(request.instance(), request.role(), response, &reason);
+    if (response->error() != CommonIF::kErrNoError) {
+        answer->refusals.push_back(reason);
     }
-    if (checkClaim(request.role(), senderUid, &reason) != CommonIF::kErrNoError) {
-        refuse(CommonIF::kErrNotAuthorized, reason, response);
-        return false;
-    }
-    const ConfigIF::InstValue& target = request.instance_val();
-    if (!model_.resolve(pathOf(target.instance()), &found)) {
-        refuse(CommonIF::kErrItemNotFound,
-               "no variable '" + describePath(target.instance()) + "' in the model", response);
-        return false;
-    }
-    const VariableDef& variable = *found.variable;
-    bool overriding = request.override_security();
-    if (overriding && model_.highestClaim(senderUid, serviceUid_) < CommonIF::eSecurityRole_MAX) {
-        refuse(CommonIF::kErrNotAuthorized,
-               "override_security is honoured only for users who may claim every role", response);
-        return false;
-    }
-    if (!overriding && request.role() < variable.writeLevel) {
-        refuse(CommonIF::kErrNotAuthorized,
-               CommonIF::eSecurityRole_Name(request.role()) + " may not write '" + found.key +
-                   "' (needs " + CommonIF::eSecurityRole_Name(variable.writeLevel) + ")",
-               response);
-        return false;
-    }
-    std::vector<std::string> values(target.value().begin(), target.value().end());
-    StoredChange& change = write->change;
-    change.key = found.key;
-    if (values.empty() && !variable.isList) {
-        change.reset = true;
-    } else if (!checkValues(variable, values, &change.values, &reason)) {
-        refuse(CommonIF::kErrBadParameter, reason, response);
-        return false;
-    } else {
-        change.reset = change.values == variable.defaults;
-    }
-    if (change.reset) {
-        change.values.clear();
-    }
-    write->rebootRequired = variable.rebootRequired;
-    return true;
 }
 
-void ConfigService::answerCommitted(const FinishedWrite& finished, ConfigIF::WriteRsp* response) {
-    ConfigIF::ReturnMessage* message = response->mutable_ret_message();
-    if (!finished.committed) {
-        message->set_error(CommonIF::kErrGenericError);
-        message->add_error_message("the value could not be stored: " + finished.error);
+void ConfigService::batchRead(const ConfigIF::BatchReadReq& request, uid_t,
+                              ConfigIF::BatchReadRsp* response, Answer* answer) const {
+    if (batchTooLarge(request.instance_size(), answer)) {
+        response->set_error(CommonIF::kErrOutOfResources);
         return;
     }
-    message->set_error(CommonIF::kErrNoError);
-    if (finished.write.rebootRequired) {
-        message->set_reboot_required(true);
+    response->set_error(CommonIF::kErrNoError);
+    for (const ConfigIF::Inst& instance : request.instance()) {
+        std::string reason;
+        readOne(instance, request.role(), response->add_response(), &reason);
+        if (!reason.empty()) {
+            answer->refusals.push_back(reason);
+        }
     }
+}
+
+eErrorType ConfigService::checkWrite(const ConfigIF::InstValue& target, eSecurityRole role,
+                                     bool overriding, uid_t senderUid, StoredChange* change,
+                                     bool* reboot, std::string* reason) const {
+    ResolvedVariable found;
+    if (!model_.resolve(pathOf(target.instance()), &found)) {
+        *reason = noVariable(target.instance());
+        return CommonIF::kErrItemNotFound;
+    }
+    const Records& records = state_.accepted();
+    VariableDef scratch;
+    const VariableDef& variable = effectiveVariable(records, found, &scratch);
+    if (overriding && model_.highestClaim(senderUid, serviceUid_) < CommonIF::eSecurityRole_MAX) {
+        *reason = "override_security is honoured only for users who may claim every role";
+        return CommonIF::kErrNotAuthorized;
+    }
+    if (!overriding && !reaches(role, variable.writeLevel, "write", found.key, reason)) {
+        return CommonIF::kErrNotAuthorized;
+    }
+    change->key = found.key;
+    change->values.assign(target.value().begin(), target.value().end());
+    if (change->values.empty() && !variable.isList) {
+        change->reset = true;
+    } else if (!checkRecord(model_, records, change, reason)) {
+        return CommonIF::kErrBadParameter;
+    } else {
+        change->reset = change->values == variable.defaults;
+    }
+    if (change->reset) {
+        change->values.clear();
+    }
+    *reboot = variable.rebootRequired;
+    return CommonIF::kErrNoError;
+}
+
+void ConfigService::write(const ConfigIF::WriteReq& request, uid_t senderUid,
+                          ConfigIF::WriteRsp* response, Answer* answer) const {
+    StoredChange change;
+    bool reboot = false;
+    std::string reason;
+    const eErrorType error =
+        checkWrite(request.instance_val(), request.role(), request.override_security(), senderUid,
+                   &change, &reboot, &reason);
+    if (error != CommonIF::kErrNoError) {
+        setError(error, reason, response);
+        answer->refusals.push_back(reason);
+        return;
+    }
+    response->mutable_ret_message()->set_error(CommonIF::kErrNoError);
+    if (reboot) {
+        response->mutable_ret_message()->set_reboot_required(true);
+    }
+    answer->changes.push_back(std::move(change));
+}
+
+void ConfigService::validate(const ConfigIF::ValidateReq& request, uid_t senderUid,
+                             ConfigIF::ValidateRsp* response, Answer* answer) const {
+    StoredChange change;
+    bool reboot = false;
+    std::string reason;
+    const eErrorType error = checkWrite(request.instance_val(), request.role(), false, senderUid,
+                                        &change, &reboot, &reason);
+    if (error != CommonIF::kErrNoError) {
+        setError(error, reason, response);
+        answer->refusals.push_back(reason);
+        return;
+    }
+    response->mutable_ret_message()->set_error(CommonIF::kErrNoError);
+    if (reboot) {
+        response->mutable_ret_message()->set_reboot_required(true);
+    }
+}
+
+void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, uid_t,
+                               ConfigIF::ResetValueRsp* response, Answer* answer) const {
+    ResolvedVariable found;
+    std::string reason;
+    if (!model_.resolve(pathOf(request.instance()), &found)) {
+        reason = noVariable(request.instance());
+        setError(CommonIF::kErrItemNotFound, reason, response);
+    } else {
+        VariableDef scratch;
+        const VariableDef& variable = effectiveVariable(state_.accepted(), found, &scratch);
+        if (!reaches(request.role(), variable.writeLevel, "reset", found.key, &reason)) {
+            setError(CommonIF::kErrNotAuthorized, reason, response);
+        }
+    }
+    if (!reason.empty()) {
+        answer->refusals.push_back(reason);
+        return;
+    }
+    response->set_error(CommonIF::kErrNoError);
+    if (state_.accepted().find(RecordKind::kValue, found.key) != nullptr) {
+        answer->changes.push_back({RecordKind::kValue, found.key, true, {}});
+    }
+}
+
+void ConfigService::resetNodeValue(const ConfigIF::ResetNodeValueReq& request, uid_t,
+                                   ConfigIF::ResetNodeValueRsp* response, Answer* answer) const {
+    const NodeDef* node = nullptr;
+    const VariableDef* variable = nullptr;
+    if (!model_.findByPath(request.node_name(), &node, &variable)) {
+        answer->refusals.push_back(noNode(request.node_name()));
+        response->set_error(CommonIF::kErrItemNotFound);
+        return;
+    }
+    // Only instances with a stored value change; each of them must be the requester's to write,
+    // or nothing changes at all.
+    const Records& records = state_.accepted();
+    std::vector<StoredChange> changes;
+    for (const auto& [key, values] : records.all(RecordKind::kValue)) {
+        ResolvedVariable found;
+        if (!model_.resolveKey(key, &found) || !isUnder(*found.variable, request.node_name())) {
+            continue;
+        }
+        VariableDef scratch;
+        std::string reason;
+        const VariableDef& effective = effectiveVariable(records, found, &scratch);
+        if (!reaches(request.role(), effective.writeLevel, "reset", key, &reason)) {
+            answer->refusals.push_back(reason);
+            response->set_error(CommonIF::kErrNotAuthorized);
+            return;
+        }
+        changes.push_back({RecordKind::kValue, key, true, {}});
+    }
+    response->set_error(CommonIF::kErrNoError);
+    answer->changes = std::move(changes);
 }
 
 }  // namespace configsrvc

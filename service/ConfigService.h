@@ -1,70 +1,160 @@
-// ConfigService: what a read or a write request means, from its payload to its answer.
+// ConfigService: what each request of the protocol means, from its payload to its answer.
 //
-// Checks, in this order, and the answer each gives when it fails:
+// The meaning of every request is documented in service/PROTOCOL.md; this header gives the
+// contract of the class that implements it.
+//
+// Every request goes through the same steps, and the first that fails gives the answer:
 //   1. the payload parses as the request and has every required field  -> kErrBadParameter
 //   2. the claimed role is one the sender may claim (by its kernel uid)  -> kErrNotAuthorized
-//   3. the path names a variable instance of the model                   -> kErrItemNotFound
-//   4. the role reaches the variable's read or write level               -> kErrNotAuthorized
-//   5. for writes, the values fit the variable                           -> kErrBadParameter
-// Writes carry a human-readable reason in ret_message.error_message; a ReadRsp has no room
-// for one.
+//   3. the request's own checks (paths, levels, values, bounds)
+// A refusal carries its reason on the wire where the response has room for one (a
+// ReturnMessage); every reason also goes to Answer::refusals for the log.
 //
-// Meaning of a write:
-//   - A single variable takes exactly one value. A write with no values resets it to its
-//     default (this is how a client without a reset request restores a default).
-//   - A list variable takes between its min-count and max-count values; no values is the
-//     empty list, which is a value like any other.
-//   - Values are kept in canonical form: integers in plain decimal, booleans as true/false.
-//   - A value equal to the default is not stored: the variable reads as default again.
-//   - override_security skips the variable's level check, and is honoured only for senders
-//     who may claim every role; anyone else asking for it is refused with kErrNotAuthorized.
-//   - A successful write of a variable that needs a reboot sets reboot_required.
-//
-// The service keeps one set of values: every scope of Inst addresses the same one.
+// Reads are answered from the committed records. Changes are checked against the accepted ones
+// (committed plus in flight) and come back as Answer::changes: the caller stores them in one
+// transaction and sends the answer only then (or, when storing failed, the answer that
+// answerUnstored() makes of it).
 #ifndef CONFIGSRVC_CONFIG_SERVICE_H
 #define CONFIGSRVC_CONFIG_SERVICE_H
 
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
+#include <vector>
 
-#include "Committer.h"
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "DeviceModel.h"
-#include "ValueStore.h"
+#include "Records.h"
 
 namespace configsrvc {
 
 // Largest request payload looked at; anything larger is refused before parsing.
 constexpr size_t kMaxRequestBytes = 2 * 1024 * 1024;
+// Most instances one batch request may name; more is refused as a whole.
+constexpr int kMaxBatchInstances = 1024;
+
+// What one request comes to.
+struct Answer {
+    uint32_t msgId = 0;                                  // the response's message id
+    std::unique_ptr<google::protobuf::Message> message;  // the response
+    std::vector<StoredChange> changes;  // to store, all or nothing, before the response is sent
+    std::vector<std::string> refusals;  // why the request, or items of it, were refused
+    std::string requester;              // the name the request gave (printable), or
+};
 
 class ConfigService {
   public:
-    ConfigService(const DeviceModel& model, const ValueStore& store, uid_t serviceUid);
+    ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid);
     virtual ~ConfigService();
 
-    // Answers a ReadReq payload from `senderUid`; always fills a complete ReadRsp.
-    void read(const void* payload, size_t bytes, uid_t senderUid,
-              ConfigIF::ReadRsp* response) const;
+    // Whether `requestId` is a request this service answers.
+    static bool serves(uint32_t requestId);
 
-    // Checks a WriteReq payload from `senderUid`. When the write may go ahead returns true with
-    // the change and its reboot flag in *write (whose reply address the caller sets);
-    // otherwise returns false with the refusal in *response.
-    bool checkWrite(const void* payload, size_t bytes, uid_t senderUid, PendingWrite* write,
-                    ConfigIF::WriteRsp* response) const;
+    // Answers the request of id `requestId` (one that serves() accepts) from a sender running
+    // as `senderUid`; always fills a complete response in *answer.
+    void handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
+                Answer* answer) const;
 
-    // The answer to a write once it was committed (or failed to be).
-    static void answerCommitted(const FinishedWrite& finished, ConfigIF::WriteRsp* response);
+    // Turns the answer to a change into the answer for when storing it failed with `error`.
+    static void answerUnstored(const std::string& error, google::protobuf::Message* response);
 
   private:
+    struct Command;
+    static const Command kCommands[];
+    template <typename Request, typename Response,
+              void (ConfigService::*Handle)(const Request&, uid_t, Response*, Answer*) const>
+    static void adapt(const ConfigService& service, const google::protobuf::Message& request,
+                      uid_t senderUid, google::protobuf::Message* response, Answer* answer);
+
+    // Resolves `instance`, or records why not in answer->refusals.
+    bool resolve(const ConfigIF::Inst& instance, ResolvedVariable* found, Answer* answer) const;
     CommonIF::eErrorType checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
                                     std::string* reason) const;
+    // Reads one instance into *response; a refused item carries its reason in *reason.
+    void readOne(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role,
+                 ConfigIF::ReadRsp* response, std::string* reason) const;
+    // The checks of a write; fills *change and *reboot when it may go ahead.
+    CommonIF::eErrorType checkWrite(const ConfigIF::InstValue& target, CommonIF::eSecurityRole role,
+                                    bool overriding, uid_t senderUid, StoredChange* change,
+                                    bool* reboot, std::string* reason) const;
+    // Whether *role reaches `level` to act on `what`, else the reason.
+    bool reaches(CommonIF::eSecurityRole role, CommonIF::eSecurityRole level, const char* act,
+                 const std::string& what, std::string* reason) const;
+    // The options and levels parts of a value-options-access answer.
+    void fillOptions(const VariableDef& variable, ConfigIF::GetAttributeOptionsRsp* response) const;
+    void fillValueOptionsAccess(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role,
+                                ConfigIF::ValueOptionsAccess* item, Answer* answer) const;
+    // Whether every stored value and default of `variable`'s instances fits `candidate` (the
+    // variable with other attributes), else the reason.
+    bool storedValuesFit(const VariableDef& variable, const VariableDef& candidate,
+                         std::string* reason) const;
+    bool mayChangeAttributes(CommonIF::eSecurityRole role, const VariableDef* variable,
+                             const std::string& path, std::string* reason) const;
+
+    // One handler per request; each fills its response and, for changes, answer->changes.
+    void read(const ConfigIF::ReadReq&, uid_t, ConfigIF::ReadRsp*, Answer*) const;
+    void batchRead(const ConfigIF::BatchReadReq&, uid_t, ConfigIF::BatchReadRsp*, Answer*) const;
+    void write(const ConfigIF::WriteReq&, uid_t, ConfigIF::WriteRsp*, Answer*) const;
+    void validate(const ConfigIF::ValidateReq&, uid_t, ConfigIF::ValidateRsp*, Answer*) const;
+    void getAttribute(const ConfigIF::GetAttributeReq&, uid_t, ConfigIF::GetAttributeRsp*,
+                      Answer*) const;
+    void setAttribute(const ConfigIF::SetAttributeReq&, uid_t, ConfigIF::SetAttributeRsp*,
+                      Answer*) const;
+    void resetAttribute(const ConfigIF::ResetAttributeReq&, uid_t, ConfigIF::ResetAttributeRsp*,
+                        Answer*) const;
+    void readAttributes(const ConfigIF::ReadAttributesReq&, uid_t, ConfigIF::ReadAttributesRsp*,
+                        Answer*) const;
+    void getOptions(const ConfigIF::GetAttributeOptionsReq&, uid_t,
+                    ConfigIF::GetAttributeOptionsRsp*, Answer*) const;
+    void getDefaultOptions(const ConfigIF::GetDefaultOptionsReq&, uid_t,
+                           ConfigIF::GetDefaultOptionsRsp*, Answer*) const;
+    void setOptions(const ConfigIF::SetAttributeOptionsReq&, uid_t,
+                    ConfigIF::SetAttributeOptionsRsp*, Answer*) const;
+    void getLevels(const ConfigIF::GetAccessLevelsReq&, uid_t, ConfigIF::GetAccessLevelsRsp*,
+                   Answer*) const;
+    void setLevels(const ConfigIF::SetAccessLevelsReq&, uid_t, ConfigIF::SetAccessLevelsRsp*,
+                   Answer*) const;
+    void getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessReq&, uid_t,
+                               ConfigIF::GetValueOptionsAccessRsp*, Answer*) const;
+    void batchGetValueOptionsAccess(const ConfigIF::BatchGetValueOptionsAccessReq&, uid_t,
+                                    ConfigIF::BatchGetValueOptionsAccessRsp*, Answer*) const;
+    void resetValue(const ConfigIF::ResetValueReq&, uid_t, ConfigIF::ResetValueRsp*, Answer*) const;
+    void resetNodeValue(const ConfigIF::ResetNodeValueReq&, uid_t, ConfigIF::ResetNodeValueRsp*,
+                        Answer*) const;
 
     const DeviceModel& model_;
-    const ValueStore& store_;
+    const RecordState& state_;
     uid_t serviceUid_;
 };
+
+// `text` cut to `maxBytes` with every byte outside printable ASCII as '?': what a client sent
+// can then go into a reason or the log without forging lines or terminal controls.
+std::string printable(const std::string& text, size_t maxBytes);
+
+// Reasons for a refusal name the path as the client sent it: "network/interface 2/mtu", cut
+// to stay readable and printable whatever the client sent.
+std::string describePath(const ConfigIF::Inst& instance);
+
+// "no variable 'PATH' in the model".
+std::string noVariable(const ConfigIF::Inst& instance);
+
+// "no node or variable 'PATH' in the model", for a path of names joined by '.'.
+std::string noNode(const std::string& path);
+
+// Whether a batch of `count` instances is beyond kMaxBatchInstances; records the refusal if so.
+bool batchTooLarge(int count, Answer* answer);
+
+// The path of an instance as the model resolves it.
+std::vector<PathStep> pathOf(const ConfigIF::Inst& instance);
+
+// Sets the error of any response of the protocol (its `error`, or its ret_message's error with
+// `reason` as an error_message) and gives its other required fields empty values, so that it
+// always serialises.
+void setError(CommonIF::eErrorType error, const std::string& reason,
+              google::protobuf::Message* response);
 
 }  // namespace configsrvc
 

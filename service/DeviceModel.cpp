@@ -1,5 +1,6 @@
 #include "DeviceModel.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace configsrvc {
@@ -103,6 +104,30 @@ bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) co
         pos = slash + 1;
     }
     return resolve(path, found) && found->key == key;
+}
+
+bool DeviceModel::findByPath(const std::string& path, const NodeDef** node,
+                             const VariableDef** variable) const {
+    *node = &root_;
+    *variable = nullptr;
+    for (size_t pos = 0; !path.empty() && pos <= path.size();) {
+        const size_t dot = std::min(path.find('.', pos), path.size());
+        if (*variable != nullptr) {
+            return false;  // a variable has nothing below it
+        }
+        auto child = (*node)->childIndex.find(path.substr(pos, dot - pos));
+        if (child == (*node)->childIndex.end()) {
+            return false;
+        }
+        if (child->second < 0) {
+            *variable = (*node)->variables[~child->second].get();
+            *node = nullptr;
+        } else {
+            *node = (*node)->nodes[child->second].get();
+        }
+        pos = dot + 1;
+    }
+    return true;
 }
 
 CommonIF::eSecurityRole DeviceModel::highestClaim(uid_t uid, uid_t serviceUid) const {

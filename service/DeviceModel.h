@@ -42,6 +42,8 @@ constexpr size_t kMaxPathDepth = 16;     // most nodes on a path, variable inclu
 
 struct VariableDef {
     std::string name;
+    std::string path;  // node names and its own joined by '.': "network.interface.mtu"
+    std::string description;
     ValueKind kind = ValueKind::kString;
     bool isList = false;
     int64_t minimum = INT64_MIN;        // integer only
@@ -59,6 +61,8 @@ struct VariableDef {
 
 struct NodeDef {
     std::string name;
+    std::string path;  // node names joined by '.'; "" for the root
+    std::string description;
     int instances = 1;
     int line = 0;
     std::vector<std::unique_ptr<NodeDef>> nodes;
@@ -99,6 +103,11 @@ class DeviceModel {
 
     // Looks up a storage key made by resolve(); false when the model has no such variable.
     bool resolveKey(const std::string& key, ResolvedVariable* found) const;
+
+    // Looks up a node or a variable by its path of names joined by '.' ("" is the root): sets
+    // exactly one of *node and *variable. False when no such node or variable is declared.
+    bool findByPath(const std::string& path, const NodeDef** node,
+                    const VariableDef** variable) const;
 
     // Highest role a process running as `uid` may claim, given the service's own uid.
     CommonIF::eSecurityRole highestClaim(uid_t uid, uid_t serviceUid) const;

@@ -63,8 +63,10 @@ class Parser {
     bool parseClaims(const pugi::xml_node& element, ClaimPolicy* claims);
     bool parseChildren(const pugi::xml_node& element, NodeDef* node, const Inherited& levels,
                        int depth);
-    bool parseNode(const pugi::xml_node& element, NodeDef* node, Inherited levels, int depth);
-    bool parseVariable(const pugi::xml_node& element, VariableDef* var, const Inherited& levels);
+    bool parseNode(const pugi::xml_node& element, const NodeDef* parent, NodeDef* node,
+                   Inherited levels, int depth);
+    bool parseVariable(const pugi::xml_node& element, const NodeDef* parent, VariableDef* var,
+                       const Inherited& levels);
     bool parseKindDetails(const pugi::xml_node& element, VariableDef* var);
     bool parseOptions(const pugi::xml_node& element, VariableDef* var);
     bool parseDefaults(const pugi::xml_node& element, VariableDef* var);
@@ -238,19 +240,24 @@ bool Parser::addChild(const pugi::xml_node& element, NodeDef* parent, const std:
     return true;
 }
 
+// The path of a child of `parent`: names joined by '.', as clients name nodes and variables.
+std::string childPath(const NodeDef& parent, const std::string& name) {
+    return parent.path.empty() ? name : parent.path + "." + name;
+}
+
 bool Parser::parseChildren(const pugi::xml_node& element, NodeDef* node, const Inherited& levels,
                            int depth) {
     for (const pugi::xml_node& child : element.children()) {
         if (std::strcmp(child.name(), "node") == 0) {
             auto sub = std::make_unique<NodeDef>();
-            if (!parseNode(child, sub.get(), levels, depth + 1) ||
+            if (!parseNode(child, node, sub.get(), levels, depth + 1) ||
                 !addChild(child, node, sub->name, static_cast<int>(node->nodes.size()))) {
                 return false;
             }
             node->nodes.push_back(std::move(sub));
         } else if (std::strcmp(child.name(), "variable") == 0) {
             auto var = std::make_unique<VariableDef>();
-            if (!parseVariable(child, var.get(), levels) ||
+            if (!parseVariable(child, node, var.get(), levels) ||
                 !addChild(child, node, var->name, ~static_cast<int>(node->variables.size()))) {
                 return false;
             }
@@ -260,7 +267,8 @@ bool Parser::parseChildren(const pugi::xml_node& element, NodeDef* node, const I
     return true;
 }
 
-bool Parser::parseNode(const pugi::xml_node& element, NodeDef* node, Inherited levels, int depth) {
+bool Parser::parseNode(const pugi::xml_node& element, const NodeDef* parent, NodeDef* node,
+                       Inherited levels, int depth) {
     if (depth > kMaxNodeDepth) {
         return fail(element, "nodes nest deeper than " + std::to_string(kMaxNodeDepth));
     }
@@ -269,6 +277,8 @@ bool Parser::parseNode(const pugi::xml_node& element, NodeDef* node, Inherited l
         return false;
     }
     node->line = lineOf(element.offset_debug());
+    node->path = childPath(*parent, node->name);
+    node->description = element.attribute("description").value();
     if (element.attribute("instances")) {
         long long count = 0;
         if (!readInteger(element, "instances", 1, kMaxInstances, &count)) {
@@ -394,12 +404,14 @@ bool Parser::parseDefaults(const pugi::xml_node& element, VariableDef* var) {
     return true;
 }
 
-bool Parser::parseVariable(const pugi::xml_node& element, VariableDef* var,
+bool Parser::parseVariable(const pugi::xml_node& element, const NodeDef* parent, VariableDef* var,
                            const Inherited& levels) {
     if (!readName(element, &var->name)) {
         return false;
     }
     var->line = lineOf(element.offset_debug());
+    var->path = childPath(*parent, var->name);
+    var->description = element.attribute("description").value();
     var->readLevel = levels.readLevel;
     var->writeLevel = levels.writeLevel;
     std::string kind = element.attribute("kind").value();

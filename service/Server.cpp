@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <google/protobuf/message.h>
+
 #include "Common/protobuf/v3/ConfigProtocol.h"
 #include "logmsg.h"
 
@@ -25,14 +27,9 @@ enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPollSlotCount };
 
 }  // namespace
 
-const Server::Command Server::kCommands[] = {
-    {ConfigProtocol::kReadReqMsgId, &Server::handleRead},
-    {ConfigProtocol::kWriteReqMsgId, &Server::handleWrite},
-};
-
-Server::Server(const ConfigService& service, ValueStore* store, Committer* committer,
+Server::Server(const ConfigService& service, RecordState* state, Committer* committer,
                const std::string& endpoint)
-    : service_(service), store_(store), committer_(committer), endpoint_(endpoint) {}
+    : service_(service), state_(state), committer_(committer), endpoint_(endpoint) {}
 
 Server::~Server() {
     if (open_) {
@@ -76,35 +73,37 @@ void Server::send(uint32_t address, uint32_t msgId, const google::protobuf::Mess
     }
 }
 
-void Server::handleRead(const MSG_Msg* request, const MSG_Sender& sender) {
-    ConfigIF::ReadRsp response;
-    service_.read(MSG_GetPayload(request), static_cast<size_t>(MSG_GetPayloadBytes(request)),
-                  sender.uid, &response);
-    if (response.error() == CommonIF::kErrBadParameter) {
-        logmsg_warn(kLogModule, "unreadable ReadReq from pid %d uid %u\n",
-                    static_cast<int>(sender.pid), static_cast<unsigned>(sender.uid));
+// How many reasons of one request go to the log: a batch may have a thousand refused items.
+constexpr size_t kRefusalsLogged = 8;
+
+void Server::logRefusals(uint32_t requestId, const MSG_Sender& sender, const Answer& answer) {
+    const char* type = ConfigProtocol::messageNameOf(requestId);
+    const size_t count = answer.refusals.size();
+    for (size_t i = 0; i < count && i < kRefusalsLogged; ++i) {
+        logmsg_info(kLogModule, "%s from '%s' (pid %d, uid %u) refused: %s\n", type,
+                    answer.requester.c_str(), static_cast<int>(sender.pid),
+                    static_cast<unsigned>(sender.uid), answer.refusals[i].c_str());
     }
-    send(sender.address, ConfigProtocol::kReadRspMsgId, response);
+    if (count > kRefusalsLogged) {
+        logmsg_info(kLogModule, "%s from '%s' (pid %d): %zu more items refused\n", type,
+                    answer.requester.c_str(), static_cast<int>(sender.pid),
+                    count - kRefusalsLogged);
+    }
 }
 
-void Server::handleWrite(const MSG_Msg* request, const MSG_Sender& sender) {
-    ConfigIF::WriteRsp response;
-    PendingWrite write;
-    if (!service_.checkWrite(MSG_GetPayload(request),
-                             static_cast<size_t>(MSG_GetPayloadBytes(request)), sender.uid, &write,
-                             &response)) {
-        send(sender.address, ConfigProtocol::kWriteRspMsgId, response);
+void Server::submit(const MSG_Sender& sender, Answer* answer) {
+    const uint64_t ticket = nextTicket_++;
+    if (!committer_->submit({answer->changes, ticket})) {
+        logmsg_warn(kLogModule, "change from pid %d refused: too many changes pending\n",
+                    static_cast<int>(sender.pid));
+        ConfigService::answerUnstored("too many changes are waiting for the disk; try again",
+                                      answer->message.get());
+        setError(CommonIF::kErrOutOfResources, "", answer->message.get());
+        send(sender.address, answer->msgId, *answer->message);
         return;
     }
-    write.replyAddress = sender.address;
-    std::string key = write.change.key;
-    if (!committer_->submit(std::move(write))) {
-        ConfigIF::ReturnMessage* message = response.mutable_ret_message();
-        message->set_error(CommonIF::kErrOutOfResources);
-        message->add_error_message("too many writes waiting for the disk; try again");
-        logmsg_warn(kLogModule, "write of '%s' refused: too many writes pending\n", key.c_str());
-        send(sender.address, ConfigProtocol::kWriteRspMsgId, response);
-    }
+    state_->accept(answer->changes);
+    waiting_.push_back({ticket, sender.address, answer->msgId, std::move(answer->message)});
 }
 
 void Server::dispatch(MSG_Msg* request) {
@@ -114,14 +113,20 @@ void Server::dispatch(MSG_Msg* request) {
         logmsg_warn(kLogModule, "message 0x%08x without a sender dropped\n", id);
         return;
     }
-    for (const Command& command : kCommands) {
-        if (command.requestId == id) {
-            (this->*command.handle)(request, sender);
-            return;
-        }
+    if (!ConfigService::serves(id)) {
+        logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
+                    static_cast<int>(sender.pid));
+        return;
     }
-    logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
-                static_cast<int>(sender.pid));
+    Answer answer;
+    service_.handle(id, MSG_GetPayload(request), static_cast<size_t>(MSG_GetPayloadBytes(request)),
+                    sender.uid, &answer);
+    logRefusals(id, sender, answer);
+    if (answer.changes.empty()) {
+        send(sender.address, answer.msgId, *answer.message);
+    } else {
+        submit(sender, &answer);
+    }
 }
 
 bool Server::serveRequests() {
@@ -140,15 +145,19 @@ void Server::finishWrites() {
     finished_.clear();
     committer_->takeFinished(&finished_);
     for (const FinishedWrite& done : finished_) {
-        if (done.committed) {
-            store_->apply(done.write.change);
-        } else {
-            logmsg_err(kLogModule, "write of '%s' not stored: %s\n", done.write.change.key.c_str(),
-                       done.error.c_str());
+        state_->finish(done.committed);
+        if (waiting_.empty() || waiting_.front().ticket != done.write.ticket) {
+            logmsg_crit(kLogModule, "a stored change has no answer waiting\n");
+            continue;
         }
-        ConfigIF::WriteRsp response;
-        ConfigService::answerCommitted(done, &response);
-        send(done.write.replyAddress, ConfigProtocol::kWriteRspMsgId, response);
+        Waiting waiting = std::move(waiting_.front());
+        waiting_.pop_front();
+        if (!done.committed) {
+            logmsg_err(kLogModule, "change for client %u not stored: %s\n", waiting.address,
+                       done.error.c_str());
+            ConfigService::answerUnstored(done.error, waiting.message.get());
+        }
+        send(waiting.address, waiting.msgId, *waiting.message);
     }
 }
 

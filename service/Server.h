@@ -1,34 +1,31 @@
 // Server: the event loop that serves the configuration protocol on a message endpoint.
 //
 // One thread waits on three things: the stop pipe (a signal arrived), the endpoint (requests),
-// and the committer (writes that reached the disk). Reads are answered at once from memory.
-// Writes are checked, handed to the committer, and answered once committed, so a slow disk
-// never delays a read and no client waits for another one's answer. Each request is answered
-// on the connection it came from; a client that has gone away is simply not answered. Answers
-// are sent without waiting, so a client that stops reading them holds up no one but itself.
+// and the committer (changes that reached the disk). Requests that only read are answered at
+// once from memory. Requests that change something are checked, handed to the committer, and
+// answered once committed, so a slow disk never delays a read and no client waits for another
+// one's answer. Each request is answered on the connection it came from; a client that has gone
+// away is simply not answered. Answers are sent without waiting, so a client that stops reading
+// them holds up no one but itself. Every refusal is logged with the requester's name and pid.
 #ifndef CONFIGSRVC_SERVER_H
 #define CONFIGSRVC_SERVER_H
 
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Committer.h"
 #include "ConfigService.h"
-#include "ValueStore.h"
+#include "Records.h"
 #include "msgpass.h"
-
-namespace google {
-namespace protobuf {
-class MessageLite;
-}
-}  // namespace google
 
 namespace configsrvc {
 
 class Server {
   public:
-    Server(const ConfigService& service, ValueStore* store, Committer* committer,
+    Server(const ConfigService& service, RecordState* state, Committer* committer,
            const std::string& endpoint);
     virtual ~Server();
 
@@ -36,30 +33,34 @@ class Server {
     // loaded, so that no client that finds the endpoint is ever refused.
     bool open(std::string* error);
 
-    // Serves until `stopFd` becomes readable, then answers the writes already submitted and
+    // Serves until `stopFd` becomes readable, then answers the changes already submitted and
     // closes the endpoint. False when serving ended because waiting for work failed.
     bool run(int stopFd);
 
   private:
-    struct Command {
-        uint32_t requestId;
-        void (Server::*handle)(const MSG_Msg* request, const MSG_Sender& sender);
+    // An answer held back until its changes are on disk.
+    struct Waiting {
+        uint64_t ticket;
+        uint32_t address;
+        uint32_t msgId;
+        std::unique_ptr<google::protobuf::Message> message;
     };
-    static const Command kCommands[];
 
     // Serves what the endpoint holds, up to a round's worth; true when more may be waiting.
     bool serveRequests();
     void dispatch(MSG_Msg* request);
-    void handleRead(const MSG_Msg* request, const MSG_Sender& sender);
-    void handleWrite(const MSG_Msg* request, const MSG_Sender& sender);
+    void submit(const MSG_Sender& sender, Answer* answer);
+    void logRefusals(uint32_t requestId, const MSG_Sender& sender, const Answer& answer);
     void finishWrites();
     void send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message);
 
     const ConfigService& service_;
-    ValueStore* store_;
+    RecordState* state_;
     Committer* committer_;
     std::string endpoint_;
     bool open_ = false;
+    uint64_t nextTicket_ = 1;
+    std::deque<Waiting> waiting_;  // in submission order, as the committer finishes them
     std::vector<FinishedWrite> finished_;
 };
 

@@ -10,6 +10,8 @@ namespace {
 // Values are echoed in reasons; a long or binary one is cut so the reason stays readable.
 constexpr size_t kEchoBytes = 40;
 
+}  // namespace
+
 std::string quoted(const std::string& value) {
     std::string out = "'";
     for (size_t i = 0; i < value.size() && i < kEchoBytes; ++i) {
@@ -21,6 +23,8 @@ std::string quoted(const std::string& value) {
     }
     return out + "'";
 }
+
+namespace {
 
 // Length of the UTF-8 sequence starting at s[i], or 0 when it is not well-formed
 // (overlong forms, surrogates and code points above U+10FFFF included).
@@ -57,6 +61,8 @@ size_t utf8SequenceLength(const std::string& s, size_t i) {
     return length;
 }
 
+}  // namespace
+
 bool isText(const std::string& value) {
     for (size_t i = 0; i < value.size();) {
         if (value[i] == '\0') {
@@ -70,6 +76,8 @@ bool isText(const std::string& value) {
     }
     return true;
 }
+
+namespace {
 
 bool checkString(const VariableDef& var, const std::string& value, std::string* reason) {
     if (!isText(value)) {

@@ -21,6 +21,12 @@ bool checkValues(const VariableDef& variable, const std::vector<std::string>& va
 bool checkValue(const VariableDef& variable, const std::string& value, std::string* canonical,
                 std::string* reason);
 
+// Whether `value` is UTF-8 text without NUL characters.
+bool isText(const std::string& value);
+
+// `value` in single quotes for a reason: control characters as '?', cut after 40 bytes.
+std::string quoted(const std::string& value);
+
 }  // namespace configsrvc
 
 #endif  // CONFIGSRVC_VALUE_CHECK_H

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ValueCheck.h"
+#include "Overrides.h"
 
 namespace configsrvc {
 
@@ -17,7 +17,8 @@ namespace {
 
 // Marks the database as ours in its header ("CSVC"), so a foreign file is never taken over.
 constexpr int kApplicationId = 0x43535643;
-constexpr int kFormatVersion = 1;
+// Format 1 held values only; format 2 added the table of overrides.
+constexpr int kFormatVersion = 2;
 constexpr char kDatabaseName[] = "values.db";
 constexpr char kLockName[] = "values.lock";
 
@@ -108,12 +109,12 @@ ValueStore::~ValueStore() {
 }
 
 bool ValueStore::open(const std::string& folder, const DeviceModel& model,
-                      std::unique_ptr<ValueStore>* store, std::vector<std::string>* warnings,
-                      std::string* error) {
+                      std::unique_ptr<ValueStore>* store, Records* records,
+                      std::vector<std::string>* warnings, std::string* error) {
     std::unique_ptr<ValueStore> opened(new ValueStore());
     opened->path_ = folder + "/" + kDatabaseName;
     if (!opened->lockFolder(folder, error) || !opened->openDatabase(error) ||
-        !opened->loadValues(model, warnings, error)) {
+        !opened->load(model, records, warnings, error)) {
         return false;
     }
     *store = std::move(opened);
@@ -148,22 +149,21 @@ bool ValueStore::exec(const char* sql, std::string* error) {
     return true;
 }
 
-bool ValueStore::checkExisting(bool* isEmpty, std::string* error) {
+bool ValueStore::checkExisting(bool* isEmpty, long long* version, std::string* error) {
     std::string problem = quickCheck(db_);
     if (!problem.empty()) {
         *error = path_ + " is damaged (" + problem + "); it was left as it is";
         return false;
     }
     long long applicationId = 0;
-    long long version = 0;
     long long objects = 0;
     if (!queryInteger(db_, "PRAGMA application_id", &applicationId) ||
-        !queryInteger(db_, "PRAGMA user_version", &version) ||
+        !queryInteger(db_, "PRAGMA user_version", version) ||
         !queryInteger(db_, "SELECT count(*) FROM sqlite_schema", &objects)) {
         *error = path_ + " cannot be read: " + sqlite3_errmsg(db_);
         return false;
     }
-    *isEmpty = applicationId == 0 && version == 0 && objects == 0;
+    *isEmpty = applicationId == 0 && *version == 0 && objects == 0;
     if (*isEmpty) {
         return true;
     }
@@ -171,26 +171,35 @@ bool ValueStore::checkExisting(bool* isEmpty, std::string* error) {
         *error = path_ + " is not a database of this service; it was left as it is";
         return false;
     }
-    if (version != kFormatVersion) {
-        *error = path_ + " has format " + std::to_string(version) + ", this service reads " +
+    if (*version < 1 || *version > kFormatVersion) {
+        *error = path_ + " has format " + std::to_string(*version) + ", this service reads 1 to " +
                  std::to_string(kFormatVersion) + "; it was left as it is";
         return false;
     }
     return true;
 }
 
-bool ValueStore::createSchema(std::string* error) {
-    std::string sql =
-        "BEGIN;"
-        "CREATE TABLE setting(key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL)"
-        " WITHOUT ROWID;"
-        "PRAGMA application_id=" +
-        std::to_string(kApplicationId) +
-        ";"
+// Creates the tables of an empty database, or adds what a database of an older format lacks,
+// in one transaction: a crash leaves either format, never a mix.
+bool ValueStore::createSchema(bool isEmpty, std::string* error) {
+    std::string sql = "BEGIN;";
+    if (isEmpty) {
+        sql +=
+            "CREATE TABLE setting(key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL)"
+            " WITHOUT ROWID;"
+            "PRAGMA application_id=" +
+            std::to_string(kApplicationId) + ";";
+    }
+    sql +=
+        "CREATE TABLE override(kind INTEGER NOT NULL, key TEXT NOT NULL, value BLOB NOT NULL,"
+        " PRIMARY KEY(kind, key)) WITHOUT ROWID;"
         "PRAGMA user_version=" +
         std::to_string(kFormatVersion) + ";COMMIT;";
     if (!exec(sql.c_str(), error)) {
-        *error = "cannot create " + path_ + ": " + *error;
+        *error = "cannot " + std::string(isEmpty ? "create " : "update the format of ") + path_ +
+                 ": " + *error;
+        std::string ignored;
+        exec("ROLLBACK", &ignored);
         return false;
     }
     return true;
@@ -206,10 +215,11 @@ bool ValueStore::openDatabase(std::string* error) {
     }
     sqlite3_extended_result_codes(db_, 1);
     bool isEmpty = true;
-    if (exists && !checkExisting(&isEmpty, error)) {
+    long long version = 0;
+    if (exists && !checkExisting(&isEmpty, &version, error)) {
         return false;
     }
-    if (isEmpty && !createSchema(error)) {
+    if ((isEmpty || version < kFormatVersion) && !createSchema(isEmpty, error)) {
         return false;
     }
     // WAL with FULL sync: a commit is one append and one fsync of the log, and is durable
@@ -221,35 +231,25 @@ bool ValueStore::openDatabase(std::string* error) {
     return true;
 }
 
-bool ValueStore::loadValues(const DeviceModel& model, std::vector<std::string>* warnings,
-                            std::string* error) {
+// Reads rows of (kind, key, encoded values) into *rows.
+bool ValueStore::loadRows(const char* sql, std::vector<StoredChange>* rows, std::string* error) {
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db_, "SELECT key, value FROM setting", -1, &statement, nullptr) !=
-        SQLITE_OK) {
+    if (sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) != SQLITE_OK) {
         *error = path_ + " cannot be read: " + sqlite3_errmsg(db_);
         return false;
     }
     int step;
     while ((step = sqlite3_step(statement)) == SQLITE_ROW) {
-        std::string key = columnText(statement, 0);
-        std::vector<std::string> stored;
-        if (!decodeValues(columnText(statement, 1), &stored)) {
-            *error = path_ + " is damaged (the value of '" + key +
+        StoredChange row;
+        row.kind = static_cast<RecordKind>(sqlite3_column_int(statement, 0));
+        row.key = columnText(statement, 1);
+        if (!decodeValues(columnText(statement, 2), &row.values)) {
+            *error = path_ + " is damaged (the value of '" + row.key +
                      "' does not decode); it was left as it is";
             sqlite3_finalize(statement);
             return false;
         }
-        ResolvedVariable found;
-        std::vector<std::string> canonical;
-        std::string reason;
-        if (!model.resolveKey(key, &found)) {
-            warnings->push_back("stored value of '" + key +
-                                "' is ignored: the model has no such variable");
-        } else if (!checkValues(*found.variable, stored, &canonical, &reason)) {
-            warnings->push_back("stored value of '" + key + "' is ignored: " + reason);
-        } else {
-            values_[key] = std::move(canonical);
-        }
+        rows->push_back(std::move(row));
     }
     sqlite3_finalize(statement);
     if (step != SQLITE_DONE) {
@@ -259,38 +259,59 @@ bool ValueStore::loadValues(const DeviceModel& model, std::vector<std::string>* 
     return true;
 }
 
-const std::vector<std::string>* ValueStore::find(const std::string& key) const {
-    auto it = values_.find(key);
-    return it == values_.end() ? nullptr : &it->second;
-}
-
-void ValueStore::apply(const StoredChange& change) {
-    if (change.reset) {
-        values_.erase(change.key);
-    } else {
-        values_[change.key] = change.values;
+bool ValueStore::load(const DeviceModel& model, Records* records,
+                      std::vector<std::string>* warnings, std::string* error) {
+    // Attributes first, then the overrides of instances, then values: each is checked against
+    // what the ones before it made of the model.
+    std::vector<StoredChange> rows;
+    if (!loadRows("SELECT kind, key, value FROM override ORDER BY kind = 3 DESC, kind", &rows,
+                  error) ||
+        !loadRows("SELECT 0, key, value FROM setting", &rows, error)) {
+        return false;
     }
+    static const char* const kWhat[kRecordKinds] = {"value", "options", "levels", "attributes"};
+    for (StoredChange& row : rows) {
+        const int kind = static_cast<int>(row.kind);
+        std::string reason = "it is of an unknown kind";
+        if (kind >= 0 && kind < kRecordKinds && checkRecord(model, *records, &row, &reason)) {
+            records->apply(row);
+            continue;
+        }
+        warnings->push_back(std::string("stored ") +
+                            (kind >= 0 && kind < kRecordKinds ? kWhat[kind] : "record") + " of '" +
+                            row.key + "' is ignored: " + reason);
+    }
+    return true;
 }
 
 bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::string* error) {
     if (!exec("BEGIN IMMEDIATE", error)) {
         return false;
     }
-    sqlite3_stmt* upsert = nullptr;
-    sqlite3_stmt* remove = nullptr;
-    bool ok = sqlite3_prepare_v2(db_, "INSERT OR REPLACE INTO setting(key, value) VALUES(?, ?)", -1,
-                                 &upsert, nullptr) == SQLITE_OK &&
-              sqlite3_prepare_v2(db_, "DELETE FROM setting WHERE key = ?", -1, &remove, nullptr) ==
-                  SQLITE_OK;
+    // Statements by [is an override][is a reset]; values have no kind column.
+    static const char* const kSql[2][2] = {
+        {"INSERT OR REPLACE INTO setting(key, value) VALUES(?2, ?3)",
+         "DELETE FROM setting WHERE key = ?2"},
+        {"INSERT OR REPLACE INTO override(kind, key, value) VALUES(?1, ?2, ?3)",
+         "DELETE FROM override WHERE kind = ?1 AND key = ?2"}};
+    sqlite3_stmt* statements[2][2] = {};
+    bool ok = true;
+    for (int i = 0; i < 4; ++i) {
+        ok = ok && sqlite3_prepare_v2(db_, kSql[i / 2][i % 2], -1, &statements[i / 2][i % 2],
+                                      nullptr) == SQLITE_OK;
+    }
     for (size_t i = 0; ok && i < changes.size(); ++i) {
         const StoredChange& change = *changes[i];
-        sqlite3_stmt* statement = change.reset ? remove : upsert;
+        sqlite3_stmt* statement = statements[change.kind != RecordKind::kValue][change.reset];
         std::string encoded = encodeValues(change.values);
         sqlite3_reset(statement);
-        sqlite3_bind_text(statement, 1, change.key.data(), static_cast<int>(change.key.size()),
+        if (change.kind != RecordKind::kValue) {
+            sqlite3_bind_int(statement, 1, static_cast<int>(change.kind));
+        }
+        sqlite3_bind_text(statement, 2, change.key.data(), static_cast<int>(change.key.size()),
                           SQLITE_STATIC);
         if (!change.reset) {
-            sqlite3_bind_blob(statement, 2, encoded.data(), static_cast<int>(encoded.size()),
+            sqlite3_bind_blob(statement, 3, encoded.data(), static_cast<int>(encoded.size()),
                               SQLITE_STATIC);
         }
         ok = sqlite3_step(statement) == SQLITE_DONE;
@@ -298,8 +319,9 @@ bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::st
     if (!ok) {
         *error = sqlite3_errmsg(db_);
     }
-    sqlite3_finalize(upsert);
-    sqlite3_finalize(remove);
+    for (int i = 0; i < 4; ++i) {
+        sqlite3_finalize(statements[i / 2][i % 2]);
+    }
     if (!ok) {
         std::string ignored;
         exec("ROLLBACK", &ignored);

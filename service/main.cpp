@@ -35,7 +35,7 @@ using namespace configsrvc;
 
 constexpr char kProgram[] = "configsrvc";
 constexpr char kLogModule[] = "main";
-// Writes accepted but not yet answered; beyond this a write is refused, not queued.
+// Changes accepted but not yet answered; beyond this a change is refused, not queued.
 constexpr size_t kMaxPendingWrites = 4096;
 
 constexpr char kUsage[] =
@@ -150,10 +150,12 @@ int main(int argc, char** argv) {
         return fail(error);
     }
     std::unique_ptr<ValueStore> store;
+    Records records;
     std::vector<std::string> warnings;
-    if (!ValueStore::open(options.state, model, &store, &warnings, &error)) {
+    if (!ValueStore::open(options.state, model, &store, &records, &warnings, &error)) {
         return fail(error);
     }
+    RecordState state(std::move(records));
     for (const std::string& warning : warnings) {
         logmsg_warn(kLogModule, "%s\n", warning.c_str());
     }
@@ -164,8 +166,8 @@ int main(int argc, char** argv) {
     if (!committer.start(&error)) {
         return fail(error);
     }
-    ConfigService service(model, *store, geteuid());
-    Server server(service, store.get(), &committer, options.endpoint);
+    ConfigService service(model, state, geteuid());
+    Server server(service, &state, &committer, options.endpoint);
     if (!server.open(&error)) {
         return fail(error);
     }

@@ -236,7 +236,8 @@ TEST_F(Service, MisbehavingClientsHoldUpNoOtherClientAndStopNothing) {
     ASSERT_EQ(steady.read(volumeRequest, &volume, kAnswerMs), ConfigSession::kOk);
     EXPECT_THAT(volume.value(), testing::ElementsAre("50"));
     EXPECT_EQ(service_.stop(SIGTERM), 0) << service_.output();
-    for (const char* logged : {"does not read its answers: disconnected", "unreadable ReadReq",
+    for (const char* logged : {"does not read its answers: disconnected",
+                               "refused: request does not parse as ConfigIF.ReadReq",
                                "unknown message id 0x12345678"}) {
         EXPECT_THAT(service_.output(), HasSubstr(logged));
     }

@@ -14,9 +14,12 @@
 #include <vector>
 
 #include "CaseFile.h"
+#include "Committer.h"
+#include "Common/protobuf/v3/ConfigProtocol.h"
 #include "ConfigPath.h"
 #include "ModelLoader.h"
 #include "ServiceProcess.h"
+#include "ValueStore.h"
 
 namespace configsrvc {
 namespace {
@@ -42,19 +45,40 @@ class ConfigServiceTest : public testing::Test {
     // Opens the store again, as a restarted service does.
     bool reopen() {
         service_.reset();
+        state_.reset();
         store_.reset();
         warnings_.clear();
-        if (!ValueStore::open(folder_.path, model_, &store_, &warnings_, &error_)) {
+        Records records;
+        if (!ValueStore::open(folder_.path, model_, &store_, &records, &warnings_, &error_)) {
             return false;
         }
-        service_ = std::make_unique<ConfigService>(model_, *store_, kService);
+        state_ = std::make_unique<RecordState>(std::move(records));
+        service_ = std::make_unique<ConfigService>(model_, *state_, kService);
         return true;
     }
 
+    // Answers a request as the server does: its changes are stored before it is answered.
+    Answer ask(uint32_t requestId, const std::string& payload, uid_t uid) {
+        Answer answer;
+        service_->handle(requestId, payload.data(), payload.size(), uid, &answer);
+        if (!answer.changes.empty()) {
+            std::vector<const StoredChange*> changes;
+            for (const StoredChange& change : answer.changes) {
+                changes.push_back(&change);
+            }
+            const bool stored = store_->commit(changes, &error_);
+            state_->accept(answer.changes);
+            state_->finish(stored);
+            if (!stored) {
+                ConfigService::answerUnstored(error_, answer.message.get());
+            }
+        }
+        return answer;
+    }
+
     ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {
-        ConfigIF::ReadRsp response;
-        service_->read(payload.data(), payload.size(), uid, &response);
-        return response;
+        return static_cast<const ConfigIF::ReadRsp&>(
+            *ask(ConfigProtocol::kReadReqMsgId, payload, uid).message);
     }
 
     ConfigIF::ReadRsp read(const std::string& path, eSecurityRole role = kProvisioning,
@@ -62,18 +86,10 @@ class ConfigServiceTest : public testing::Test {
         return readBytes(testsupport::readRequest(path, role).SerializeAsString(), uid);
     }
 
-    // Checks the write and, when it may go ahead, commits and applies it as the server does.
     ConfigIF::ReturnMessage writeBytes(const std::string& payload, uid_t uid = kService) {
-        ConfigIF::WriteRsp response;
-        PendingWrite pending;
-        if (service_->checkWrite(payload.data(), payload.size(), uid, &pending, &response)) {
-            FinishedWrite finished{pending, store_->commit({&pending.change}, &error_), error_};
-            if (finished.committed) {
-                store_->apply(pending.change);
-            }
-            ConfigService::answerCommitted(finished, &response);
-        }
-        return response.ret_message();
+        return static_cast<const ConfigIF::WriteRsp&>(
+                   *ask(ConfigProtocol::kWriteReqMsgId, payload, uid).message)
+            .ret_message();
     }
 
     ConfigIF::ReturnMessage write(const std::string& path, const Values& values,
@@ -89,6 +105,7 @@ class ConfigServiceTest : public testing::Test {
     // Closes the store and runs SQL on its database, as a damaged or foreign file would look.
     void tamper(const std::string& sql) {
         service_.reset();
+        state_.reset();
         store_.reset();
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(database().c_str(), &db), SQLITE_OK);
@@ -110,6 +127,7 @@ class ConfigServiceTest : public testing::Test {
     DeviceModel model_;
     std::vector<std::string> warnings_;
     std::unique_ptr<ValueStore> store_;
+    std::unique_ptr<RecordState> state_;
     std::unique_ptr<ConfigService> service_;
 };
 
@@ -236,7 +254,7 @@ TEST_P(DamagedDatabase, IsRefusedAndLeftAsItWas) {
 const Damage kDamages[] = {
     {"", " is damaged (file is not a database); it was left as it is"},
     {"PRAGMA application_id=7", " is not a database of this service; it was left as it is"},
-    {"PRAGMA user_version=2", " has format 2, this service reads 1; it was left as it is"},
+    {"PRAGMA user_version=3", " has format 3, this service reads 1 to 2; it was left as it is"},
     {"INSERT INTO setting VALUES('audio[1]/volume', '9:1')",
      " is damaged (the value of 'audio[1]/volume' does not decode); it was left as it is"},
 };
@@ -257,7 +275,8 @@ TEST_F(ConfigServiceTest, TruncatedDatabaseIsRefusedAndLeftAsItWas) {
 
 TEST_F(ConfigServiceTest, SecondStoreOnTheSameStateFolderIsRefused) {
     std::unique_ptr<ValueStore> second;
-    EXPECT_FALSE(ValueStore::open(folder_.path, model_, &second, &warnings_, &error_));
+    Records records;
+    EXPECT_FALSE(ValueStore::open(folder_.path, model_, &second, &records, &warnings_, &error_));
     EXPECT_EQ(error_, "the state folder " + folder_.path + " is in use by another running service");
 }
 
@@ -265,17 +284,19 @@ TEST_F(ConfigServiceTest, CommitterAnswersEveryWriteInOrderAndBoundsWhatIsPendin
     Committer committer(store_.get(), 64);
     ASSERT_TRUE(committer.start(&error_)) << error_;
     for (uint32_t i = 0; i < 64; ++i) {
-        ASSERT_TRUE(committer.submit({{"audio[1]/volume", false, {std::to_string(i)}}, i}));
+        ASSERT_TRUE(committer.submit(
+            {{{RecordKind::kValue, "audio[1]/volume", false, {std::to_string(i)}}}, i}));
     }
     EXPECT_FALSE(committer.submit(PendingWrite()));
     committer.stop();
-    EXPECT_EQ(store_->find("audio[1]/volume"), nullptr);  // served values change when applied
+    // Served values change only when the server applies what came back.
+    EXPECT_EQ(state_->committed().find(RecordKind::kValue, "audio[1]/volume"), nullptr);
     std::vector<FinishedWrite> finished;
     committer.takeFinished(&finished);
     ASSERT_EQ(finished.size(), 64u);
     for (uint32_t i = 0; i < 64; ++i) {
         EXPECT_TRUE(finished[i].committed);
-        EXPECT_EQ(finished[i].write.replyAddress, i);
+        EXPECT_EQ(finished[i].write.ticket, i);
     }
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_EQ(valuesOf(read(kVolume)), Values{"63"});  // the last one wins

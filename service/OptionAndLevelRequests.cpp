@@ -1,0 +1,218 @@
+// The requests on the options and the access levels of variable instances, and the query of
+// value, options and levels in one.
+#include <algorithm>
+
+#include "ConfigService.h"
+#include "Overrides.h"
+#include "ValueCheck.h"
+
+namespace configsrvc {
+
+namespace {
+
+using CommonIF::eErrorType;
+using CommonIF::eSecurityRole;
+
+// The index of the (first) default among the options, or -1 when it is none of them.
+int defaultIndex(const VariableDef& variable) {
+    if (variable.defaults.empty()) {
+        return -1;
+    }
+    auto at = std::find(variable.options.begin(), variable.options.end(), variable.defaults[0]);
+    return at == variable.options.end() ? -1 : static_cast<int>(at - variable.options.begin());
+}
+
+template <typename Response>
+void fillOptionList(const VariableDef& variable, Response* response) {
+    response->set_error(CommonIF::kErrNoError);
+    if (variable.kind != ValueKind::kOption) {
+        return;  // no options: an empty list and no default index
+    }
+    for (const std::string& option : variable.options) {
+        response->add_node_options(option);
+    }
+    if (defaultIndex(variable) >= 0) {
+        response->set_default_index(defaultIndex(variable));
+    }
+}
+
+void fillLevels(const VariableDef& variable, ConfigIF::GetAccessLevelsRsp* response) {
+    response->set_error(CommonIF::kErrNoError);
+    response->set_read_level(variable.readLevel);
+    response->set_write_level(variable.writeLevel);
+}
+
+}  // namespace
+
+void ConfigService::getOptions(const ConfigIF::GetAttributeOptionsReq& request, uid_t,
+                               ConfigIF::GetAttributeOptionsRsp* response, Answer* answer) const {
+    ResolvedVariable found;
+    if (!resolve(request.instance(), &found, answer)) {
+        response->set_error(CommonIF::kErrItemNotFound);
+        return;
+    }
+    VariableDef scratch;
+    fillOptionList(effectiveVariable(state_.committed(), found, &scratch), response);
+}
+
+void ConfigService::getDefaultOptions(const ConfigIF::GetDefaultOptionsReq& request, uid_t,
+                                      ConfigIF::GetDefaultOptionsRsp* response,
+                                      Answer* answer) const {
+    const NodeDef* node = nullptr;
+    const VariableDef* variable = nullptr;
+    if (!model_.findByPath(request.variable_name(), &node, &variable) || variable == nullptr) {
+        answer->refusals.push_back(noNode(request.variable_name()));
+        response->set_error(CommonIF::kErrItemNotFound);
+        return;
+    }
+    fillOptionList(*variable, response);
+}
+
+void ConfigService::setOptions(const ConfigIF::SetAttributeOptionsReq& request, uid_t,
+                               ConfigIF::SetAttributeOptionsRsp* response, Answer* answer) const {
+    const Records& records = state_.accepted();
+    ResolvedVariable found;
+    VariableDef scratch;
+    std::string reason;
+    eErrorType error = CommonIF::kErrNoError;
+    StoredChange change{RecordKind::kOptions, "", false, {}};
+    if (!model_.resolve(pathOf(request.instance()), &found)) {
+        error = CommonIF::kErrItemNotFound;
+        reason = noVariable(request.instance());
+    } else {
+        const VariableDef& current = effectiveVariable(records, found, &scratch);
+        change.key = found.key;
+        change.values = optionsRecord(request.default_index(), {request.node_options().begin(),
+                                                                request.node_options().end()});
+        VariableDef candidate = current;
+        const std::vector<std::string>* stored = records.find(RecordKind::kValue, found.key);
+        std::vector<std::string> canonical;
+        if (!reaches(request.role(), current.writeLevel, "change the options of", found.key,
+                     &reason)) {
+            error = CommonIF::kErrNotAuthorized;
+        } else if (!applyOptions(change.values, &candidate, &reason)) {
+            error = CommonIF::kErrBadParameter;
+        } else if (!defaultsFit(candidate, &reason) ||
+                   (stored != nullptr && !checkValues(candidate, *stored, &canonical, &reason))) {
+            error = CommonIF::kErrBadState;
+            reason = "'" + found.key + "' would no longer fit: " + reason;
+        }
+    }
+    response->set_error(error);
+    if (error != CommonIF::kErrNoError) {
+        answer->refusals.push_back(reason);
+        return;
+    }
+    answer->changes.push_back(std::move(change));
+}
+
+void ConfigService::getLevels(const ConfigIF::GetAccessLevelsReq& request, uid_t,
+                              ConfigIF::GetAccessLevelsRsp* response, Answer* answer) const {
+    ResolvedVariable found;
+    if (!resolve(request.instance(), &found, answer)) {
+        response->set_error(CommonIF::kErrItemNotFound);
+        return;
+    }
+    VariableDef scratch;
+    fillLevels(effectiveVariable(state_.committed(), found, &scratch), response);
+}
+
+void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, uid_t,
+                              ConfigIF::SetAccessLevelsRsp* response, Answer* answer) const {
+    const Records& records = state_.accepted();
+    const bool tooMany = request.instance_size() > kMaxBatchInstances;
+    const bool nothing = !request.has_read_level() && !request.has_write_level();
+    for (const ConfigIF::Inst& instance : request.instance()) {
+        ConfigIF::AccessLevelErr* item = response->add_errors();
+        *item->mutable_instance() = instance;
+        ResolvedVariable found;
+        VariableDef scratch;
+        std::string reason;
+        eErrorType error = CommonIF::kErrNoError;
+        if (tooMany || nothing) {
+            error = tooMany ? CommonIF::kErrOutOfResources : CommonIF::kErrBadParameter;
+            reason = tooMany ? "a batch of more than " + std::to_string(kMaxBatchInstances) +
+                                   " instances"
+                             : "neither a read nor a write level is given";
+        } else if (!model_.resolve(pathOf(instance), &found)) {
+            error = CommonIF::kErrItemNotFound;
+            reason = noVariable(instance);
+        } else {
+            const VariableDef& current = effectiveVariable(records, found, &scratch);
+            // Nobody hands out, or takes away, more than they hold themselves.
+            const eSecurityRole role = request.role();
+            if (!reaches(role, current.writeLevel, "change the levels of", found.key, &reason) ||
+                (request.has_read_level() &&
+                 !reaches(role, request.read_level(), "set a read level on", found.key, &reason)) ||
+                (request.has_write_level() &&
+                 !reaches(role, request.write_level(), "set a write level on", found.key,
+                          &reason))) {
+                error = CommonIF::kErrNotAuthorized;
+            }
+        }
+        item->set_error(error);
+        if (error != CommonIF::kErrNoError) {
+            answer->refusals.push_back(reason);
+            continue;
+        }
+        // The record keeps a level the request leaves unset as it was stored before.
+        const std::vector<std::string>* stored = records.find(RecordKind::kLevels, found.key);
+        std::vector<std::string> record = stored ? *stored : levelsRecord(nullptr, nullptr);
+        const eSecurityRole read = request.read_level(), write = request.write_level();
+        const std::vector<std::string> given =
+            levelsRecord(request.has_read_level() ? &read : nullptr,
+                         request.has_write_level() ? &write : nullptr);
+        for (size_t i = 0; i < 2; ++i) {
+            record[i] = given[i].empty() ? record[i] : given[i];
+        }
+        answer->changes.push_back({RecordKind::kLevels, found.key, false, record});
+    }
+}
+
+void ConfigService::fillValueOptionsAccess(const ConfigIF::Inst& instance, eSecurityRole role,
+                                           ConfigIF::ValueOptionsAccess* item,
+                                           Answer* answer) const {
+    std::string reason;
+    readOne(instance, role, item->mutable_read_rsp(), &reason);
+    if (!reason.empty()) {
+        answer->refusals.push_back(reason);
+    }
+    ResolvedVariable found;
+    if (!model_.resolve(pathOf(instance), &found)) {
+        item->mutable_options_rsp()->set_error(CommonIF::kErrItemNotFound);
+        item->mutable_access_level_rsp()->set_error(CommonIF::kErrItemNotFound);
+        return;
+    }
+    VariableDef scratch;
+    const VariableDef& variable = effectiveVariable(state_.committed(), found, &scratch);
+    fillOptionList(variable, item->mutable_options_rsp());
+    fillLevels(variable, item->mutable_access_level_rsp());
+}
+
+void ConfigService::getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessReq& request, uid_t,
+                                          ConfigIF::GetValueOptionsAccessRsp* response,
+                                          Answer* answer) const {
+    ResolvedVariable found;
+    if (!resolve(request.instance(), &found, answer)) {
+        response->set_error(CommonIF::kErrItemNotFound);
+        return;
+    }
+    response->set_error(CommonIF::kErrNoError);
+    fillValueOptionsAccess(request.instance(), request.role(), response->mutable_valoptacc(),
+                           answer);
+}
+
+void ConfigService::batchGetValueOptionsAccess(
+    const ConfigIF::BatchGetValueOptionsAccessReq& request, uid_t,
+    ConfigIF::BatchGetValueOptionsAccessRsp* response, Answer* answer) const {
+    if (batchTooLarge(request.instance_size(), answer)) {
+        response->set_error(CommonIF::kErrOutOfResources);
+        return;
+    }
+    response->set_error(CommonIF::kErrNoError);
+    for (const ConfigIF::Inst& instance : request.instance()) {
+        fillValueOptionsAccess(instance, request.role(), response->add_valoptacc(), answer);
+    }
+}
+
+}  // namespace configsrvc

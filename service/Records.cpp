@@ -1,0 +1,46 @@
+#include "Records.h"
+
+namespace configsrvc {
+
+void Records::apply(const StoredChange& change) {
+    Map& map = maps_[static_cast<int>(change.kind)];
+    if (change.reset) {
+        map.erase(change.key);
+    } else {
+        map[change.key] = change.values;
+    }
+}
+
+RecordState::RecordState(Records committed)
+    : committed_(std::move(committed)), accepted_(committed_) {}
+
+void RecordState::accept(const std::vector<StoredChange>& changes) {
+    for (const StoredChange& change : changes) {
+        accepted_.apply(change);
+    }
+    inFlight_.push_back(changes);
+}
+
+void RecordState::finish(bool stored) {
+    if (inFlight_.empty()) {
+        return;
+    }
+    if (stored) {
+        for (const StoredChange& change : inFlight_.front()) {
+            committed_.apply(change);
+        }
+        inFlight_.pop_front();
+        return;
+    }
+    // Rare (the disk failed): rebuild what is accepted from what is stored and what is still
+    // on its way, so the failed batch leaves no trace.
+    inFlight_.pop_front();
+    accepted_ = committed_;
+    for (const std::vector<StoredChange>& batch : inFlight_) {
+        for (const StoredChange& change : batch) {
+            accepted_.apply(change);
+        }
+    }
+}
+
+}  // namespace configsrvc

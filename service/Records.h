@@ -1,0 +1,81 @@
+// Records: everything the service stores besides its model, as it is held in memory.
+//
+// Four kinds of record, each a map from a key to a list of strings:
+//   kValue       instance key ("network[1]/interface[2]/mtu") -> the values, canonical
+//   kOptions     instance key -> the index of the default option, then the options
+//   kLevels      instance key -> read level, write level (role names; "" keeps the model's)
+//   kAttributes  variable or node path ("network.interface.mtu") -> name, value, name, value...
+// A variable instance without a record of a kind is as the model declares it.
+//
+// RecordState keeps two views of them. `committed` is what reached the disk and is what clients
+// read; `accepted` adds the changes handed to the disk but not yet back, and is what new changes
+// are checked against, so that two changes in flight are never checked against a state that one
+// of them already made stale. Both are for the serving thread only.
+#ifndef CONFIGSRVC_RECORDS_H
+#define CONFIGSRVC_RECORDS_H
+
+#include <array>
+#include <deque>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace configsrvc {
+
+enum class RecordKind { kValue = 0, kOptions = 1, kLevels = 2, kAttributes = 3 };
+constexpr int kRecordKinds = 4;
+
+// One change to one record. `reset` removes it (the model's word holds again); otherwise
+// `values` replace it.
+struct StoredChange {
+    RecordKind kind = RecordKind::kValue;
+    std::string key;
+    bool reset = false;
+    std::vector<std::string> values;
+};
+
+class Records {
+  public:
+    using Map = std::unordered_map<std::string, std::vector<std::string>>;
+
+    Records() = default;
+    virtual ~Records() = default;
+
+    // The record of `kind` under `key`, or null when there is none.
+    const std::vector<std::string>* find(RecordKind kind, const std::string& key) const {
+        const Map& map = maps_[static_cast<int>(kind)];
+        if (map.empty()) {  // the common case for overrides: no hashing at all
+            return nullptr;
+        }
+        auto it = map.find(key);
+        return it == map.end() ? nullptr : &it->second;
+    }
+    const Map& all(RecordKind kind) const { return maps_[static_cast<int>(kind)]; }
+    void apply(const StoredChange& change);
+
+  private:
+    std::array<Map, kRecordKinds> maps_;
+};
+
+class RecordState {
+  public:
+    explicit RecordState(Records committed);
+    virtual ~RecordState() = default;
+
+    const Records& committed() const { return committed_; }
+    const Records& accepted() const { return accepted_; }
+
+    // `changes` were handed to the disk, after every batch accepted before them.
+    void accept(const std::vector<StoredChange>& changes);
+    // The oldest accepted batch came back from the disk, stored or not.
+    void finish(bool stored);
+
+  private:
+    Records committed_;
+    Records accepted_;
+    std::deque<std::vector<StoredChange>> inFlight_;
+};
+
+}  // namespace configsrvc
+
+#endif  // CONFIGSRVC_RECORDS_H
