@@ -69,16 +69,22 @@ ConfigSession::Status ConfigSession::call(uint32_t requestId,
     return sent == kOk ? receive(responseId, response, timeoutMs) : sent;
 }
 
-ConfigSession::Status ConfigSession::read(const ConfigIF::ReadReq& request,
-                                          ConfigIF::ReadRsp* response, int timeoutMs) {
-    return call(ConfigProtocol::kReadReqMsgId, request, ConfigProtocol::kReadRspMsgId, response,
-                timeoutMs);
+#define CONFIG_SESSION_DEFINE_CALL(method, Type)                                                   \
+    ConfigSession::Status ConfigSession::method(const ConfigIF::Type##Req& request,                \
+                                                ConfigIF::Type##Rsp* response, int timeoutMs) {    \
+        return call(ConfigProtocol::k##Type##ReqMsgId, request, ConfigProtocol::k##Type##RspMsgId, \
+                    response, timeoutMs);                                                          \
+    }
+CONFIG_SESSION_CALLS(CONFIG_SESSION_DEFINE_CALL)
+#undef CONFIG_SESSION_DEFINE_CALL
+
+// Both commands have no fields, so their encoding is empty.
+ConfigSession::Status ConfigSession::flushAll() {
+    return sendRaw(ConfigProtocol::kFlushAllCmdMsgId, "");
 }
 
-ConfigSession::Status ConfigSession::write(const ConfigIF::WriteReq& request,
-                                           ConfigIF::WriteRsp* response, int timeoutMs) {
-    return call(ConfigProtocol::kWriteReqMsgId, request, ConfigProtocol::kWriteRspMsgId, response,
-                timeoutMs);
+ConfigSession::Status ConfigSession::clearConfig() {
+    return sendRaw(ConfigProtocol::kClearConfigCmdMsgId, "");
 }
 
 ConfigSession::Status ConfigSession::sendRaw(uint32_t msgId, const std::string& bytes) {

@@ -21,11 +21,40 @@
 
 #include "Common/protobuf/v3/ConfigProtocol.h"
 
+// Every request a client sends and the response it waits for: X(method, Type) stands for the
+// pair ConfigIF::TypeReq / ConfigIF::TypeRsp, called with method().
+#define CONFIG_SESSION_CALLS(X)                               \
+    X(read, Read)                                             \
+    X(write, Write)                                           \
+    X(batchRead, BatchRead)                                   \
+    X(validate, Validate)                                     \
+    X(getAttribute, GetAttribute)                             \
+    X(setAttribute, SetAttribute)                             \
+    X(readAttributes, ReadAttributes)                         \
+    X(resetAttribute, ResetAttribute)                         \
+    X(getAttributeOptions, GetAttributeOptions)               \
+    X(getDefaultOptions, GetDefaultOptions)                   \
+    X(setAttributeOptions, SetAttributeOptions)               \
+    X(getAccessLevels, GetAccessLevels)                       \
+    X(setAccessLevels, SetAccessLevels)                       \
+    X(getValueOptionsAccess, GetValueOptionsAccess)           \
+    X(batchGetValueOptionsAccess, BatchGetValueOptionsAccess) \
+    X(resetValue, ResetValue)                                 \
+    X(resetNodeValue, ResetNodeValue)                         \
+    X(submit, Submit)                                         \
+    X(componentChange, ComponentChange)                       \
+    X(createProfile, CreateProfile)                           \
+    X(applyProfile, ApplyProfile)                             \
+    X(registerClientCallback, RegisterClientCallback)         \
+    X(unregisterClientCallback, UnregisterClientCallback)     \
+    X(unregisterAllClientCallbacks, UnregisterAllClientCallbacks)
+
 namespace ConfigIF {
-class ReadReq;
-class ReadRsp;
-class WriteReq;
-class WriteRsp;
+#define CONFIG_SESSION_DECLARE_TYPES(method, Type) \
+    class Type##Req;                               \
+    class Type##Rsp;
+CONFIG_SESSION_CALLS(CONFIG_SESSION_DECLARE_TYPES)
+#undef CONFIG_SESSION_DECLARE_TYPES
 }  // namespace ConfigIF
 
 namespace configclient {
@@ -58,9 +87,17 @@ class ConfigSession {
     Status call(uint32_t requestId, const google::protobuf::MessageLite& request,
                 uint32_t responseId, google::protobuf::MessageLite* response, int timeoutMs);
 
-    // call() with the protocol's ids of a read and of a write.
-    Status read(const ConfigIF::ReadReq& request, ConfigIF::ReadRsp* response, int timeoutMs);
-    Status write(const ConfigIF::WriteReq& request, ConfigIF::WriteRsp* response, int timeoutMs);
+    // One call() per request of the protocol, with its ids, e.g.
+    //   Status batchRead(const ConfigIF::BatchReadReq& request, ConfigIF::BatchReadRsp* response,
+    //                    int timeoutMs);
+#define CONFIG_SESSION_DECLARE_CALL(method, Type) \
+    Status method(const ConfigIF::Type##Req& request, ConfigIF::Type##Rsp* response, int timeoutMs);
+    CONFIG_SESSION_CALLS(CONFIG_SESSION_DECLARE_CALL)
+#undef CONFIG_SESSION_DECLARE_CALL
+
+    // The two commands without a response: sent, never answered.
+    Status flushAll();
+    Status clearConfig();
 
     // Sends `bytes` as they are, under any id: for what a well-behaved client never sends.
     Status sendRaw(uint32_t msgId, const std::string& bytes);
@@ -69,7 +106,9 @@ class ConfigSession {
     Status receive(uint32_t responseId, google::protobuf::MessageLite* response, int timeoutMs);
 
     // The libmsgpass status of the last step that failed (MSG_OK when none did).
-    int transportStatus() const { return transportStatus_; }
+    int transportStatus() const {
+        return transportStatus_;
+    }
 
   private:
     Status send(MSG_Msg* message);
