@@ -7,50 +7,34 @@
 // /tmp). The one-client runs pin the service and this program to CPU 0, so the latency measured
 // is the service's and not the scheduler's.
 #include <fcntl.h>
-#include <sched.h>
-#include <signal.h>
-#include <spawn.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "ConfigSession.h"
-
-extern char** environ;
+#include "service_runner.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using configclient::ConfigSession;
-
-constexpr int kConnectMs = 5000;
-constexpr int kAnswerMs = 10000;
+using servicebench::kAnswerMs;
+using servicebench::kConnectMs;
+using servicebench::median;
 
 struct Settings {
     int rounds = 5;
     double seconds = 0.5;
     std::string dir;
 };
-
-double median(std::vector<double> values) {
-    if (values.empty()) {
-        return 0;
-    }
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 double percentile(std::vector<double>& sorted, double p) {
     if (sorted.empty()) {
@@ -80,43 +64,6 @@ double fsyncCostMs(const std::string& dir, int samples) {
     close(fd);
     unlink(path.c_str());
     return median(times);
-}
-
-void pinToCpu0(pid_t pid) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(0, &set);
-    sched_setaffinity(pid, sizeof set, &set);
-}
-
-void unpin() {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        CPU_SET(cpu, &set);
-    }
-    sched_setaffinity(0, sizeof set, &set);
-}
-
-pid_t startService(const std::string& state, bool pinned) {
-    std::vector<std::string> argv = {CONFIGSRVC_BIN, "--model", EXAMPLE_MODEL, "--state", state};
-    if (pinned) {
-        argv.insert(argv.begin(), {"/usr/bin/taskset", "-c", "0"});
-    }
-    std::vector<char*> args;
-    for (std::string& arg : argv) {
-        args.push_back(arg.data());
-    }
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
 }
 
 // One request/response on `session`; false on any failure or error answer.
@@ -220,12 +167,6 @@ Result measure(int clients, bool writes, double seconds) {
     return result;
 }
 
-bool waitForService() {
-    ConfigSession probe;
-    return probe.connect("bench-probe-" + std::to_string(getpid()), kConnectMs) ==
-           ConfigSession::kOk;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -240,18 +181,10 @@ int main(int argc, char** argv) {
             settings.dir = argv[i + 1];
         }
     }
-    bool ownDir = settings.dir.empty();
-    if (ownDir) {
-        char pattern[] = "/tmp/configsrvc-bench-XXXXXX";
-        settings.dir = mkdtemp(pattern) ? pattern : "/tmp";
-    }
-    std::string endpoints = settings.dir + "/ep";
-    mkdir(endpoints.c_str(), 0755);
-    setenv("MSGPASS_DIR", endpoints.c_str(), 1);
-    signal(SIGPIPE, SIG_IGN);
+    const servicebench::ScratchDir dir(settings.dir);
 
-    double fsyncMs = fsyncCostMs(settings.dir, 200);
-    std::printf("fsync (512 bytes + fdatasync) on %s: median %.3f ms\n\n", settings.dir.c_str(),
+    double fsyncMs = fsyncCostMs(dir.path(), 200);
+    std::printf("fsync (512 bytes + fdatasync) on %s: median %.3f ms\n\n", dir.path().c_str(),
                 fsyncMs);
     std::printf("%-6s %-8s %12s %9s %9s %9s   (%d rounds of %.1f s; median rate)\n", "op",
                 "clients", "per second", "p50 ms", "p90 ms", "p99 ms", settings.rounds,
@@ -263,14 +196,14 @@ int main(int argc, char** argv) {
     long failures = 0;
     for (int clients : {1, 8, 32}) {
         bool pinned = clients == 1;
-        std::string state = settings.dir + "/state-" + std::to_string(clients);
-        pid_t service = startService(state, pinned);
-        if (service < 0 || !waitForService()) {
+        std::string state = dir.path() + "/state-" + std::to_string(clients);
+        pid_t service = servicebench::startService(state, pinned);
+        if (service < 0) {
             std::fprintf(stderr, "configsrvc did not start\n");
             return 1;
         }
         if (pinned) {
-            pinToCpu0(0);
+            servicebench::pinToCpu0();
         }
         for (bool writes : {false, true}) {
             std::vector<double> rates;
@@ -293,9 +226,8 @@ int main(int argc, char** argv) {
                 writes32 = rate;
             }
         }
-        unpin();
-        kill(service, SIGTERM);
-        waitpid(service, nullptr, 0);
+        servicebench::unpin();
+        servicebench::stopService(service);
     }
 
     std::printf("\ntargets:\n");
@@ -306,9 +238,5 @@ int main(int argc, char** argv) {
     std::printf("  writes/s with 32 clients      %10.0f  >= 2000         %s\n", writes32,
                 writes32 >= 2000 ? "met" : "NOT MET");
     std::printf("  failed requests               %10ld\n", failures);
-    if (ownDir) {
-        std::error_code ignored;
-        std::filesystem::remove_all(settings.dir, ignored);
-    }
     return failures == 0 ? 0 : 1;
 }
