@@ -131,9 +131,10 @@ bool applyAttributes(const std::vector<std::string>& pairs, VariableDef* variabl
         const std::string& name = pairs[i];
         if (!appliesTo(name, variable)) {
             *reason = "attribute " + quoted(name) + " cannot be set on " +
-                      (variable == nullptr ? std::string("a node")
-                                           : std::string("a ") + (variable->isList ? "list " : "") +
-                                                 kindName(variable->kind) + " variable");
+                      (variable == nullptr
+                           ? std::string("a node")
+                           : "'" + variable->name + "' (" + (variable->isList ? "a list of " : "") +
+                                 kindName(variable->kind) + ")");
             return false;
         }
         if (!applyAttribute(name, pairs[i + 1], variable, reason)) {
@@ -155,8 +156,8 @@ bool defaultsFit(const VariableDef& variable, std::string* reason) {
 bool applyOptions(const std::vector<std::string>& record, VariableDef* variable,
                   std::string* reason) {
     if (variable->kind != ValueKind::kOption) {
-        *reason = "'" + variable->name + "' is a " + kindName(variable->kind) +
-                  " variable and has no options";
+        *reason = "'" + variable->name + "' has no options (it is of kind " +
+                  kindName(variable->kind) + ")";
         return false;
     }
     if (record.size() < 2 || record.size() - 1 > kMaxListCount) {

@@ -238,6 +238,67 @@ TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
     }
 }
 
+TEST_F(ConfigServiceTest, StoredOverridesTheModelNoLongerTakesAreIgnoredButKept) {
+    tamper(
+        "INSERT INTO override VALUES(3, 'audio.volume', '3:max3:120'), (3, 'audio.bass', ''),"
+        "(3, 'audio', '3:max1:3'), (3, 'video.brightness', '3:max2:10'),"
+        "(1, 'audio[1]/volume', '1:01:a'), (2, 'audio[1]/mute', '6:kAdmin5:kRoot'), (9, 'x', '');"
+        "INSERT INTO setting VALUES('audio[1]/volume', '3:110')");
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_THAT(warnings_,
+                testing::UnorderedElementsAre(
+                    "stored attributes of 'audio.bass' is ignored: the model has no such node or "
+                    "variable",
+                    "stored attributes of 'audio' is ignored: attribute 'max' cannot be set on a "
+                    "node",
+                    "stored attributes of 'video.brightness' is ignored: the default would no "
+                    "longer fit: value 70 of 'brightness' is above the maximum 10",
+                    "stored options of 'audio[1]/volume' is ignored: 'volume' has no options (it "
+                    "is of kind integer)",
+                    "stored levels of 'audio[1]/mute' is ignored: unknown role 'kRoot'",
+                    "stored record of 'x' is ignored: it is of an unknown kind"));
+    EXPECT_EQ(valuesOf(read(kVolume)), Values{"110"});  // fits the stored maximum of 120
+}
+
+TEST_F(ConfigServiceTest, DatabaseOfTheValuesOnlyFormatIsTakenOverWithItsValues) {
+    tamper(
+        "DROP TABLE override; PRAGMA user_version=1;"
+        "INSERT INTO setting VALUES('audio[1]/volume', '2:10')");
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_EQ(valuesOf(read(kVolume)), Values{"10"});
+    // The table of overrides was added: an override can be stored.
+    ConfigIF::SetAttributeReq request;
+    request.set_name("t");
+    request.set_role(kAdmin);
+    request.set_node_name("audio.volume");
+    request.set_node_xml_attributes("<attributes max=\"90\"/>");
+    EXPECT_EQ(static_cast<const ConfigIF::SetAttributeRsp&>(
+                  *ask(ConfigProtocol::kSetAttributeReqMsgId, request.SerializeAsString(), kService)
+                       .message)
+                  .error(),
+              kErrNoError);
+}
+
+TEST_F(ConfigServiceTest, ChangeThatCannotBeStoredIsAnsweredSoAndLeavesNoTrace) {
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(database().c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    const ConfigIF::ReturnMessage failed = write(kVolume, {"80"});
+    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    EXPECT_EQ(failed.error(), kErrGenericError);
+    EXPECT_THAT(failed.error_message(),
+                ElementsAre("the change could not be stored: database is locked"));
+    EXPECT_TRUE(read(kVolume).is_default());
+    // Nothing of the failed write is left among what later changes are checked against.
+    ConfigIF::ResetValueReq reset;
+    reset.set_name("t");
+    reset.set_role(kAdmin);
+    *reset.mutable_instance() = testsupport::instOf(kVolume);
+    EXPECT_TRUE(ask(ConfigProtocol::kResetValueReqMsgId, reset.SerializeAsString(), kService)
+                    .changes.empty());
+}
+
 // SQL run on the database (none: text written over it), and the error after its path.
 using Damage = std::pair<std::string, std::string>;
 
