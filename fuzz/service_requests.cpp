@@ -88,8 +88,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t request = choice == 0 ? ((data[0] & 1) != 0 ? ConfigProtocol::kWriteReqMsgId
                                                                : ConfigProtocol::kReadReqMsgId)
                                          : f.requests[choice % f.requests.size()];
+    google::protobuf::Arena arena;
     Answer answer;
-    f.service->handle(request, data + 1, size - 1, sender, &answer);
+    f.service->handle(request, data + 1, size - 1, sender, &arena, &answer);
     FUZZ_CHECK(answer.msgId == ConfigProtocol::responseIdOf(request));
     FUZZ_CHECK(answer.message != nullptr && answer.message->IsInitialized());
     checkErrors(*answer.message);

@@ -1,5 +1,7 @@
 #include "ConfigService.h"
 
+#include <google/protobuf/descriptor.h>
+
 #include "Common/protobuf/v3/ConfigProtocol.h"
 #include "Overrides.h"
 #include "ValueCheck.h"
@@ -46,7 +48,7 @@ void fillAnswered(const ConfigIF::Inst& requested, const ResolvedVariable& found
     }
     for (const PathStep& step : found.answered) {
         ConfigIF::Node* node = answered->add_node();
-        node->set_name(step.name);
+        node->set_name(step.name.data(), step.name.size());
         node->set_instance(step.instance);
     }
 }
@@ -106,12 +108,16 @@ const ConfigService::Command ConfigService::kCommands[] = {
 
 #undef CONFIG_COMMAND
 
+void pathOf(const ConfigIF::Inst& instance, std::vector<PathStep>* path) {
+    path->clear();
+    for (const ConfigIF::Node& node : instance.node()) {
+        path->push_back({node.name(), node.instance()});
+    }
+}
+
 std::vector<PathStep> pathOf(const ConfigIF::Inst& instance) {
     std::vector<PathStep> path;
-    path.reserve(instance.node_size());
-    for (const ConfigIF::Node& node : instance.node()) {
-        path.push_back({node.name(), node.instance()});
-    }
+    pathOf(instance, &path);
     return path;
 }
 
@@ -169,29 +175,40 @@ ConfigService::ConfigService(const DeviceModel& model, const RecordState& state,
 ConfigService::~ConfigService() = default;
 
 bool ConfigService::serves(uint32_t requestId) {
-    for (const Command& command : kCommands) {
-        if (command.requestId == requestId) {
-            return true;
-        }
-    }
-    return false;
+    return ConfigProtocol::responseIdOf(requestId) != 0;
+}
+
+// The answer to a request of the protocol that this service does not carry out (yet): its
+// response, refusing with kErrNotYetSupported, rather than silence until the client gives up.
+void answerUnsupported(uint32_t requestId, google::protobuf::Arena* arena, Answer* answer) {
+    answer->msgId = ConfigProtocol::responseIdOf(requestId);
+    const google::protobuf::Descriptor* type =
+        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(
+            std::string("ConfigIF.") + ConfigProtocol::messageNameOf(answer->msgId));
+    answer->message =
+        google::protobuf::MessageFactory::generated_factory()->GetPrototype(type)->New(arena);
+    const std::string reason =
+        std::string(ConfigProtocol::messageNameOf(requestId)) + " is not supported by this service";
+    setError(CommonIF::kErrNotYetSupported, reason, answer->message);
+    answer->refusals.push_back(reason);
 }
 
 void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
-                           Answer* answer) const {
+                           google::protobuf::Arena* arena, Answer* answer) const {
     const Command* command = nullptr;
     for (const Command& candidate : kCommands) {
         command = candidate.requestId == requestId ? &candidate : command;
     }
     if (command == nullptr) {
+        answerUnsupported(requestId, arena, answer);
         return;
     }
     answer->msgId = command->responseId;
-    answer->message.reset(command->response().New());
-    std::unique_ptr<Message> request(command->request().New());
+    answer->message = command->response().New(arena);
+    Message* request = command->request().New(arena);
     std::string reason;
     eErrorType error = CommonIF::kErrNoError;
-    if (!parseRequest(payload, bytes, request.get(), &reason)) {
+    if (!parseRequest(payload, bytes, request, &reason)) {
         error = CommonIF::kErrBadParameter;
     } else {
         const FieldDescriptor* role = request->GetDescriptor()->FindFieldByName("role");
@@ -203,11 +220,11 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
         answer->requester = printable(request->GetReflection()->GetString(*request, name), 64);
     }
     if (error == CommonIF::kErrNoError) {
-        command->handle(*this, *request, senderUid, answer->message.get(), answer);
+        command->handle(*this, *request, senderUid, answer->message, answer);
         return;
     }
     // A batch of levels has no overall error: every instance it names is refused instead.
-    if (auto* levels = dynamic_cast<ConfigIF::SetAccessLevelsRsp*>(answer->message.get())) {
+    if (auto* levels = dynamic_cast<ConfigIF::SetAccessLevelsRsp*>(answer->message)) {
         for (const ConfigIF::Inst& instance :
              static_cast<const ConfigIF::SetAccessLevelsReq&>(*request).instance()) {
             ConfigIF::AccessLevelErr* item = levels->add_errors();
@@ -215,7 +232,7 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
             item->set_error(error);
         }
     }
-    setError(error, reason, answer->message.get());
+    setError(error, reason, answer->message);
     answer->refusals.push_back(reason);
 }
 
@@ -280,10 +297,11 @@ bool ConfigService::resolve(const ConfigIF::Inst& instance, ResolvedVariable* fo
     return false;
 }
 
-void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role,
+void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role, Lookup* lookup,
                             ConfigIF::ReadRsp* response, std::string* reason) const {
-    ResolvedVariable found;
-    if (!model_.resolve(pathOf(instance), &found)) {
+    const ResolvedVariable& found = lookup->found;
+    pathOf(instance, &lookup->path);
+    if (!model_.resolve(lookup->path, &lookup->found)) {
         *reason = noVariable(instance);
         response->set_error(CommonIF::kErrItemNotFound);
         return;
@@ -308,7 +326,8 @@ void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role,
 void ConfigService::read(const ConfigIF::ReadReq& request, uid_t, ConfigIF::ReadRsp* response,
                          Answer* answer) const {
     std::string reason;
-    readOne(request.instance(), request.role(), response, &reason);
+    Lookup lookup;
+    readOne(request.instance(), request.role(), &lookup, response, &reason);
     if (response->error() != CommonIF::kErrNoError) {
         answer->refusals.push_back(reason);
     }
@@ -321,9 +340,11 @@ void ConfigService::batchRead(const ConfigIF::BatchReadReq& request, uid_t,
         return;
     }
     response->set_error(CommonIF::kErrNoError);
+    response->mutable_response()->Reserve(request.instance_size());
+    Lookup lookup;
     for (const ConfigIF::Inst& instance : request.instance()) {
         std::string reason;
-        readOne(instance, request.role(), response->add_response(), &reason);
+        readOne(instance, request.role(), &lookup, response->add_response(), &reason);
         if (!reason.empty()) {
             answer->refusals.push_back(reason);
         }

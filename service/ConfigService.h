@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include <google/protobuf/arena.h>
+
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "DeviceModel.h"
 #include "Records.h"
@@ -36,10 +38,16 @@ constexpr size_t kMaxRequestBytes = 2 * 1024 * 1024;
 // Most instances one batch request may name; more is refused as a whole.
 constexpr int kMaxBatchInstances = 1024;
 
+// What resolving an instance takes, kept across the items of a batch so that they reuse it.
+struct Lookup {
+    std::vector<PathStep> path;
+    ResolvedVariable found;
+};
+
 // What one request comes to.
 struct Answer {
-    uint32_t msgId = 0;                                  // the response's message id
-    std::unique_ptr<google::protobuf::Message> message;  // the response
+    uint32_t msgId = 0;                            // the response's message id
+    google::protobuf::Message* message = nullptr;  // the response, on the arena of handle()
     std::vector<StoredChange> changes;  // to store, all or nothing, before the response is sent
     std::vector<std::string> refusals;  // why the request, or items of it, were refused
     std::string requester;              // the name the request gave (printable), or
@@ -50,13 +58,16 @@ class ConfigService {
     ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid);
     virtual ~ConfigService();
 
-    // Whether `requestId` is a request this service answers.
+    // Whether `requestId` is a request of the protocol, which this service answers: those it
+    // does not carry out with kErrNotYetSupported.
     static bool serves(uint32_t requestId);
 
     // Answers the request of id `requestId` (one that serves() accepts) from a sender running
-    // as `senderUid`; always fills a complete response in *answer.
+    // as `senderUid`; always fills a complete response in *answer. The request and the response
+    // are made on `arena`, which must outlive the use of answer->message: a batch of a thousand
+    // items is then a few bump allocations rather than thousands of mallocs.
     void handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
-                Answer* answer) const;
+                google::protobuf::Arena* arena, Answer* answer) const;
 
     // Turns the answer to a change into the answer for when storing it failed with `error`.
     static void answerUnstored(const std::string& error, google::protobuf::Message* response);
@@ -74,7 +85,8 @@ class ConfigService {
     CommonIF::eErrorType checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
                                     std::string* reason) const;
     // Reads one instance into *response; a refused item carries its reason in *reason.
-    void readOne(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role,
+    // lookup->found holds the instance's variable when it was found.
+    void readOne(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role, Lookup* lookup,
                  ConfigIF::ReadRsp* response, std::string* reason) const;
     // The checks of a write; fills *change and *reboot when it may go ahead.
     CommonIF::eErrorType checkWrite(const ConfigIF::InstValue& target, CommonIF::eSecurityRole role,
@@ -86,7 +98,8 @@ class ConfigService {
     // The options and levels parts of a value-options-access answer.
     void fillOptions(const VariableDef& variable, ConfigIF::GetAttributeOptionsRsp* response) const;
     void fillValueOptionsAccess(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role,
-                                ConfigIF::ValueOptionsAccess* item, Answer* answer) const;
+                                Lookup* lookup, ConfigIF::ValueOptionsAccess* item,
+                                Answer* answer) const;
     // Whether every stored value and default of `variable`'s instances fits `candidate` (the
     // variable with other attributes), else the reason.
     bool storedValuesFit(const VariableDef& variable, const VariableDef& candidate,
@@ -147,7 +160,9 @@ std::string noNode(const std::string& path);
 // Whether a batch of `count` instances is beyond kMaxBatchInstances; records the refusal if so.
 bool batchTooLarge(int count, Answer* answer);
 
-// The path of an instance as the model resolves it.
+// The path of an instance as the model resolves it, in *path; the names are views of the
+// instance's.
+void pathOf(const ConfigIF::Inst& instance, std::vector<PathStep>* path);
 std::vector<PathStep> pathOf(const ConfigIF::Inst& instance);
 
 // Sets the error of any response of the protocol (its `error`, or its ret_message's error with

@@ -12,7 +12,7 @@ int32_t effectiveInstance(int32_t requested) {
     return requested == 0 ? 1 : requested;
 }
 
-void appendStep(std::string* key, const std::string& name, int32_t instance) {
+void appendStep(std::string* key, std::string_view name, int32_t instance) {
     *key += name;
     *key += '[';
     *key += std::to_string(instance);
@@ -44,6 +44,7 @@ bool DeviceModel::resolve(const std::vector<PathStep>& path, ResolvedVariable* f
     }
     found->answered.clear();
     found->key.clear();
+    found->key.reserve(64);
     const NodeDef* node = &root_;
     for (size_t i = 0; i < path.size(); ++i) {
         const PathStep& step = path[i];
@@ -58,7 +59,7 @@ bool DeviceModel::resolve(const std::vector<PathStep>& path, ResolvedVariable* f
                 return false;
             }
             found->variable = node->variables[~child->second].get();
-            found->answered.push_back({step.name, instance});
+            found->answered.push_back({child->first, instance});
             found->key += step.name;
             return true;
         }
@@ -66,7 +67,7 @@ bool DeviceModel::resolve(const std::vector<PathStep>& path, ResolvedVariable* f
         if (last || instance < 1 || instance > next->instances) {
             return false;
         }
-        found->answered.push_back({step.name, instance});
+        found->answered.push_back({child->first, instance});
         appendStep(&found->key, step.name, instance);
         node = next;
     }
@@ -79,17 +80,18 @@ bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) co
     size_t pos = 0;
     while (pos <= key.size()) {
         size_t slash = key.find('/', pos);
-        std::string part = key.substr(pos, slash == std::string::npos ? slash : slash - pos);
+        std::string_view part =
+            std::string_view(key).substr(pos, slash == std::string::npos ? slash : slash - pos);
         PathStep step;
         size_t open = part.find('[');
         if (open == std::string::npos) {
             step.name = part;
         } else {
-            if (part.back() != ']' || open + 2 >= part.size()) {
+            if (part.empty() || part.back() != ']' || open + 2 >= part.size()) {
                 return false;
             }
             step.name = part.substr(0, open);
-            std::string digits = part.substr(open + 1, part.size() - open - 2);
+            std::string digits(part.substr(open + 1, part.size() - open - 2));
             char* end = nullptr;
             long number = std::strtol(digits.c_str(), &end, 10);
             if (*end != '\0' || number < 1 || number > kMaxInstances) {

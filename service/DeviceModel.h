@@ -24,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Common/protobuf/v3/common.pb.h"
@@ -68,7 +69,8 @@ struct NodeDef {
     std::vector<std::unique_ptr<NodeDef>> nodes;
     std::vector<std::unique_ptr<VariableDef>> variables;
     // Child name -> node (index >= 0) or variable (~index). Names are unique among siblings.
-    std::map<std::string, int> childIndex;
+    // Transparent, so that a name in a request is looked up without a copy.
+    std::map<std::string, int, std::less<>> childIndex;
 };
 
 // Who may claim which role. Root and the service's own user may claim every role unless listed;
@@ -78,9 +80,10 @@ struct ClaimPolicy {
     std::map<uid_t, CommonIF::eSecurityRole> maxByUid;
 };
 
-// One element of a requested path.
+// One element of a requested path. The name is a view: of the request while it is resolved, of
+// the model (which outlives every request) once resolve() has answered it.
 struct PathStep {
-    std::string name;
+    std::string_view name;
     int32_t instance = 0;
 };
 

@@ -170,21 +170,20 @@ void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, uid_t
 }
 
 void ConfigService::fillValueOptionsAccess(const ConfigIF::Inst& instance, eSecurityRole role,
-                                           ConfigIF::ValueOptionsAccess* item,
+                                           Lookup* lookup, ConfigIF::ValueOptionsAccess* item,
                                            Answer* answer) const {
     std::string reason;
-    readOne(instance, role, item->mutable_read_rsp(), &reason);
+    readOne(instance, role, lookup, item->mutable_read_rsp(), &reason);
     if (!reason.empty()) {
         answer->refusals.push_back(reason);
     }
-    ResolvedVariable found;
-    if (!model_.resolve(pathOf(instance), &found)) {
+    if (item->read_rsp().error() == CommonIF::kErrItemNotFound) {
         item->mutable_options_rsp()->set_error(CommonIF::kErrItemNotFound);
         item->mutable_access_level_rsp()->set_error(CommonIF::kErrItemNotFound);
         return;
     }
     VariableDef scratch;
-    const VariableDef& variable = effectiveVariable(state_.committed(), found, &scratch);
+    const VariableDef& variable = effectiveVariable(state_.committed(), lookup->found, &scratch);
     fillOptionList(variable, item->mutable_options_rsp());
     fillLevels(variable, item->mutable_access_level_rsp());
 }
@@ -198,8 +197,9 @@ void ConfigService::getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessR
         return;
     }
     response->set_error(CommonIF::kErrNoError);
-    fillValueOptionsAccess(request.instance(), request.role(), response->mutable_valoptacc(),
-                           answer);
+    Lookup lookup;
+    fillValueOptionsAccess(request.instance(), request.role(), &lookup,
+                           response->mutable_valoptacc(), answer);
 }
 
 void ConfigService::batchGetValueOptionsAccess(
@@ -210,8 +210,10 @@ void ConfigService::batchGetValueOptionsAccess(
         return;
     }
     response->set_error(CommonIF::kErrNoError);
+    Lookup lookup;
     for (const ConfigIF::Inst& instance : request.instance()) {
-        fillValueOptionsAccess(instance, request.role(), response->add_valoptacc(), answer);
+        fillValueOptionsAccess(instance, request.role(), &lookup, response->add_valoptacc(),
+                               answer);
     }
 }
 

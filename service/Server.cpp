@@ -22,6 +22,9 @@ constexpr int kRequestsPerRound = 64;
 // library coalesced can never leave a request waiting.
 constexpr int kIdlePollMs = 1000;
 
+// The first block of the request arena: enough for a batch of a thousand reads.
+constexpr size_t kArenaBlockBytes = 512 * 1024;
+
 // What run() waits on, by slot of its poll set.
 enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPollSlotCount };
 
@@ -29,7 +32,16 @@ enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPollSlotCount };
 
 Server::Server(const ConfigService& service, RecordState* state, Committer* committer,
                const std::string& endpoint)
-    : service_(service), state_(state), committer_(committer), endpoint_(endpoint) {}
+    : service_(service),
+      state_(state),
+      committer_(committer),
+      endpoint_(endpoint),
+      arenaBlock_(kArenaBlockBytes) {
+    google::protobuf::ArenaOptions options;
+    options.initial_block = arenaBlock_.data();
+    options.initial_block_size = arenaBlock_.size();
+    arena_ = std::make_unique<google::protobuf::Arena>(options);
+}
 
 Server::~Server() {
     if (open_) {
@@ -97,13 +109,16 @@ void Server::submit(const MSG_Sender& sender, Answer* answer) {
         logmsg_warn(kLogModule, "change from pid %d refused: too many changes pending\n",
                     static_cast<int>(sender.pid));
         ConfigService::answerUnstored("too many changes are waiting for the disk; try again",
-                                      answer->message.get());
-        setError(CommonIF::kErrOutOfResources, "", answer->message.get());
+                                      answer->message);
+        setError(CommonIF::kErrOutOfResources, "", answer->message);
         send(sender.address, answer->msgId, *answer->message);
         return;
     }
     state_->accept(answer->changes);
-    waiting_.push_back({ticket, sender.address, answer->msgId, std::move(answer->message)});
+    // The answer waits for the disk beyond this request's arena.
+    std::unique_ptr<google::protobuf::Message> kept(answer->message->New());
+    kept->CopyFrom(*answer->message);
+    waiting_.push_back({ticket, sender.address, answer->msgId, std::move(kept)});
 }
 
 void Server::dispatch(MSG_Msg* request) {
@@ -120,13 +135,14 @@ void Server::dispatch(MSG_Msg* request) {
     }
     Answer answer;
     service_.handle(id, MSG_GetPayload(request), static_cast<size_t>(MSG_GetPayloadBytes(request)),
-                    sender.uid, &answer);
+                    sender.uid, arena_.get(), &answer);
     logRefusals(id, sender, answer);
     if (answer.changes.empty()) {
         send(sender.address, answer.msgId, *answer.message);
     } else {
         submit(sender, &answer);
     }
+    arena_->Reset();
 }
 
 bool Server::serveRequests() {

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include <google/protobuf/arena.h>
+
 #include "Committer.h"
 #include "ConfigService.h"
 #include "Records.h"
@@ -60,6 +62,10 @@ class Server {
     std::string endpoint_;
     bool open_ = false;
     uint64_t nextTicket_ = 1;
+    // Where requests and their immediate answers are made, emptied after each request: its
+    // first block is ours, so serving a read allocates nothing.
+    std::vector<char> arenaBlock_;
+    std::unique_ptr<google::protobuf::Arena> arena_;
     std::deque<Waiting> waiting_;  // in submission order, as the committer finishes them
     std::vector<FinishedWrite> finished_;
 };

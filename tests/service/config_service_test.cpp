@@ -60,7 +60,7 @@ class ConfigServiceTest : public testing::Test {
     // Answers a request as the server does: its changes are stored before it is answered.
     Answer ask(uint32_t requestId, const std::string& payload, uid_t uid) {
         Answer answer;
-        service_->handle(requestId, payload.data(), payload.size(), uid, &answer);
+        service_->handle(requestId, payload.data(), payload.size(), uid, &arena_, &answer);
         if (!answer.changes.empty()) {
             std::vector<const StoredChange*> changes;
             for (const StoredChange& change : answer.changes) {
@@ -70,7 +70,7 @@ class ConfigServiceTest : public testing::Test {
             state_->accept(answer.changes);
             state_->finish(stored);
             if (!stored) {
-                ConfigService::answerUnstored(error_, answer.message.get());
+                ConfigService::answerUnstored(error_, answer.message);
             }
         }
         return answer;
@@ -128,6 +128,7 @@ class ConfigServiceTest : public testing::Test {
     std::vector<std::string> warnings_;
     std::unique_ptr<ValueStore> store_;
     std::unique_ptr<RecordState> state_;
+    google::protobuf::Arena arena_;  // holds every answer for the test's length
     std::unique_ptr<ConfigService> service_;
 };
 

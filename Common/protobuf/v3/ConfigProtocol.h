@@ -86,7 +86,10 @@ inline MSG_Msg* encodeMessage(uint32_t msgId, int flags,
         *failure = kAllocFailed;
         return nullptr;
     }
-    if (!message.SerializeToArray(MSG_GetPayloadMutable(handle), static_cast<int>(size))) {
+    // The sizes ByteSizeLong() cached are used: a second size pass would cost as much again.
+    auto* payload = static_cast<uint8_t*>(MSG_GetPayloadMutable(handle));
+    if (!message.IsInitialized() ||
+        message.SerializeWithCachedSizesToArray(payload) != payload + size) {
         MSG_ReleaseMsg(handle);
         *failure = kSerializeFailed;
         return nullptr;
