@@ -223,8 +223,10 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
         command->handle(*this, *request, senderUid, answer->message, answer);
         return;
     }
-    // A batch of levels has no overall error: every instance it names is refused instead.
-    if (auto* levels = dynamic_cast<ConfigIF::SetAccessLevelsRsp*>(answer->message)) {
+    // A batch of levels has no overall error: every instance of a refused claim is refused
+    // instead. A request that did not parse names nothing that could be echoed safely.
+    auto* levels = dynamic_cast<ConfigIF::SetAccessLevelsRsp*>(answer->message);
+    if (levels != nullptr && error == CommonIF::kErrNotAuthorized) {
         for (const ConfigIF::Inst& instance :
              static_cast<const ConfigIF::SetAccessLevelsReq&>(*request).instance()) {
             ConfigIF::AccessLevelErr* item = levels->add_errors();
