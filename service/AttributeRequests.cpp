@@ -170,8 +170,7 @@ void ConfigService::getAttribute(const ConfigIF::GetAttributeReq& request, uid_t
     response->set_node_name(request.node_name());
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
-    if (!model_.findByPath(request.node_name(), &node, &variable)) {
-        answer->refusals.push_back(noNode(request.node_name()));
+    if (!findNamed(request.node_name(), &node, &variable, answer)) {
         response->set_error(CommonIF::kErrItemNotFound);
         return;
     }

@@ -290,6 +290,15 @@ std::string noNode(const std::string& path) {
     return "no node or variable '" + printable(path, 200) + "' in the model";
 }
 
+bool ConfigService::findNamed(const std::string& path, const NodeDef** node,
+                              const VariableDef** variable, Answer* answer) const {
+    if (model_.findByPath(path, node, variable)) {
+        return true;
+    }
+    answer->refusals.push_back(noNode(path));
+    return false;
+}
+
 bool ConfigService::resolve(const ConfigIF::Inst& instance, ResolvedVariable* found,
                             Answer* answer) const {
     if (model_.resolve(pathOf(instance), found)) {
@@ -387,42 +396,40 @@ eErrorType ConfigService::checkWrite(const ConfigIF::InstValue& target, eSecurit
     return CommonIF::kErrNoError;
 }
 
-void ConfigService::write(const ConfigIF::WriteReq& request, uid_t senderUid,
-                          ConfigIF::WriteRsp* response, Answer* answer) const {
-    StoredChange change;
+bool ConfigService::answerWriteChecks(const ConfigIF::InstValue& target, eSecurityRole role,
+                                      bool overriding, uid_t senderUid,
+                                      ConfigIF::ReturnMessage* message, Answer* answer,
+                                      StoredChange* change) const {
     bool reboot = false;
     std::string reason;
     const eErrorType error =
-        checkWrite(request.instance_val(), request.role(), request.override_security(), senderUid,
-                   &change, &reboot, &reason);
+        checkWrite(target, role, overriding, senderUid, change, &reboot, &reason);
+    message->set_error(error);
     if (error != CommonIF::kErrNoError) {
-        setError(error, reason, response);
+        message->add_error_message(reason);
         answer->refusals.push_back(reason);
-        return;
+        return false;
     }
-    response->mutable_ret_message()->set_error(CommonIF::kErrNoError);
     if (reboot) {
-        response->mutable_ret_message()->set_reboot_required(true);
+        message->set_reboot_required(true);
     }
-    answer->changes.push_back(std::move(change));
+    return true;
+}
+
+void ConfigService::write(const ConfigIF::WriteReq& request, uid_t senderUid,
+                          ConfigIF::WriteRsp* response, Answer* answer) const {
+    StoredChange change;
+    if (answerWriteChecks(request.instance_val(), request.role(), request.override_security(),
+                          senderUid, response->mutable_ret_message(), answer, &change)) {
+        answer->changes.push_back(std::move(change));
+    }
 }
 
 void ConfigService::validate(const ConfigIF::ValidateReq& request, uid_t senderUid,
                              ConfigIF::ValidateRsp* response, Answer* answer) const {
-    StoredChange change;
-    bool reboot = false;
-    std::string reason;
-    const eErrorType error = checkWrite(request.instance_val(), request.role(), false, senderUid,
-                                        &change, &reboot, &reason);
-    if (error != CommonIF::kErrNoError) {
-        setError(error, reason, response);
-        answer->refusals.push_back(reason);
-        return;
-    }
-    response->mutable_ret_message()->set_error(CommonIF::kErrNoError);
-    if (reboot) {
-        response->mutable_ret_message()->set_reboot_required(true);
-    }
+    StoredChange unstored;
+    answerWriteChecks(request.instance_val(), request.role(), false, senderUid,
+                      response->mutable_ret_message(), answer, &unstored);
 }
 
 void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, uid_t,
@@ -453,8 +460,7 @@ void ConfigService::resetNodeValue(const ConfigIF::ResetNodeValueReq& request, u
                                    ConfigIF::ResetNodeValueRsp* response, Answer* answer) const {
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
-    if (!model_.findByPath(request.node_name(), &node, &variable)) {
-        answer->refusals.push_back(noNode(request.node_name()));
+    if (!findNamed(request.node_name(), &node, &variable, answer)) {
         response->set_error(CommonIF::kErrItemNotFound);
         return;
     }

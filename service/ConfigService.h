@@ -80,6 +80,9 @@ class ConfigService {
     static void adapt(const ConfigService& service, const google::protobuf::Message& request,
                       uid_t senderUid, google::protobuf::Message* response, Answer* answer);
 
+    // Looks up a node or variable by its path of names, or records why not in answer->refusals.
+    bool findNamed(const std::string& path, const NodeDef** node, const VariableDef** variable,
+                   Answer* answer) const;
     // Resolves `instance`, or records why not in answer->refusals.
     bool resolve(const ConfigIF::Inst& instance, ResolvedVariable* found, Answer* answer) const;
     CommonIF::eErrorType checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
@@ -92,6 +95,11 @@ class ConfigService {
     CommonIF::eErrorType checkWrite(const ConfigIF::InstValue& target, CommonIF::eSecurityRole role,
                                     bool overriding, uid_t senderUid, StoredChange* change,
                                     bool* reboot, std::string* reason) const;
+    // Runs the checks of a write and answers them in *message; true with the change when it
+    // may go ahead.
+    bool answerWriteChecks(const ConfigIF::InstValue& target, CommonIF::eSecurityRole role,
+                           bool overriding, uid_t senderUid, ConfigIF::ReturnMessage* message,
+                           Answer* answer, StoredChange* change) const;
     // Whether *role reaches `level` to act on `what`, else the reason.
     bool reaches(CommonIF::eSecurityRole role, CommonIF::eSecurityRole level, const char* act,
                  const std::string& what, std::string* reason) const;
