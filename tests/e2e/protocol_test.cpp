@@ -41,29 +41,40 @@ std::unique_ptr<Message> newMessage(const std::string& name) {
         google::protobuf::MessageFactory::generated_factory()->GetPrototype(type)->New());
 }
 
+// `text` with every match of `pattern` replaced by what `replace` makes of it, in one pass.
+template <typename Replace>
+std::string replaceAll(const std::string& text, const std::regex& pattern, Replace replace) {
+    std::string out;
+    auto last = text.cbegin();
+    for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it) {
+        out.append(last, (*it)[0].first);
+        out += replace(*it);
+        last = (*it)[0].second;
+    }
+    return out.append(last, text.cend());
+}
+
 // Text of a case with its shorthands written out: "{{a/b 2}}" is the nodes of that path (as
 // ConfigPath reads it), "<<N: text>>" is N copies of text, "$UID" this process's uid, "-" is
 // nothing.
-std::string expand(std::string text) {
+std::string expand(const std::string& text) {
     if (text == "-") {
         return "";
     }
     static const std::regex kRepeat(R"(<<(\d+): ([^>]*)>>)");
     static const std::regex kPath(R"(\{\{([^}]*)\}\})");
-    text = testsupport::replaced(text, "$UID", std::to_string(geteuid()));
-    std::smatch match;
-    while (std::regex_search(text, match, kRepeat)) {
+    // Paths first, so that a repeated text is expanded once and not once per copy.
+    const std::string paths = replaceAll(text, kPath, [](const std::smatch& match) {
+        return testsupport::instOf(match[1]).ShortDebugString();
+    });
+    const std::string repeated = replaceAll(paths, kRepeat, [](const std::smatch& match) {
         std::string copies;
         for (int i = std::stoi(match[1]); i > 0; --i) {
             copies += match[2].str() + " ";
         }
-        text = match.prefix().str() + copies + match.suffix().str();
-    }
-    while (std::regex_search(text, match, kPath)) {
-        text = match.prefix().str() + testsupport::instOf(match[1]).ShortDebugString() +
-               match.suffix().str();
-    }
-    return text;
+        return copies;
+    });
+    return testsupport::replaced(repeated, "$UID", std::to_string(geteuid()));
 }
 
 class Protocol : public testing::Test {
