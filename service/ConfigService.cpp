@@ -197,7 +197,10 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
                            google::protobuf::Arena* arena, Answer* answer) const {
     const Command* command = nullptr;
     for (const Command& candidate : kCommands) {
-        command = candidate.requestId == requestId ? &candidate : command;
+        if (candidate.requestId == requestId) {
+            command = &candidate;
+            break;
+        }
     }
     if (command == nullptr) {
         answerUnsupported(requestId, arena, answer);

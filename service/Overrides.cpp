@@ -28,7 +28,8 @@ bool readNumber(const std::string& name, const std::string& text, int64_t low, i
     return true;
 }
 
-// Whether the attribute `name` means something for `variable` (null: a node).
+// Whether the attribute `name` may be set on `variable` (null: a node); the one list of what
+// is settable, given in Overrides.h.
 bool appliesTo(const std::string& name, const VariableDef* variable) {
     if (name == "description") {
         return true;

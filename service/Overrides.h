@@ -17,10 +17,9 @@
 
 namespace configsrvc {
 
-// Attributes that SetAttributeReq may change. "description" is the only one a node has; the
-// others apply to variables of the kinds their model-file meaning allows.
-constexpr const char* kSettableAttributes[] = {"description", "min",       "max",   "max-length",
-                                               "min-count",   "max-count", "reboot"};
+// The attributes SetAttributeReq may change: "description" on nodes and variables; "min" and
+// "max" on integer variables, "max-length" on string variables, "min-count" and "max-count" on
+// list variables, "reboot" on every variable, each as the model file spells it.
 constexpr size_t kMaxDescriptionBytes = 1024;
 
 // Applies an attribute record (name, value, name, value, ...) to *variable, or to a node when
