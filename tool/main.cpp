@@ -6,7 +6,6 @@
 #include "CommandLine.h"
 #include "ConfigClient.h"
 #include "ProductionLog.h"
-#include "startup/ProtobufLog.h"
 #include "transport/DebugTrace.h"
 
 namespace {
@@ -28,8 +27,10 @@ int run(const CommandLine& line) {
 
 }  // namespace
 
+// The protocol buffer runtime keeps its own log handler: its complaints (a string field that is
+// not UTF-8, the required fields a reply lacks) go to standard error as it writes them, beside
+// the tool's own lines.
 int main(int argc, char** argv) {
-    quietProtobufLog();
     // Before the first line: the log stream decides on its targets when it is created. Never
     // freed, like the stream that uses it.
     setLogMirror(new ProductionLog());
