@@ -4,7 +4,9 @@
 // one; bits 2 to 7 the request, counted among those the service answers in the order of the
 // protocol's list, where 0 means a ReadReq (bit 0 clear) or a WriteReq (bit 0 set). The rest is
 // the payload as it came off the wire. Whatever arrives, the answer must be a complete message
-// whose errors are members of eErrorType, and accepted changes must apply without harm.
+// whose errors are members of eErrorType, and accepted changes must apply without harm. A batch
+// read the service answers straight from its bytes must get exactly the bytes of the full
+// answer.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -94,6 +96,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(answer.msgId == ConfigProtocol::responseIdOf(request));
     FUZZ_CHECK(answer.message != nullptr && answer.message->IsInitialized());
     checkErrors(*answer.message);
+    Answer fromWire;
+    std::string encoded;
+    if (request == ConfigProtocol::kBatchReadReqMsgId &&
+        f.service->answerBatchReadFromWire(data + 1, size - 1, sender, &encoded, &fromWire)) {
+        FUZZ_CHECK(encoded == answer.message->SerializeAsString());
+        FUZZ_CHECK(fromWire.msgId == answer.msgId && fromWire.requester == answer.requester);
+        FUZZ_CHECK(answer.refusals.empty());
+    }
     if (!answer.changes.empty()) {
         // Only memory is changed here: the disk side is exercised by the store's own tests.
         f.state->accept(answer.changes);

@@ -69,6 +69,14 @@ class ConfigService {
     void handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
                 google::protobuf::Arena* arena, Answer* answer) const;
 
+    // Answers a batch read in the plain form clients send (see BatchReadWire.cpp) without
+    // building messages: on true, *encoded holds the BatchReadRsp's bytes, exactly those that
+    // handle() would answer, and *answer its id and requester (answer->message stays null; a
+    // batch it takes refuses nothing). False when the request is not in that form, or refuses
+    // something: then handle() must answer it. *encoded is reused from call to call.
+    bool answerBatchReadFromWire(const void* payload, size_t bytes, uid_t senderUid,
+                                 std::string* encoded, Answer* answer) const;
+
     // Turns the answer to a change into the answer for when storing it failed with `error`.
     static void answerUnstored(const std::string& error, google::protobuf::Message* response);
 

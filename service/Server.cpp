@@ -75,6 +75,21 @@ void Server::send(uint32_t address, uint32_t msgId, const google::protobuf::Mess
         logmsg_err(kLogModule, "cannot encode %s\n", message.GetTypeName().c_str());
         return;
     }
+    deliver(address, reply);
+}
+
+void Server::sendEncoded(uint32_t address, uint32_t msgId, const std::string& encoded) {
+    MSG_Msg* reply = MSG_AllocMsg(msgId, MSG_SEND_NOWAIT, static_cast<uint32_t>(encoded.size()));
+    if (reply == nullptr) {
+        logmsg_err(kLogModule, "MSG_AllocMsg() failed for an answer of %zu bytes\n",
+                   encoded.size());
+        return;
+    }
+    std::memcpy(MSG_GetPayloadMutable(reply), encoded.data(), encoded.size());
+    deliver(address, reply);
+}
+
+void Server::deliver(uint32_t address, MSG_Msg* reply) {
     int status = MSG_SendMsg(endpoint_.c_str(), address, reply);
     if (status == MSG_ERR_PEER_GONE || status == MSG_ERR_NO_ROUTE) {
         logmsg_info(kLogModule, "client %u left before its answer\n", address);
@@ -134,8 +149,14 @@ void Server::dispatch(MSG_Msg* request) {
         return;
     }
     Answer answer;
-    service_.handle(id, MSG_GetPayload(request), static_cast<size_t>(MSG_GetPayloadBytes(request)),
-                    sender.uid, arena_.get(), &answer);
+    const void* payload = MSG_GetPayload(request);
+    const auto bytes = static_cast<size_t>(MSG_GetPayloadBytes(request));
+    if (id == ConfigProtocol::kBatchReadReqMsgId &&
+        service_.answerBatchReadFromWire(payload, bytes, sender.uid, &encoded_, &answer)) {
+        sendEncoded(sender.address, answer.msgId, encoded_);
+        return;
+    }
+    service_.handle(id, payload, bytes, sender.uid, arena_.get(), &answer);
     logRefusals(id, sender, answer);
     if (answer.changes.empty()) {
         send(sender.address, answer.msgId, *answer.message);

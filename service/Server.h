@@ -55,6 +55,9 @@ class Server {
     void logRefusals(uint32_t requestId, const MSG_Sender& sender, const Answer& answer);
     void finishWrites();
     void send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message);
+    void sendEncoded(uint32_t address, uint32_t msgId, const std::string& encoded);
+    // Sends `reply` (which it takes) without waiting, and logs why a client did not get it.
+    void deliver(uint32_t address, MSG_Msg* reply);
 
     const ConfigService& service_;
     RecordState* state_;
@@ -66,6 +69,7 @@ class Server {
     // first block is ours, so serving a read allocates nothing.
     std::vector<char> arenaBlock_;
     std::unique_ptr<google::protobuf::Arena> arena_;
+    std::string encoded_;          // answers written straight as bytes, reused
     std::deque<Waiting> waiting_;  // in submission order, as the committer finishes them
     std::vector<FinishedWrite> finished_;
 };

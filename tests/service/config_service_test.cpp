@@ -197,6 +197,68 @@ INSTANTIATE_TEST_SUITE_P(Table, Requests, testing::Range(size_t{0}, requestRows(
                              return "line" + std::to_string(requestRows()[info.param].line);
                          });
 
+std::string batchRead(eSecurityRole role, const std::vector<std::string>& paths) {
+    ConfigIF::BatchReadReq request;
+    request.set_name("test");
+    request.set_role(role);
+    for (const std::string& path : paths) {
+        *request.add_instance() = testsupport::instOf(path);
+    }
+    return request.SerializePartialAsString();
+}
+
+// A batch read in the form clients send is answered straight from its bytes with exactly the
+// bytes of the full answer; anything else is left to the full answer.
+TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItToIt) {
+    ASSERT_EQ(write(kDns, {"10.0.0.1", "10.0.0.2"}).error(), kErrNoError);
+    const std::string plain = batchRead(kUser, {kMtu, kDns, "audio/microphone 2/gain 1"});
+    ConfigIF::BatchReadReq scoped;
+    ASSERT_TRUE(scoped.ParseFromString(plain));
+    scoped.mutable_instance(1)->set_scope(ConfigIF::kLocal);
+    ConfigIF::BatchReadReq noInstance;
+    noInstance.set_name("test");
+    noInstance.set_role(kUser);
+    noInstance.add_instance()->add_node()->set_name("audio");
+    std::string notPrintable = plain;
+    notPrintable[3] = '\xe9';  // in the requester's name "test"
+    const struct {
+        const char* what;
+        std::string bytes;
+        uid_t uid;
+        bool taken;
+    } cases[] = {
+        {"plain, one value stored", plain, 4321, true},
+        {"scoped", scoped.SerializeAsString(), 4321, true},
+        {"no instance", batchRead(kUser, {}), 4321, true},
+        {"two messages merged: the last role", plain + batchRead(kAdmin, {kVolume}), 4321, true},
+        {"unknown field", plain + "\xf8\x01\x01", 4321, false},
+        {"longer varint than needed",
+         testsupport::replaced(plain, std::string("\xa0\x01\x0a", 3),
+                               std::string("\xa0\x01\x8a\x00", 4)),
+         4321, false},
+        {"node without its instance", noInstance.SerializePartialAsString(), 4321, false},
+        {"truncated", plain.substr(0, plain.size() - 1), 4321, false},
+        {"requester not printable", notPrintable, 4321, false},
+        {"no such variable", batchRead(kUser, {kMtu, "audio/bass"}), 4321, false},
+        {"an item not readable", batchRead(kSystem, {kMtu, "provisioning/serial-number"}), 990,
+         false},
+        {"claim beyond the sender", batchRead(kSystem, {kMtu}), 4321, false},
+    };
+    for (const auto& c : cases) {
+        std::string encoded = "left over";
+        Answer fromWire;
+        const bool taken = service_->answerBatchReadFromWire(c.bytes.data(), c.bytes.size(), c.uid,
+                                                             &encoded, &fromWire);
+        EXPECT_EQ(taken, c.taken) << c.what;
+        const Answer full = ask(ConfigProtocol::kBatchReadReqMsgId, c.bytes, c.uid);
+        if (taken) {
+            EXPECT_EQ(encoded, full.message->SerializeAsString()) << c.what;
+            EXPECT_EQ(fromWire.msgId, full.msgId) << c.what;
+            EXPECT_EQ(fromWire.requester, full.requester) << c.what;
+        }
+    }
+}
+
 TEST_F(ConfigServiceTest, WritesKeepInstancesApartAndSurviveReopening) {
     EXPECT_EQ(read("network/interface/dns").instance().SerializeAsString(),
               testsupport::instOf("network 1/interface 1/dns 1").SerializeAsString());
