@@ -46,7 +46,28 @@ const std::vector<CaseBlock>& sessions() {
     return blocks;
 }
 
-class SetvaneSessions : public Service, public testing::WithParamInterface<size_t> {};
+class SetvaneSessions : public Service, public testing::WithParamInterface<size_t> {
+  protected:
+    // setvane and its libmsgpass, copied once into a folder that uid 65534 can read: the build
+    // tree may sit in a folder that only its owner can enter (a checkout under /root). The
+    // service's folder is readable by everyone and goes away with it.
+    std::string nobodysCopy() {
+        const std::filesystem::path bin = service_.root() + "/bin";
+        if (mkdir(bin.c_str(), 0) == 0) {
+            chmod(bin.c_str(), 0755);  // not through mkdir, which the umask would narrow
+            const std::filesystem::path library(LIBMSGPASS_SONAME_FILE);
+            const std::pair<std::filesystem::path, std::filesystem::path> copies[] = {
+                {SETVANE_BIN, "setvane"}, {library, library.filename()}};
+            for (const auto& [from, to] : copies) {
+                std::error_code failed;
+                std::filesystem::copy_file(from, bin / to, failed);
+                EXPECT_FALSE(failed)
+                    << "copying " << from << " for uid 65534: " << failed.message();
+            }
+        }
+        return bin;
+    }
+};
 
 // The session of setvane_sessions.txt numbered by the parameter.
 TEST_P(SetvaneSessions, PrintAndEndAsListed) {
@@ -64,13 +85,18 @@ TEST_P(SetvaneSessions, PrintAndEndAsListed) {
             continue;
         }
         std::vector<std::string> argv = testsupport::split(row[0].substr(nobody ? 8 : 0), " ");
-        argv.insert(argv.begin(), SETVANE_BIN);
+        testsupport::Environment env;
         if (nobody) {
-            argv.insert(argv.begin(),
-                        {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+            const std::string bin = nobodysCopy();
+            argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534",
+                                       "--clear-groups", bin + "/setvane"});
+            // Ahead of the RUNPATH, which names the build tree.
+            env.push_back({"LD_LIBRARY_PATH", bin});
+        } else {
+            argv.insert(argv.begin(), SETVANE_BIN);
         }
         const Outcome run =
-            testsupport::runProgram(nobody ? "/usr/bin/setpriv" : SETVANE_BIN, argv);
+            testsupport::runProgram(nobody ? "/usr/bin/setpriv" : SETVANE_BIN, argv, env);
         EXPECT_EQ(std::to_string(run.status), row[1]) << run.err;
         EXPECT_EQ(run.out, row[2]);
         EXPECT_EQ(run.err, row[3]);
@@ -236,9 +262,9 @@ TEST_F(Service, MisbehavingClientsHoldUpNoOtherClientAndStopNothing) {
     ASSERT_EQ(steady.read(volumeRequest, &volume, kAnswerMs), ConfigSession::kOk);
     EXPECT_THAT(volume.value(), testing::ElementsAre("50"));
     EXPECT_EQ(service_.stop(SIGTERM), 0) << service_.output();
-    for (const char* logged : {"does not read its answers: disconnected",
-                               "refused: request does not parse as ConfigIF.ReadReq",
-                               "unknown message id 0x12345678"}) {
+    for (const char* logged :
+         {"does not read its answers: disconnected",
+          "refused: request does not parse as ConfigIF.ReadReq", "unknown message id 0x12345678"}) {
         EXPECT_THAT(service_.output(), HasSubstr(logged));
     }
 }
