@@ -2,8 +2,8 @@
 // library writes. A call's result goes to standard error as "ret <n>": the library owns standard
 // output and the device.
 //
-//   init NAME | log LEVEL MODULE FORMAT ARG | crit|err|warn|info|debug MODULE FORMAT ARG
-//   printf|print|raw FORMAT ARG | sink RECORD LENGTH | device ON | mkdev
+//   init NAME | initerr NAME | log LEVEL MODULE FORMAT ARG | crit|err|warn|info|debug MODULE FORMAT
+//   ARG printf|print|raw FORMAT ARG | sink RECORD LENGTH | device ON | mkdev
 //   show+|show-|cull+|cull- FILTER | show?|cull? | showget|cullget INDEX
 //   strlcpy SRC SIZE | threads COUNT RECORDS | dlopen LIBRARY N | failalloc
 //
@@ -114,6 +114,7 @@ struct Command {
 
 const Command kCommands[] = {
     {"init", 1, [](char** a) { logmsg_init_with_device(0, nullable(a[0]), devicePath()); }},
+    {"initerr", 1, [](char** a) { logmsg_init_stderr(0, nullable(a[0])); }},
     {"log", 4,
      [](char** a) {
          report(callWithArg(logmsg, a[3], std::atoi(a[0]), nullable(a[1]), nullable(a[2])));

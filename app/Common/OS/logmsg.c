@@ -36,8 +36,8 @@ void logmsg_init(int unused, const char* name) {
     logmsg_init_with_device(unused, name, LOGMSG_DEVICE_PATH);
 }
 
-void logmsg_init_with_device(int unused, const char* name, const char* device_path) {
-    (void)unused;
+/* What every initialisation does before choosing where records go. */
+static void init_common(const char* name) {
     if (name != NULL) {
         strlcpy(app_name, name, sizeof app_name);
     }
@@ -49,7 +49,18 @@ void logmsg_init_with_device(int unused, const char* name, const char* device_pa
     }
     pthread_key_create(&line_key, NULL);
     initialised = 1;
+}
+
+void logmsg_init_with_device(int unused, const char* name, const char* device_path) {
+    (void)unused;
+    init_common(name);
     logmsg_open_device(device_path);
+}
+
+void logmsg_init_stderr(int unused, const char* name) {
+    (void)unused;
+    init_common(name);
+    logmsg_use_stderr();
 }
 
 /* Levels outside 0..7 become debug; only the raw level keeps its own value. */

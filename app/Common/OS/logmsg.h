@@ -8,7 +8,9 @@
  * which is the priority prefix the kernel log device understands. Records are
  * written to the log device "/dev/vesklog"; while the device cannot be opened
  * they are printed on standard output with a text label instead, and the open
- * is retried for every record.
+ * is retried for every record. A program that runs where there is no log
+ * device (a service on a host) chooses standard error instead, through
+ * logmsg_init_stderr.
  *
  * Lines may be built by several calls: a call whose *format string* holds no
  * newline only appends to the calling thread's partial line, and the first later
@@ -93,6 +95,20 @@ void logmsg_init(int unused, const char* app_name);
 void logmsg_init_with_device(int unused, const char* app_name, const char* device_path);
 
 /*
+ * logmsg_init for a program whose records go to its standard error instead of
+ * the log device: a service run by a supervisor that keeps what it writes there
+ * (the system journal, syslog, a log file). Each record is written at once, in
+ * one write(2) with nothing buffered, as a line "<d>app: [module: ]text\n" that
+ * keeps its header: "<d>" is the priority prefix that the journal and syslog
+ * read, so each record keeps its real level. A record whose text holds
+ * newlines gets the prefix again after each of them, so that every line keeps
+ * the priority. Raw records are written as they are, with a newline. The log
+ * device is never opened, the device switch is not consulted, and nothing is
+ * printed on standard output. A failed write is not retried and not reported.
+ */
+void logmsg_init_stderr(int unused, const char* app_name);
+
+/*
  * The core of every logging call. Before logmsg_init it only prints a complaint
  * on standard error and returns 0; a NULL format returns 0.
  *
@@ -129,12 +145,13 @@ int logmsg_raw(const char* format, ...) LOGMSG_PRINTF_LIKE(1, 2);
 /*
  * Writes `length` bytes of the NUL-terminated `record` to the log device (when
  * the device switch is on), and prints the record on standard output while the
- * device is unavailable. The printed copy runs to the terminator, so it keeps
- * the newline the device copy lost. A headed record "<d>..." is printed behind
- * a label chosen by the code of d minus 2: 0 "CRIT  ", 1 "ERROR ", 2 "WARN  ",
- * 3 "DEBUG ", 4 "INFO  ", anything else "DEBUG ". Since headers hold an ASCII
- * digit, records made by this library are always labelled "DEBUG "; the table
- * is part of the output format and is kept as it is.
+ * device is unavailable. After logmsg_init_stderr it writes the record to
+ * standard error instead, as described there (up to `length` bytes or the
+ * terminator, whichever comes first), and does nothing else. The printed copy runs to the
+ * terminator, so it keeps the newline the device copy lost. A headed record "<d>..." is printed
+ * behind a label chosen by the code of d minus 2: 0 "CRIT  ", 1 "ERROR ", 2 "WARN  ", 3 "DEBUG ", 4
+ * "INFO  ", anything else "DEBUG ". Since headers hold an ASCII digit, records made by this library
+ * are always labelled "DEBUG "; the table is part of the output format and is kept as it is.
  */
 void logmsg_sink(const char* record, int length);
 

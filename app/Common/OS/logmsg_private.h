@@ -6,6 +6,10 @@
  * open switches records to standard output until a later reopen succeeds. */
 void logmsg_open_device(const char* path);
 
+/* Sends every record to standard error from now on; the device is never
+ * opened. */
+void logmsg_use_stderr(void);
+
 /* Whether a completed record passes the show and cull filters. */
 int logmsg_filters_pass(const char* record);
 
