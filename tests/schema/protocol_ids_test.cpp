@@ -10,6 +10,7 @@
 #include "CaseFile.h"
 #include "Common/protobuf/v3/ConfigProtocol.h"
 #include "Common/protobuf/v3/configservice.pb.h"
+#include "TempDir.h"
 
 namespace testsupport {
 namespace {
@@ -27,8 +28,12 @@ bool travelsAlone(const std::string& name) {
 
 TEST(ProtocolIds, AreThePinnedOnesInSchemaOrder) {
     std::vector<std::pair<std::string, uint32_t>> pinned;
+    uint32_t id = 0;
     for (const CaseRow& row : readCaseFile(SCHEMA_DATA_DIR "/protocol_ids.txt").rows) {
-        pinned.emplace_back(row[0], static_cast<uint32_t>(std::stoul(row[1], nullptr, 16)));
+        id = row[0] == "+" ? id : static_cast<uint32_t>(std::stoul(row[0], nullptr, 16));
+        for (const std::string& name : split(row[1], " ")) {
+            pinned.emplace_back(name, id++);
+        }
     }
     std::vector<std::pair<std::string, uint32_t>> table;
     for (const ConfigProtocol::MessageType& type : ConfigProtocol::kMessageTypes) {

@@ -1,9 +1,8 @@
 // The descriptors compiled into the generated code must match the schema exactly: the embedded
-// size catches any change of text, the layout listing (<file>_layout.txt, a case file of one block
+// size catches any change of text, the layout listing (<file>_layout.txt, a case file of one line
 // per declaration) any change of order, name, number, label, type, default or option.
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
-#include <google/protobuf/empty.pb.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -40,28 +39,34 @@ void PrintTo(const SchemaFile& file, std::ostream* out) {
     *out << file.name;
 }
 
-// `fields` as a line of the case file, with a last field "[options in text form]" when there are
-// any.
-std::string row(std::vector<std::string> fields,
-                const google::protobuf::Message& options = google::protobuf::Empty()) {
-    const std::string text = options.ShortDebugString();
-    if (!text.empty()) {
-        fields.push_back("[" + text + "]");
-    }
-    std::string line;
-    for (size_t i = 0; i < fields.size(); ++i) {
-        line += (i > 0 ? " | " : "") + fields[i];
-    }
-    return line + "\n";
+// `text`, then " [options in short text form]" when there are any.
+std::string withOptions(std::string text, const google::protobuf::Message& options) {
+    const std::string written = options.ShortDebugString();
+    return written.empty() ? text : text + " [" + written + "]";
 }
 
+// A declaration's line: its head and members separated by " | ".
+std::string line(const std::string& head, const std::vector<std::string>& members) {
+    std::string out = head;
+    for (const std::string& member : members) {
+        out += " | " + member;
+    }
+    return out + "\n";
+}
+
+// Values that follow on from the one before them join its run.
 std::string enumLayout(const EnumDescriptor* enum_type) {
-    std::string out = "== " + row({"enum", enum_type->full_name()}, enum_type->options());
+    std::vector<std::string> runs;
     for (int i = 0; i < enum_type->value_count(); ++i) {
         const google::protobuf::EnumValueDescriptor* value = enum_type->value(i);
-        out += row({std::to_string(value->number()), value->name()}, value->options());
+        const std::string name = withOptions(value->name(), value->options());
+        if (i > 0 && value->number() == enum_type->value(i - 1)->number() + 1) {
+            runs.back() += " " + name;
+        } else {
+            runs.push_back(std::to_string(value->number()) + " " + name);
+        }
     }
-    return out;
+    return line(withOptions("enum " + enum_type->full_name(), enum_type->options()), runs);
 }
 
 std::string typeName(const FieldDescriptor* field) {
@@ -72,19 +77,20 @@ std::string typeName(const FieldDescriptor* field) {
 
 std::string messageLayout(const Descriptor* message) {
     static const char* const kLabelNames[] = {"", "optional", "required", "repeated"};
-    std::string out = "== " + row({"message", message->full_name()}, message->options());
+    std::vector<std::string> fields;
     for (int i = 0; i < message->field_count(); ++i) {
         const FieldDescriptor* field = message->field(i);
-        std::vector<std::string> fields = {std::to_string(field->number()),
-                                           kLabelNames[field->label()], typeName(field),
-                                           field->name()};
+        std::string text = std::to_string(field->number()) + " " + kLabelNames[field->label()] +
+                           " " + typeName(field) + " " + field->name();
         google::protobuf::FieldDescriptorProto proto;
         field->CopyTo(&proto);  // carries the default in its schema text form
         if (proto.has_default_value()) {
-            fields.push_back("= " + proto.default_value());
+            text += " = " + proto.default_value();
         }
-        out += row(fields, field->options());
+        fields.push_back(withOptions(text, field->options()));
     }
+    std::string out =
+        line(withOptions("message " + message->full_name(), message->options()), fields);
     for (int i = 0; i < message->nested_type_count(); ++i) {
         out += messageLayout(message->nested_type(i));
     }
@@ -95,10 +101,14 @@ std::string messageLayout(const Descriptor* message) {
 }
 
 std::string layoutOf(const FileDescriptor* file) {
-    std::string out = "== " + row({"file", file->name(), file->package()}, file->options());
+    std::vector<std::string> members = {"package " + file->package()};
     for (int i = 0; i < file->dependency_count(); ++i) {
-        out += row({"import", file->dependency(i)->name()});
+        members.push_back("import " + file->dependency(i)->name());
     }
+    if (const std::string options = withOptions("", file->options()); !options.empty()) {
+        members.push_back(options.substr(1));
+    }
+    std::string out = line("file " + file->name(), members);
     for (int i = 0; i < file->message_type_count(); ++i) {
         out += messageLayout(file->message_type(i));
     }
@@ -108,14 +118,14 @@ std::string layoutOf(const FileDescriptor* file) {
     return out;
 }
 
-// The blocks of <schema>_layout.txt in the same text form; stray rows before the first block
-// come first, so that they fail the comparison.
+// The lines of <schema>_layout.txt in the same text form; "==" blocks have no place there and
+// come last, so that they fail the comparison.
 std::string expectedLayout(const std::string& schema_name) {
     const testsupport::CaseFile file =
         testsupport::readCaseFile(SCHEMA_DATA_DIR "/" + schema_name + "_layout.txt");
     std::string layout = testsupport::CaseBlock{{}, file.rows}.text();
     for (const testsupport::CaseBlock& block : file.blocks) {
-        layout += "== " + row(block.head.fields) + block.text();
+        layout += "== " + block.head[0] + "\n" + block.text();
     }
     return layout;
 }

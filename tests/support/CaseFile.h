@@ -11,6 +11,7 @@
 #ifndef TESTS_SUPPORT_CASEFILE_H
 #define TESTS_SUPPORT_CASEFILE_H
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,11 @@ struct CaseRow {
     // "file:line" for failure messages.
     std::string where;
 };
+
+// Names the row by its place, for parameterised tests over rows.
+inline void PrintTo(const CaseRow& row, std::ostream* out) {
+    *out << row.where;
+}
 
 struct CaseBlock {
     CaseRow head;
