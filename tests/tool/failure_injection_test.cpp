@@ -3,6 +3,7 @@
 // released - are exactly those listed with the case in failure_cases.txt.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 
 #include "setvane_test.h"
@@ -24,20 +25,23 @@ TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOn
         }
         SCOPED_TRACE(block.head.where + ": " + block.head[0]);
         TempDir dir;
+        std::map<std::string, std::string> settings = {{"run", "--client|cli|a|1"},
+                                                       {"reply", "5000"}};
+        for (size_t i = 1; i < block.head.fields.size(); ++i) {
+            const std::string& setting = block.head[i];
+            const size_t blank = std::min(setting.find(' '), setting.size());
+            settings[setting.substr(0, blank)] =
+                setting.substr(std::min(blank + 1, setting.size()));
+        }
         Environment env = {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR},
-                           {"FAKE_MSGPASS_LOG", dir.file("calls")}};
-        std::vector<std::string> words;
-        int status = 0;
+                           {"FAKE_MSGPASS_LOG", dir.file("calls")},
+                           {"FAKE_MSGPASS_REPLY", settings["reply"]}};
+        if (settings.count("fail") != 0) {
+            env.push_back({"FAKE_MSGPASS_FAIL", settings["fail"]});
+        }
         std::string err, calls;
         for (const CaseRow& row : block.body) {
-            if (row[0] == "run") {
-                words = split(row[1], "|");
-            } else if (row[0] == "fail" || row[0] == "reply") {
-                env.push_back(
-                    {row[0] == "fail" ? "FAKE_MSGPASS_FAIL" : "FAKE_MSGPASS_REPLY", row[1]});
-            } else if (row[0] == "status") {
-                status = std::stoi(row[1]);
-            } else if (row[0] == "err") {
+            if (row[0] == "err") {
                 err = row[1];
             } else if (row[0][0] == '@') {
                 EXPECT_EQ(sequences.count(row[0]), 1u) << row.where;
@@ -46,8 +50,9 @@ TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOn
                 calls += row[0] + "\n";
             }
         }
-        const Outcome run = runSetvane(words, env);
-        EXPECT_EQ(run.status, status);
+        EXPECT_EQ(settings.size(), settings.count("fail") + 3) << "unknown setting";
+        const Outcome run = runSetvane(split(settings["run"], "|"), env);
+        EXPECT_EQ(std::to_string(run.status), settings["status"]);
         EXPECT_EQ(run.out, "");
         EXPECT_EQ(run.err, err);
         EXPECT_EQ(readFile(dir.file("calls")),
