@@ -18,58 +18,6 @@ enum { kBacklog = 128 };
 /* Bounds the search for a free temporary name (see bind_listening). */
 enum { kTempNameAttempts = 16 };
 
-/* Serialises reclaiming among all processes sharing the directory, so that two of them never
- * both find the same name stale: one would remove the socket that the other has just put there.
- * Best effort: without the lock file (read-only directory) we carry on unlocked. */
-static int lock_dir(const char* dir) {
-    char path[PATH_MAX]; /* a plain file: not bound by the length of a socket address */
-    if (snprintf(path, sizeof(path), "%s/.lock", dir) >= (int)sizeof(path)) {
-        return -1;
-    }
-    int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return -1;
-    }
-    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
-    }
-    return fd;
-}
-
-static void unlock_dir(int fd) {
-    if (fd >= 0) {
-        close(fd); /* releases the flock */
-    }
-}
-
-/* MSG_OK when `path` is free (a stale socket there has been removed), else why not. */
-static int reclaim_name(const char* path) {
-    struct stat st;
-    if (lstat(path, &st) != 0) {
-        return errno == ENOENT ? MSG_OK : MSG_ERR_SYSTEM;
-    }
-    if (!S_ISSOCK(st.st_mode)) {
-        return MSG_ERR_NAME_IN_USE; /* not ours to delete */
-    }
-    int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (probe < 0) {
-        return MSG_ERR_SYSTEM;
-    }
-    struct sockaddr_un addr;
-    socklen_t length = msg_sockaddr(path, &addr);
-    int connected = connect(probe, (struct sockaddr*)&addr, length);
-    int saved = errno;
-    close(probe);
-    if (connected == 0 || saved == EAGAIN) {
-        return MSG_ERR_NAME_IN_USE; /* someone listens there (EAGAIN: busy, but alive) */
-    }
-    if (saved != ECONNREFUSED) {
-        errno = saved;
-        return MSG_ERR_SYSTEM;
-    }
-    /* Nobody listens: the process that made it has died. */
-    return unlink(path) == 0 || errno == ENOENT ? MSG_OK : MSG_ERR_SYSTEM;
-}
-
 /* From bind_temporary: the directory's path leaves no room for a temporary name in it. */
 enum { kNoRoomForTemp = -1 };
 
@@ -119,10 +67,14 @@ static int rename_unless_taken(const char* temp, const char* path) {
     return renameat2(AT_FDCWD, temp, AT_FDCWD, path, RENAME_NOREPLACE);
 }
 
-/* Puts the socket bound at `temp` in place under the endpoint's name. Nothing is ever replaced,
- * so the common case, a free name, needs no lock. A taken name goes through the lock: a stale
- * socket there is reclaimed and the claim tried once more. */
-static int claim_name(struct msg_endpoint* ep, const char* temp) {
+/* How often a claim is tried again when someone else keeps putting files under the name. */
+enum { kClaimAttempts = 3 };
+
+/* Puts the socket bound at `temp` in place under the endpoint's name. A free name is claimed
+ * without replacing anything, so the common case needs no lock. A taken name goes through the
+ * lock: a dead socket there is reclaimed, and whatever someone who may not hold names put there
+ * is replaced in one step, so that no moment leaves the name to them again. */
+static int claim_name(struct msg_endpoint* ep, const char* temp, uid_t dirOwner) {
     if (rename_unless_taken(temp, ep->path) == 0) {
         return MSG_OK;
     }
@@ -130,37 +82,54 @@ static int claim_name(struct msg_endpoint* ep, const char* temp) {
     if (errno != EEXIST && !cannot_refuse) {
         return MSG_ERR_SYSTEM;
     }
-    int lock_fd = lock_dir(ep->dir);
-    int status = reclaim_name(ep->path);
-    if (status == MSG_OK) {
+    int lock_fd = msg_lock_dir(ep->dir);
+    int status = MSG_ERR_NAME_IN_USE;
+    for (int attempt = 0; attempt < kClaimAttempts && status == MSG_ERR_NAME_IN_USE; attempt++) {
+        int verdict = msg_examine_name(ep->path, dirOwner);
+        if (verdict != kNameFree && verdict != kNameReplace) {
+            status = verdict;
+            break;
+        }
         /* Without RENAME_NOREPLACE every process of this directory comes through the lock, which
          * then keeps a live socket from being replaced. */
-        int moved = cannot_refuse ? rename(temp, ep->path) : rename_unless_taken(temp, ep->path);
-        if (moved != 0) {
-            /* EEXIST: a live endpoint took the name while we reclaimed it. */
-            status = errno == EEXIST ? MSG_ERR_NAME_IN_USE : MSG_ERR_SYSTEM;
+        int replace = verdict == kNameReplace || cannot_refuse;
+        if ((replace ? rename(temp, ep->path) : rename_unless_taken(temp, ep->path)) == 0) {
+            status = MSG_OK;
+        } else if (errno != EEXIST) { /* EEXIST: someone took it meanwhile; look again */
+            status = MSG_ERR_SYSTEM;
         }
     }
-    unlock_dir(lock_fd);
+    msg_unlock_dir(lock_fd);
     return status;
 }
 
 /* Where the name fits a socket address but a temporary name would not, the socket is bound in
  * place. The directory lock keeps other processes from taking it for stale in the moment before
  * it listens; a client that finds it then is refused and tries again. */
-static int bind_in_place(struct msg_endpoint* ep) {
-    int lock_fd = lock_dir(ep->dir);
-    int status = reclaim_name(ep->path);
-    if (status == MSG_OK && bind_and_listen(ep->listen_fd, ep->path) != 0) {
-        status = errno == EADDRINUSE ? MSG_ERR_NAME_IN_USE : MSG_ERR_SYSTEM;
+static int bind_in_place(struct msg_endpoint* ep, uid_t dirOwner) {
+    int lock_fd = msg_lock_dir(ep->dir);
+    int status = MSG_ERR_NAME_IN_USE;
+    for (int attempt = 0; attempt < kClaimAttempts && status == MSG_ERR_NAME_IN_USE; attempt++) {
+        int verdict = msg_examine_name(ep->path, dirOwner);
+        if (verdict == kNameReplace && unlink(ep->path) != 0 && errno != ENOENT) {
+            verdict = MSG_ERR_SYSTEM;
+        }
+        if (verdict != kNameFree && verdict != kNameReplace) {
+            status = verdict;
+        } else if (bind_and_listen(ep->listen_fd, ep->path) == 0) {
+            status = MSG_OK;
+        } else if (errno != EADDRINUSE) {
+            status = MSG_ERR_SYSTEM;
+        }
     }
-    unlock_dir(lock_fd);
+    msg_unlock_dir(lock_fd);
     return status;
 }
 
 /* The socket listens under a temporary name first and is then renamed into place, so a client
- * never finds the name without someone accepting behind it. */
-static int install_socket(struct msg_endpoint* ep) {
+ * never finds the name without someone accepting behind it. Dead sockets that others left are
+ * swept on the way, since names that carry a pid are never opened again to be reclaimed. */
+static int install_socket(struct msg_endpoint* ep, uid_t dirOwner) {
     ep->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (ep->listen_fd < 0) {
         return MSG_ERR_SYSTEM;
@@ -168,9 +137,9 @@ static int install_socket(struct msg_endpoint* ep) {
     char temp[kMsgPathBytes];
     int status = bind_temporary(ep, temp);
     if (status == kNoRoomForTemp) {
-        status = bind_in_place(ep);
+        status = bind_in_place(ep, dirOwner);
     } else if (status == MSG_OK) {
-        status = claim_name(ep, temp);
+        status = claim_name(ep, temp, dirOwner);
         if (status != MSG_OK) {
             int saved = errno;
             unlink(temp);
@@ -184,17 +153,20 @@ static int install_socket(struct msg_endpoint* ep) {
     if (status != MSG_OK) {
         return status;
     }
+    ep->published = 1;
     ep->socket_dev = st.st_dev;
     ep->socket_ino = st.st_ino;
+    msg_sweep_dir(ep->dir, ep->name);
     return MSG_OK;
 }
 
 /* Removes the socket file only if it is still the one we made. No lock: while our socket
  * listens, nobody else removes it (reclaiming takes only sockets that nobody listens on) or puts
- * another in its place (names are claimed without replacing). */
+ * another in its place (only names of owners who may not hold names are replaced). */
 static void remove_socket(struct msg_endpoint* ep) {
     struct stat st;
-    if (stat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev && st.st_ino == ep->socket_ino) {
+    if (ep->published && stat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev &&
+        st.st_ino == ep->socket_ino) {
         unlink(ep->path);
     }
 }
@@ -241,13 +213,24 @@ void msg_endpoint_free(struct msg_endpoint* ep) {
     free(ep);
 }
 
-static int endpoint_open(struct msg_endpoint* ep) {
+/* How MSG_OpenLocal and MSG_OpenService differ for a process that may not hold names. */
+enum { kConnectOnlyAllowed = 0, kMustPublish = 1 };
+
+static int endpoint_open(struct msg_endpoint* ep, int mode) {
     int status = msg_resolve_dir(ep->dir, sizeof(ep->dir));
     if (status == MSG_OK) {
         status = msg_socket_path(ep->dir, ep->name, ep->path);
     }
+    struct stat dirSt;
+    if (status == MSG_OK && stat(ep->dir, &dirSt) != 0) {
+        status = MSG_ERR_NO_DIR;
+    }
     if (status != MSG_OK) {
         return status;
+    }
+    const int publish = msg_may_hold_names(geteuid(), dirSt.st_uid);
+    if (!publish && mode == kMustPublish) {
+        return MSG_ERR_NOT_ALLOWED;
     }
     ep->stage = malloc(kMsgStageBytes);
     if (!ep->stage) {
@@ -259,7 +242,10 @@ static int endpoint_open(struct msg_endpoint* ep) {
         add_to_wait_set(ep->wait_fd, ep->wake_fd, kMsgWakeToken) != 0) {
         return MSG_ERR_SYSTEM;
     }
-    status = install_socket(ep);
+    if (!publish) {
+        return MSG_OK; /* connects out only: nothing in the directory, no listener */
+    }
+    status = install_socket(ep, dirSt.st_uid);
     if (status == MSG_OK && add_to_wait_set(ep->wait_fd, ep->listen_fd, kMsgListenToken) != 0) {
         remove_socket(ep);
         status = MSG_ERR_SYSTEM;
@@ -267,7 +253,7 @@ static int endpoint_open(struct msg_endpoint* ep) {
     return status;
 }
 
-MSG_EXPORT int MSG_OpenLocal(const char* name) {
+static int open_local(const char* name, int mode) {
     int status = msg_check_name(name);
     if (status != MSG_OK) {
         return status;
@@ -279,7 +265,7 @@ MSG_EXPORT int MSG_OpenLocal(const char* name) {
         return MSG_ERR_NAME_IN_USE;
     }
     struct msg_endpoint* ep = endpoint_new(name);
-    status = ep ? endpoint_open(ep) : MSG_ERR_NO_MEMORY;
+    status = ep ? endpoint_open(ep, mode) : MSG_ERR_NO_MEMORY;
     if (status == MSG_OK) {
         msg_registry_insert_locked(ep);
     }
@@ -290,6 +276,14 @@ MSG_EXPORT int MSG_OpenLocal(const char* name) {
         errno = saved;
     }
     return status;
+}
+
+MSG_EXPORT int MSG_OpenLocal(const char* name) {
+    return open_local(name, kConnectOnlyAllowed);
+}
+
+MSG_EXPORT int MSG_OpenService(const char* name) {
+    return open_local(name, kMustPublish);
 }
 
 /* Wakes every thread waiting on the endpoint; they see it closed and return. Callers still
@@ -334,4 +328,21 @@ MSG_EXPORT int MSG_CloseLocal(const char* name) {
         }
     }
     return closed ? MSG_OK : MSG_ERR_NOT_OPEN;
+}
+
+/* A process that ends through exit() or a return from main takes its names with it, however it
+ * left its endpoints: nothing else would ever remove a name that carries its pid. Only the files
+ * go; threads still inside the library go on with their descriptors and memory. The registry
+ * lock is only tried: a thread that holds it at exit must not hang the exit. */
+__attribute__((destructor)) static void remove_names_at_exit(void) {
+    for (int attempt = 0; attempt < 100; attempt++) {
+        if (msg_registry_trylock()) {
+            for (struct msg_endpoint* ep = msg_registry_first_locked(); ep; ep = ep->next) {
+                remove_socket(ep);
+            }
+            msg_registry_unlock();
+            return;
+        }
+        usleep(1000);
+    }
 }

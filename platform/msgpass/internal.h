@@ -61,13 +61,46 @@ struct timespec msg_deadline_timespec(int64_t deadline);
 
 enum { kMsgPathBytes = sizeof(((struct sockaddr_un*)0)->sun_path) };
 
+/* Mode of the endpoint directories we create: open for looking names up, closed for making
+ * them, so that only their owner (and root) can take a name. */
+#define kMsgDirMode 0755
+
 int msg_check_name(const char* name);
 /* Finds (and creates when needed) the endpoint directory into `dir`. */
 int msg_resolve_dir(char* dir, size_t dirBytes);
+/* Whether a process or file of `uid` may hold names in a directory owned by `dirOwner`: root
+ * and the directory's owner may, nobody else. */
+int msg_may_hold_names(uid_t uid, uid_t dirOwner);
 /* "<dir>/<name>" into `path` (kMsgPathBytes); MSG_ERR_NO_DIR when it does not fit. */
 int msg_socket_path(const char* dir, const char* name, char* path);
 /* Fills a socket address for `path`; returns its length. */
 socklen_t msg_sockaddr(const char* path, struct sockaddr_un* addr);
+
+/* ---- Who holds a name in the directory (holders.c) ---- */
+
+/* Locks the directory against other processes that claim or sweep names in it; -1 when it
+ * could not be locked (the caller then goes on unlocked). */
+int msg_lock_dir(const char* dir);
+void msg_unlock_dir(int lockFd);
+
+/* What msg_probe_socket finds at a path. */
+enum { kSocketGone = 0, kSocketDead = 1, kSocketAlive = 2 };
+/* Whether a socket file still has its socket behind it; -1 and errno when that cannot be told.
+ * Nothing reaches the process behind a live one. */
+int msg_probe_socket(const char* path);
+
+/* Verdicts of msg_examine_name besides the MSG_ERR_* ones. */
+enum { kNameFree = -1, kNameReplace = -2 };
+/* Under the directory lock, by a process that may hold names there: kNameFree when `path` is
+ * free (a dead socket of a trusted owner there has been removed), kNameReplace when what is
+ * there belongs to someone who may not hold names and is to be replaced, MSG_ERR_NAME_IN_USE for
+ * a live socket or another file of a trusted owner, MSG_ERR_NOT_TRUSTED for an untrusted entry
+ * that cannot be replaced (a directory). */
+int msg_examine_name(const char* path, uid_t dirOwner);
+
+/* Removes the dead sockets of the directory but `keep` (ours), at most a bounded number of them
+ * per call, under the directory lock. By a process that may hold names there. */
+void msg_sweep_dir(const char* dir, const char* keep);
 
 /* ---- Connections (conn.c) ---- */
 
@@ -142,6 +175,7 @@ struct msg_endpoint {
     char name[MSG_MAX_NAME_BYTES + 1];
     char dir[kMsgPathBytes];
     char path[kMsgPathBytes];
+    int published;    /* the name is in the directory; else the endpoint only connects out */
     dev_t socket_dev; /* identity of our socket file, so that we only ever remove our own */
     ino_t socket_ino;
     int listen_fd;

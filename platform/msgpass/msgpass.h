@@ -6,14 +6,36 @@
  * boundaries and ids are kept end to end. Each connection is known to both of its ends by a
  * 32-bit address, which is what MSG_SendMsg takes.
  *
- * Endpoints live as Unix-domain sockets in the endpoint directory: $MSGPASS_DIR when set (created
- * if missing), else MSG_DEFAULT_DIR (created with mode 1777 when we may), else, when that is not
- * writable, a private per-user directory: $XDG_RUNTIME_DIR/msgpass or /tmp/msgpass-<uid> (mode
- * 0700, which must belong to the user). Sockets are made connectable by every user (mode 0666): a
- * service decides whom to serve from the kernel's credentials of each sender (MSG_GetSender).
- * The directory is looked up when an endpoint is opened; MSG_OpenRemoteSync looks for the remote
- * in the directory of the local endpoint. The socket path (directory, '/', name) must fit in a
- * Unix socket address (107 bytes), else MSG_ERR_NO_DIR.
+ * Endpoint directory: $MSGPASS_DIR when set (created with mode 0755 if missing), else
+ * MSG_DEFAULT_DIR when it exists or can be created (mode 0755, by root), else a private per-user
+ * directory: $XDG_RUNTIME_DIR/msgpass or /tmp/msgpass-<uid> (mode 0700, which must belong to the
+ * user). The directory is looked up when an endpoint is opened; MSG_OpenRemoteSync looks for the
+ * remote in the directory of the local endpoint. Looking names up needs only search access to it.
+ * The socket path (directory, '/', name) must fit in a Unix socket address (107 bytes), else
+ * MSG_ERR_NO_DIR.
+ *
+ * Who may hold a name: root and the owner of the directory, nobody else. Their endpoints are
+ * published: a Unix-domain socket under the name in the directory, connectable by every user
+ * (mode 0666), since a service decides whom to serve from the kernel's credentials of each sender
+ * (MSG_GetSender). The endpoint of any other process only connects out: nothing of it is in the
+ * directory and nobody can connect to it, so a client needs no write access to the directory and
+ * leaves nothing in it. The directories made here (mode 0755) let nobody else create names; in
+ * one that others may write to (mode 1777, say), a file created under a name by anyone else does
+ * not count: a process allowed to hold the name replaces it when it opens the name, and clients
+ * never talk to it.
+ *
+ * What a client checks: after connecting, and before anything is sent, that the kernel's
+ * credentials of the process behind the socket (SO_PEERCRED) are those of the owner of the
+ * socket file, and that this owner may hold names in the directory. Otherwise the connection is
+ * closed at once (the remote receives not a byte) and MSG_OpenRemoteSync waits on for the
+ * rightful holder, answering MSG_ERR_NOT_TRUSTED if none appeared in time.
+ *
+ * What is left on disk: an endpoint's socket file goes when the endpoint is closed, and when the
+ * process ends through exit() or a return from main, closed or not. Besides sockets the directory
+ * holds the lock file ".lock", through which the processes that hold names serialise reclaiming.
+ * A process killed before it could remove its files leaves them; they are swept: whenever a
+ * process publishes an endpoint it removes the sockets in the directory that no live process is
+ * bound to (a bounded number of them per open), and a name opened again is reclaimed at once.
  *
  * Wire: each message travels over a stream socket as a 16-byte header (magic and version, id,
  * payload length, a reserved zero word) followed by the payload. A peer that sends a header this
@@ -26,15 +48,17 @@
  * no environment setting shortens these waits.
  *
  * Results: every int status is MSG_OK (0) on success or one of the positive MSG_ERR_* codes
- * below. Functions that return a handle or pointer return NULL on failure. No function writes
- * to standard output or standard error, and no function aborts on bad arguments.
+ * below (after MSG_ERR_SYSTEM errno says which call failed how); MSG_StatusText gives the text
+ * that follows each code. Functions that return a handle or
+ * pointer return NULL on failure. No function writes to standard output or standard error, and no
+ * function aborts on bad arguments.
  *
  * Ownership: a handle from MSG_AllocMsg, MSG_RecvMsg or MSG_RecvAny belongs to the caller
  * until it is given to MSG_ReleaseMsg, or to MSG_SendMsg: from that call on it belongs to the
  * library whatever the status, and the caller must not touch it again.
  *
  * Processes: an endpoint belongs to the process that opened it. A child made by fork() starts
- * with no endpoint open; the parent's stay the parent's.
+ * with no endpoint open; the parent's stay the parent's, and the child's exit leaves their files.
  *
  * Threads: every function may be called from several threads of one process at once; a service
  * may receive on one thread and reply from another. The library starts no threads of its own,
@@ -43,6 +67,7 @@
 #ifndef MSGPASS_H
 #define MSGPASS_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -60,15 +85,23 @@ enum {
     MSG_ERR_BAD_NAME = 301, /* endpoint name empty, too long, containing '/' or starting with '.' */
     MSG_ERR_NOT_OPEN = 302, /* no local endpoint of that name is open in this process */
     MSG_ERR_NAME_IN_USE = 303, /* a live endpoint of that name exists already */
-    MSG_ERR_TIMEOUT = 304,     /* the remote did not appear or answer within the time-out */
+    MSG_ERR_TIMEOUT = 304,     /* timed out waiting for the remote to appear or answer */
     MSG_ERR_NO_ROUTE = 305,    /* the address names no open connection of this endpoint */
     MSG_ERR_PEER_GONE = 306,   /* the connection was closed by the other end */
-    MSG_ERR_TOO_BIG = 307,     /* payload larger than MSG_MAX_PAYLOAD_BYTES */
-    MSG_ERR_SYSTEM = 308,      /* an operating-system call failed (see errno) */
+    MSG_ERR_TOO_BIG = 307,     /* payload larger than the largest a message can carry */
+    MSG_ERR_SYSTEM = 308,      /* an operating-system call failed */
     MSG_ERR_NO_MEMORY = 309,   /* out of memory */
     MSG_ERR_NO_DIR = 310,      /* the endpoint directory cannot be found or created */
-    MSG_ERR_QUEUE_FULL = 311   /* the peer left MSG_SEND_QUEUE_BYTES unread: it was dropped */
+    MSG_ERR_QUEUE_FULL = 311,  /* the peer left too much unread in its send queue and was dropped */
+    MSG_ERR_NOT_TRUSTED = 312, /* the name is held by a user who may not hold names there */
+    MSG_ERR_NOT_ALLOWED = 313  /* this process may not hold names in the endpoint directory */
 };
+
+/* The text given for `status` after its code above ("success" for MSG_OK, "unknown status" for
+ * any other number), so that a program can say what went wrong in words of its own making:
+ * "ConfigSrvc in /run/msgpass: timed out waiting for the remote to appear or answer". A static
+ * string: never NULL, never to be freed. */
+const char* MSG_StatusText(int status);
 
 /* Longest endpoint name, in bytes, without the terminating NUL. */
 #define MSG_MAX_NAME_BYTES 64
@@ -99,15 +132,34 @@ enum {
  * MSG_ERR_BAD_NAME for a name that would not be a valid endpoint name. */
 int MSG_DebugSetName(const char* name);
 
-/* Creates and registers the local endpoint `name`, so that other processes can connect to it.
- * A stale socket left by a process that died is reclaimed; a live one (in this process or
- * another), or a file of that name that is not a socket, gives MSG_ERR_NAME_IN_USE. */
+/* Creates and registers the local endpoint `name`. When this process may hold names in the
+ * endpoint directory (see above) the endpoint is published, so that other processes can connect
+ * to it: a stale socket left by a process that died is reclaimed, whatever someone not allowed to
+ * hold names put there is replaced, and a live endpoint of that name (in this process or another
+ * allowed to hold names), or a file of theirs that is not a socket, gives MSG_ERR_NAME_IN_USE;
+ * MSG_ERR_NOT_TRUSTED when an unallowed user's directory sits under the name. Otherwise the
+ * endpoint only connects out (MSG_OpenRemoteSync): nothing is created in the directory and
+ * nobody can connect to it. Only the name in this process must be free then. */
 int MSG_OpenLocal(const char* name);
 
+/* MSG_OpenLocal for an endpoint that must be published, as a service's must: when this process
+ * may not hold names in the endpoint directory, MSG_ERR_NOT_ALLOWED and nothing is opened. */
+int MSG_OpenService(const char* name);
+
+/* Copies the endpoint directory of local endpoint `localName`, or for a null name the one that
+ * MSG_OpenLocal would use now, into `dir` (`dirBytes` with the NUL), for messages that say where
+ * a name was looked for. With a null name and no usable directory, MSG_ERR_NO_DIR and `dir` holds
+ * the one tried first ($MSGPASS_DIR, else MSG_DEFAULT_DIR). MSG_ERR_NOT_OPEN for a name not open
+ * here; MSG_ERR_BAD_ARG for a null `dir`, or one too small for the path. */
+int MSG_GetDir(const char* localName, char* dir, size_t dirBytes);
+
 /* Connects local endpoint `localName` to the endpoint `remoteName`, waiting up to `timeoutMs`
- * milliseconds (negative: wait forever) for it to appear and accept, without busy-waiting. On
- * success stores the new connection's address (never 0) in *remoteAddress. MSG_ERR_TIMEOUT when
- * the remote did not appear in time; MSG_ERR_NOT_OPEN when `localName` is not open here. */
+ * milliseconds (negative: wait forever) for it to appear and accept, without busy-waiting, and
+ * checks that the process behind it holds the name rightfully (see above) before anything is sent.
+ * On success stores the new connection's address (never 0) in *remoteAddress. MSG_ERR_TIMEOUT
+ * when the remote did not appear in time; MSG_ERR_NOT_TRUSTED when, at the end of the wait, the
+ * name was held by someone not allowed to hold it; MSG_ERR_NOT_OPEN when `localName` is not open
+ * here. */
 int MSG_OpenRemoteSync(const char* localName, const char* remoteName, int timeoutMs,
                        uint32_t* remoteAddress);
 

@@ -25,9 +25,9 @@ int msg_check_name(const char* name) {
     return MSG_OK;
 }
 
-/* Whether `dir` is a directory (or a link to one) that we may create sockets in: the trailing
- * slash makes access() fail for anything else. One call, since every open looks the directory
- * up again. */
+/* Whether `dir` is a directory (or a link to one) that we may look names up in: the trailing
+ * slash makes access() fail for anything else. Writing is not asked for: a process that only
+ * connects creates nothing there. One call, since every open looks the directory up again. */
 static int usable_dir(const char* dir) {
     char probe[PATH_MAX];
     int written = snprintf(probe, sizeof(probe), "%s/", dir);
@@ -35,7 +35,7 @@ static int usable_dir(const char* dir) {
         errno = ENAMETOOLONG;
         return 0;
     }
-    return access(probe, W_OK | X_OK) == 0;
+    return access(probe, X_OK) == 0;
 }
 
 /* Makes `dir` exist with `mode` when it does not; 0 when it is a usable directory. */
@@ -47,10 +47,8 @@ static int ensure_dir(const char* dir, mode_t mode) {
         return -1;
     }
     if (mkdir(dir, mode) == 0) {
-        /* mkdir honours the umask; the shared, sticky directory needs its full mode. */
-        if (mode & S_ISVTX) {
-            chmod(dir, mode);
-        }
+        /* mkdir honours the umask; others must still be able to look names up in it. */
+        chmod(dir, mode);
     } else if (errno != EEXIST) {
         return -1;
     }
@@ -76,16 +74,21 @@ static int copy_dir(char* dir, size_t dirBytes, const char* text) {
     return written > 0 && (size_t)written < dirBytes ? MSG_OK : MSG_ERR_NO_DIR;
 }
 
-int msg_resolve_dir(char* dir, size_t dirBytes) {
+/* The directory named first: $MSGPASS_DIR when set, else the default. */
+static const char* first_choice(int* explicitChoice) {
     const char* chosen = getenv(MSG_DIR_ENV);
-    if (chosen && *chosen) {
-        if (ensure_dir(chosen, 0777) != 0) {
-            return MSG_ERR_NO_DIR;
-        }
+    *explicitChoice = chosen && *chosen;
+    return *explicitChoice ? chosen : MSG_DEFAULT_DIR;
+}
+
+int msg_resolve_dir(char* dir, size_t dirBytes) {
+    int explicitChoice;
+    const char* chosen = first_choice(&explicitChoice);
+    if (ensure_dir(chosen, kMsgDirMode) == 0) {
         return copy_dir(dir, dirBytes, chosen);
     }
-    if (ensure_dir(MSG_DEFAULT_DIR, 01777) == 0) {
-        return copy_dir(dir, dirBytes, MSG_DEFAULT_DIR);
+    if (explicitChoice) {
+        return MSG_ERR_NO_DIR; /* never second-guessed */
     }
     char fallback[kMsgPathBytes];
     const char* runtime = getenv("XDG_RUNTIME_DIR");
@@ -96,6 +99,10 @@ int msg_resolve_dir(char* dir, size_t dirBytes) {
         return MSG_ERR_NO_DIR;
     }
     return copy_dir(dir, dirBytes, fallback);
+}
+
+int msg_may_hold_names(uid_t uid, uid_t dirOwner) {
+    return uid == 0 || uid == dirOwner;
 }
 
 int msg_socket_path(const char* dir, const char* name, char* path) {
@@ -109,4 +116,30 @@ socklen_t msg_sockaddr(const char* path, struct sockaddr_un* addr) {
     size_t length = strnlen(path, sizeof(addr->sun_path) - 1);
     memcpy(addr->sun_path, path, length);
     return (socklen_t)(offsetof(struct sockaddr_un, sun_path) + length + 1);
+}
+
+MSG_EXPORT int MSG_GetDir(const char* localName, char* dir, size_t dirBytes) {
+    if (!dir || dirBytes == 0) {
+        return MSG_ERR_BAD_ARG;
+    }
+    char found[PATH_MAX];
+    int status;
+    if (localName) {
+        struct msg_endpoint* ep = NULL;
+        status = msg_endpoint_lookup(localName, &ep);
+        if (status == MSG_OK) {
+            copy_dir(found, sizeof(found), ep->dir);
+            msg_endpoint_put(ep);
+        }
+    } else {
+        status = msg_resolve_dir(found, sizeof(found));
+        int explicitChoice;
+        if (status != MSG_OK && copy_dir(found, sizeof(found), first_choice(&explicitChoice))) {
+            found[0] = '\0'; /* a $MSGPASS_DIR longer than any path */
+        }
+    }
+    if (status != MSG_OK && status != MSG_ERR_NO_DIR) {
+        return status;
+    }
+    return copy_dir(dir, dirBytes, found) == MSG_OK || !found[0] ? status : MSG_ERR_BAD_ARG;
 }

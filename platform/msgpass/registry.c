@@ -17,6 +17,14 @@ void msg_registry_unlock(void) {
     pthread_mutex_unlock(&registry_lock);
 }
 
+int msg_registry_trylock(void) {
+    return pthread_mutex_trylock(&registry_lock) == 0;
+}
+
+struct msg_endpoint* msg_registry_first_locked(void) {
+    return registry_head;
+}
+
 struct msg_endpoint* msg_registry_find_locked(const char* name) {
     for (struct msg_endpoint* ep = registry_head; ep; ep = ep->next) {
         if (strcmp(ep->name, name) == 0) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "internal.h"
@@ -37,6 +38,25 @@ static int try_connect(const char* path, int* fd) {
     }
 }
 
+/* Whether the process behind the connection holds the name: the kernel's credentials of the
+ * listener must be those of the name's owner, who must be someone allowed to hold names in the
+ * directory. Checked before anything is sent, so that an impostor learns nothing. A name that
+ * changed hands meanwhile counts as not there yet. */
+static int check_holder(const char* dir, const char* path, int fd) {
+    struct ucred cred;
+    socklen_t length = sizeof(cred);
+    struct stat nameSt, dirSt;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0) {
+        return MSG_ERR_SYSTEM;
+    }
+    if (lstat(path, &nameSt) != 0 || stat(dir, &dirSt) != 0) {
+        return MSG_ERR_TIMEOUT;
+    }
+    return cred.uid == nameSt.st_uid && msg_may_hold_names(nameSt.st_uid, dirSt.st_uid)
+               ? MSG_OK
+               : MSG_ERR_NOT_TRUSTED;
+}
+
 /* Sleeps until something changes in the directory, the retry interval passes or the deadline
  * comes. Without a watch it simply sleeps the interval. */
 static void wait_for_directory(int watch_fd, int64_t deadline) {
@@ -52,12 +72,20 @@ static void wait_for_directory(int watch_fd, int64_t deadline) {
     }
 }
 
+/* Connects to whoever holds the name, once someone allowed to does. A name held by someone else
+ * is waited out as if it were not there (its rightful owner replaces it on start), and reported
+ * as such when the time is up. */
 static int connect_when_there(const char* dir, const char* path, int64_t deadline, int* fd) {
     int watch_fd = -1;
     int status;
     for (;;) {
         status = try_connect(path, fd);
-        if (status != MSG_ERR_TIMEOUT || msg_remaining_ms(deadline) == 0) {
+        if (status == MSG_OK && (status = check_holder(dir, path, *fd)) != MSG_OK) {
+            close(*fd);
+            *fd = -1;
+        }
+        if ((status != MSG_ERR_TIMEOUT && status != MSG_ERR_NOT_TRUSTED) ||
+            msg_remaining_ms(deadline) == 0) {
             break;
         }
         if (watch_fd < 0) {

@@ -22,6 +22,7 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -110,6 +111,21 @@ std::string readAll(int fd, size_t size, const std::function<bool()>& pump = nul
         }
     }
     return got;
+}
+
+// Becomes uid and gid 65534 (from root); false when that failed.
+bool becomeNobody() {
+    return setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
+           setresuid(65534, 65534, 65534) == 0;
+}
+
+// The names in directory `dir`.
+std::set<std::string> namesIn(const std::string& dir) {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        names.insert(entry.path().filename().string());
+    }
+    return names;
 }
 
 class MsgPassTest : public ::testing::Test {
@@ -395,16 +411,14 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
 // ---- Endpoints in separate processes ----
 
 // Comes up late, as uid and gid 65534 when run as root (so that a mix-up of the two ends' ids
-// cannot pass); answers `count` requests with id + 1 and the same payload, each reply sent from a
-// thread other than the receiving one; then takes one more request and dies without answering.
-// Exit status 0; 20 when it could not set up, 21 for a request not from its parent, 22 for a
-// reply refused.
+// cannot pass; the directory is then theirs, so that they may hold names in it); answers `count`
+// requests with id + 1 and the same payload, each reply sent from a thread other than the receiving
+// one; then takes one more request and dies without answering. Exit status 0; 20 when it could not
+// set up, 21 for a request not from its parent, 22 for a reply refused.
 int serveEchoThenDie(int count) {
     const uid_t requesterUid = geteuid();
     usleep(150 * 1000);
-    const bool asNobody =
-        geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(65534) == 0 && setuid(65534) == 0);
-    if (!asNobody || MSG_OpenLocal("svc") != MSG_OK) {
+    if ((geteuid() == 0 && !becomeNobody()) || MSG_OpenService("svc") != MSG_OK) {
         return 20;
     }
     for (int i = 0;; i++) {
@@ -432,7 +446,8 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
     const uint32_t kRequest = 0x001A0000, kResponse = 0x001A0001;
     const uid_t uid = geteuid() == 0 ? 65534 : geteuid();
     const gid_t gid = geteuid() == 0 ? 65534 : getegid();
-    ASSERT_EQ(chmod(dir_.path.c_str(), 01777), 0);
+    ASSERT_EQ(chown(dir_.path.c_str(), uid, gid), 0);
+    ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
     const pid_t service = spawn([] { return serveEchoThenDie(2); });
     ASSERT_EQ(MSG_OpenLocal("tool"), MSG_OK);
     uint32_t address = 0;
@@ -496,6 +511,173 @@ TEST_F(MsgPassTest, ProcessesRacingForANameLeaveExactlyOneWinner) {
     }
     for (const auto& entry : std::filesystem::directory_iterator(dir_.path)) {
         EXPECT_NE(entry.path().filename().string().rfind(".tmp-", 0), 0u) << entry.path();
+    }
+}
+
+// ---- Who may hold a name, and what is left on disk ----
+
+#define SKIP_UNLESS_ROOT()                                                         \
+    if (geteuid() != 0) {                                                          \
+        GTEST_SKIP() << "needs root to run a process as another user (uid 65534)"; \
+    }
+
+// In a directory anyone may write to, uid 65534 takes "ConfigSrvc" before the service: through
+// the library it is refused, and a socket it binds by hand learns nothing. A client waits it out
+// and gets the real service, which takes the name when it starts.
+TEST_F(MsgPassTest, AnImpostorGetsNothingAndTheServiceTakesItsName) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chmod(dir_.path.c_str(), 01777), 0);
+    int heard[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, heard), 0);
+    // Reports "ready", then "c" for every connection and every byte a client sends it.
+    spawn([&] {
+        if (!becomeNobody() || MSG_OpenService("ConfigSrvc") != MSG_ERR_NOT_ALLOWED ||
+            MSG_OpenLocal("ConfigSrvc") != MSG_OK ||
+            access(dir_.file("ConfigSrvc").c_str(), 0) == 0) {
+            return 20;
+        }
+        int fd = unixSocket("ConfigSrvc", true);
+        if (fd < 0 || listen(fd, 8) != 0 || write(heard[1], "ready", 5) != 5) {
+            return 21;
+        }
+        char bytes[4096];
+        for (int client; (client = accept(fd, nullptr, nullptr)) >= 0; close(client)) {
+            if (write(heard[1], "c", 1) != 1) {
+                return 22;
+            }
+            for (ssize_t n; (n = read(client, bytes, sizeof(bytes))) > 0;) {
+                if (write(heard[1], bytes, static_cast<size_t>(n)) != n) {
+                    return 22;
+                }
+            }
+        }
+        return 23;
+    });
+    close(heard[1]);
+    ASSERT_EQ(readAll(heard[0], 5), "ready");
+    ASSERT_EQ(MSG_OpenLocal("setvane"), MSG_OK);
+    uint32_t address = 0;
+    EXPECT_EQ(MSG_OpenRemoteSync("setvane", "ConfigSrvc", 100, &address), MSG_ERR_NOT_TRUSTED);
+    int status = -1;
+    std::thread client(
+        [&] { status = MSG_OpenRemoteSync("setvane", "ConfigSrvc", 5000, &address); });
+    usleep(100 * 1000);
+    EXPECT_EQ(MSG_OpenService("ConfigSrvc"), MSG_OK) << "the real service must start";
+    client.join();
+    ASSERT_EQ(status, MSG_OK);
+    EXPECT_EQ(MSG_SendMsg("setvane", address, makeMsg(1, "secret-admin-write")), MSG_OK);
+    EXPECT_EQ(take(MSG_RecvAny("ConfigSrvc", 2000)), "secret-admin-write");
+    struct stat st {};
+    EXPECT_EQ(lstat(dir_.file("ConfigSrvc").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 0u) << "the name is the service's";
+    const std::string impostorHeard = readAll(heard[0], SIZE_MAX);
+    EXPECT_NE(impostorHeard, "") << "the client never tried the impostor: the test proves nothing";
+    EXPECT_EQ(impostorHeard, std::string(impostorHeard.size(), 'c')) << "sent to the impostor";
+    close(heard[0]);
+}
+
+// A client under another uid, in a directory it cannot write to, talks to the service and
+// leaves nothing behind; it may not serve a name there.
+TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
+    const pid_t client = spawn([] {
+        uint32_t address = 0;
+        if (!becomeNobody() || MSG_OpenLocal("client") != MSG_OK ||
+            MSG_OpenService("other") != MSG_ERR_NOT_ALLOWED ||
+            MSG_OpenRemoteSync("client", "svc", 2000, &address) != MSG_OK ||
+            MSG_SendMsg("client", address, makeMsg(1, "hello")) != MSG_OK) {
+            return 20;
+        }
+        return take(MSG_RecvMsg("client", 2, 2000)) == "hello back" ? 0 : 21;
+    });
+    MSG_Sender from{};
+    EXPECT_EQ(take(MSG_RecvAny("svc", 2000), &from), "hello");
+    EXPECT_EQ(from.uid, 65534u);
+    EXPECT_EQ(MSG_SendMsg("svc", from.address, makeMsg(2, "hello back")), MSG_OK);
+    int status = -1;
+    EXPECT_EQ(waitpid(client, &status, 0), client);
+    EXPECT_EQ(status, 0) << "client exit status " << WEXITSTATUS(status);
+    const std::set<std::string> left{".lock", "svc"};
+    EXPECT_EQ(namesIn(dir_.path), left);
+}
+
+// However a process ends normally, with its endpoints open or not, their files go with it; the
+// exit of a child made by fork() leaves the parent's alone.
+TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcess) {
+    for (const std::string how : {"exit", "return", "thread", "fork"}) {
+        const testsupport::Outcome run = testsupport::runProgram(
+            EXIT_PROBE, {EXIT_PROBE, how, how + "-a", how + "-b"}, {{MSG_DIR_ENV, dir_.path}});
+        EXPECT_EQ(run.status, 0) << how;
+        EXPECT_EQ(namesIn(dir_.path), std::set<std::string>{".lock"}) << how;
+    }
+}
+
+// Files of killed processes are swept when a process next publishes a name in the directory;
+// what is alive, or not a socket, stays.
+TEST_F(MsgPassTest, DeadProcessesFilesAreSwept) {
+    testsupport::Background killed(EXIT_PROBE, {EXIT_PROBE, "wait", "setvane-1", "setvane-2"},
+                                   {{MSG_DIR_ENV, dir_.path}});
+    testsupport::Background alive(EXIT_PROBE, {EXIT_PROBE, "wait", "alive"},
+                                  {{MSG_DIR_ENV, dir_.path}});
+    ASSERT_TRUE(killed.waitUntil([&] { return namesIn(dir_.path).count("setvane-2"); }));
+    ASSERT_TRUE(alive.waitUntil([&] { return namesIn(dir_.path).count("alive"); }));
+    EXPECT_EQ(killed.stop(SIGKILL), 128 + SIGKILL);
+    ASSERT_TRUE(testsupport::writeFile(dir_.file("plain"), "keep me"));
+    const int bound = unixSocket("bound", true);  // being set up: not listening yet
+    close(unixSocket("closed", true));
+    const std::set<std::string> before{".lock", "alive",     "bound",    "closed",
+                                       "plain", "setvane-1", "setvane-2"};
+    ASSERT_EQ(namesIn(dir_.path), before);
+    ASSERT_EQ(MSG_OpenLocal("sweeper"), MSG_OK);
+    const std::set<std::string> after{".lock", "alive", "bound", "plain", "sweeper"};
+    EXPECT_EQ(namesIn(dir_.path), after);
+    close(bound);
+}
+
+TEST_F(MsgPassTest, StatusTextsAreTheDocumentedOnes) {
+    // The header with each comment's line breaks and leading asterisks taken out.
+    std::string header;
+    for (const std::string& line :
+         testsupport::split(testsupport::readFile(MSGPASS_HEADER), "\n")) {
+        const size_t start = line.find_first_not_of(" *");
+        header += " " + (start == std::string::npos ? "" : line.substr(start));
+    }
+    std::set<std::string> texts;
+    for (int status = MSG_ERR_BAD_ARG; status <= MSG_ERR_NOT_ALLOWED; status++) {
+        const std::string text = MSG_StatusText(status);
+        EXPECT_NE(header.find("= " + std::to_string(status)), std::string::npos) << status;
+        EXPECT_NE(header.find("/* " + text + " */"), std::string::npos) << status << ": " << text;
+        EXPECT_TRUE(texts.insert(text).second) << status << " shares its text";
+    }
+    EXPECT_STREQ(MSG_StatusText(MSG_OK), "success");
+    for (int unknown : {-1, 1, MSG_ERR_BAD_ARG - 1, MSG_ERR_NOT_ALLOWED + 1}) {
+        EXPECT_STREQ(MSG_StatusText(unknown), "unknown status") << unknown;
+    }
+}
+
+// Where a name is looked for, for messages: an open endpoint's directory, else the one that
+// would be used, and the one that was tried when there is none.
+TEST_F(MsgPassTest, DirectoryForMessages) {
+    ASSERT_EQ(MSG_OpenLocal("me"), MSG_OK);
+    const std::string unusable = dir_.file("missing/deeper");
+    char dir[PATH_MAX], small[8];
+    const std::tuple<const char*, char*, int, std::string> rows[] = {
+        {"me", dir, MSG_OK, dir_.path},
+        {nullptr, dir, MSG_OK, dir_.path},
+        {"nobody", dir, MSG_ERR_NOT_OPEN, ""},
+        {"me", small, MSG_ERR_BAD_ARG, ""},
+        {"me", nullptr, MSG_ERR_BAD_ARG, ""},
+        {nullptr, dir, MSG_ERR_NO_DIR, unusable},  // with $MSGPASS_DIR unusable
+    };
+    for (const auto& [name, into, expected, path] : rows) {
+        if (expected == MSG_ERR_NO_DIR) {
+            setenv(MSG_DIR_ENV, unusable.c_str(), 1);
+        }
+        dir[0] = '\0';
+        EXPECT_EQ(MSG_GetDir(name, into, into == small ? sizeof(small) : sizeof(dir)), expected);
+        EXPECT_EQ(dir, path) << (name ? name : "(null)");
     }
 }
 

@@ -1,0 +1,70 @@
+/* Opens the endpoints named after its first argument, then ends as that argument says:
+ *   exit    exit(0) with the endpoints open
+ *   return  returns from main with the endpoints open
+ *   thread  exit(0) while another thread waits in MSG_RecvAny
+ *   fork    a child made by fork() calls exit(0); then exits 0 when the first endpoint's file is
+ *           still there, 4 when the child's exit took it
+ *   wait    waits to be killed
+ * Exit status 2 for a bad command line, 3 when an endpoint could not be opened. */
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "msgpass.h"
+
+static void* receive_forever(void* name) {
+    MSG_ReleaseMsg(MSG_RecvAny((const char*)name, -1));
+    return NULL;
+}
+
+/* 0 when the file of endpoint `name` is in its directory. */
+static int file_of(const char* name) {
+    char path[4096];
+    if (MSG_GetDir(name, path, sizeof(path) - MSG_MAX_NAME_BYTES - 2) != MSG_OK) {
+        return -1;
+    }
+    strcat(path, "/");
+    strcat(path, name);
+    return access(path, F_OK);
+}
+
+int main(int argc, char** argv) {
+    if (argc < 3) {
+        return 2;
+    }
+    for (int i = 2; i < argc; i++) {
+        if (MSG_OpenLocal(argv[i]) != MSG_OK) {
+            return 3;
+        }
+    }
+    const char* how = argv[1];
+    if (strcmp(how, "exit") == 0) {
+        exit(0);
+    }
+    if (strcmp(how, "return") == 0) {
+        return 0;
+    }
+    if (strcmp(how, "thread") == 0) {
+        pthread_t thread;
+        pthread_create(&thread, NULL, receive_forever, argv[2]);
+        usleep(50 * 1000);
+        exit(0);
+    }
+    if (strcmp(how, "fork") == 0) {
+        pid_t child = fork();
+        if (child == 0) {
+            exit(0);
+        }
+        waitpid(child, NULL, 0);
+        return file_of(argv[2]) == 0 ? 0 : 4;
+    }
+    if (strcmp(how, "wait") == 0) {
+        for (;;) {
+            pause();
+        }
+    }
+    return 2;
+}
