@@ -26,13 +26,13 @@ constexpr int kIdlePollMs = 1000;
 constexpr size_t kArenaBlockBytes = 512 * 1024;
 
 // What run() waits on, by slot of its poll set.
-enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPollSlotCount };
+enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPauseSlot, kPollSlotCount };
 
 }  // namespace
 
 Server::Server(const ConfigService& service, RecordState* state, Committer* committer,
                const std::string& endpoint)
-    : service_(service),
+    : service_(&service),
       state_(state),
       committer_(committer),
       endpoint_(endpoint),
@@ -152,11 +152,11 @@ void Server::dispatch(MSG_Msg* request) {
     const void* payload = MSG_GetPayload(request);
     const auto bytes = static_cast<size_t>(MSG_GetPayloadBytes(request));
     if (id == ConfigProtocol::kBatchReadReqMsgId &&
-        service_.answerBatchReadFromWire(payload, bytes, sender.uid, &encoded_, &answer)) {
+        service_->answerBatchReadFromWire(payload, bytes, sender.uid, &encoded_, &answer)) {
         sendEncoded(sender.address, answer.msgId, encoded_);
         return;
     }
-    service_.handle(id, payload, bytes, sender.uid, arena_.get(), &answer);
+    service_->handle(id, payload, bytes, sender.uid, arena_.get(), &answer);
     logRefusals(id, sender, answer);
     if (answer.changes.empty()) {
         send(sender.address, answer.msgId, *answer.message);
@@ -198,12 +198,31 @@ void Server::finishWrites() {
     }
 }
 
-bool Server::run(int stopFd) {
+void Server::serveFrom(const ConfigService& service, RecordState* state, Committer* committer) {
+    service_ = &service;
+    state_ = state;
+    committer_ = committer;
+}
+
+bool Server::drainWrites() {
+    while (!waiting_.empty()) {
+        pollfd committed = {committer_->readyFd(), POLLIN, 0};
+        if (poll(&committed, 1, -1) < 0 && errno != EINTR) {
+            logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
+            return false;
+        }
+        finishWrites();
+    }
+    return true;
+}
+
+bool Server::run(int stopFd, Pause* pause) {
     int requestFd = MSG_GetPollFd(endpoint_.c_str());
     pollfd watched[kPollSlotCount] = {};
     watched[kStopSlot] = {stopFd, POLLIN, 0};
     watched[kRequestSlot] = {requestFd, POLLIN, 0};
     watched[kCommittedSlot] = {committer_->readyFd(), POLLIN, 0};
+    watched[kPauseSlot] = {pause != nullptr ? pause->fd() : -1, POLLIN, 0};
     if (requestFd < 0) {
         logmsg_err(kLogModule, "MSG_GetPollFd() failed; looking for requests every %d ms\n",
                    kIdlePollMs);
@@ -220,6 +239,13 @@ bool Server::run(int stopFd) {
         }
         if (ready > 0 && watched[kStopSlot].revents != 0) {
             break;
+        }
+        if (ready > 0 && watched[kPauseSlot].revents != 0) {
+            if (!drainWrites() || !pause->run(this)) {
+                healthy = false;
+                break;
+            }
+            watched[kCommittedSlot].fd = committer_->readyFd();
         }
         if (ready <= 0 || watched[kCommittedSlot].revents != 0) {
             finishWrites();

@@ -1,11 +1,14 @@
 // configsrvc: the reference configuration service.
 //
-//   configsrvc --model FILE --state DIR
+//   configsrvc --model FILE --state DIR [--endpoint NAME] [--log auto|device|stderr]
+//   configsrvc --check-model FILE
+//   configsrvc --version
 //
 // Runs in the foreground: loads the device model, opens the value store in the state folder,
 // and only then opens the endpoint "ConfigSrvc", so any client that finds the endpoint gets
-// answers. SIGTERM, SIGINT and SIGHUP stop it cleanly: writes already accepted are committed
-// and answered before the endpoint closes.
+// answers. SIGTERM and SIGINT stop it cleanly: writes already accepted are committed and
+// answered before the endpoint closes. SIGHUP reloads the model file (see Serving.h): a model
+// that is refused changes nothing and the service goes on serving the one it had.
 #include <fcntl.h>
 #include <google/protobuf/stubs/logging.h>
 #include <signal.h>
@@ -20,12 +23,11 @@
 #include <string>
 #include <vector>
 
-#include "Committer.h"
 #include "Common/protobuf/v3/ConfigProtocol.h"
-#include "ConfigService.h"
+#include "LogTarget.h"
 #include "ModelLoader.h"
 #include "Server.h"
-#include "ValueStore.h"
+#include "Serving.h"
 #include "logmsg.h"
 #include "msgpass.h"
 
@@ -39,25 +41,37 @@ constexpr char kLogModule[] = "main";
 constexpr size_t kMaxPendingWrites = 4096;
 
 constexpr char kUsage[] =
-    "usage: configsrvc --model FILE --state DIR [--endpoint NAME]\n"
-    "  --model FILE     device model (XML) declaring the variables served\n"
-    "  --state DIR      folder of the value database (created when missing)\n"
-    "  --endpoint NAME  endpoint to serve on (default " CONFIG_SERVICE_ENDPOINT
+    "usage: configsrvc --model FILE --state DIR [--endpoint NAME] [--log TARGET]\n"
+    "       configsrvc --check-model FILE\n"
+    "       configsrvc --version\n"
+    "  --model FILE        device model (XML) declaring the variables served\n"
+    "  --state DIR         folder of the value database (created when missing)\n"
+    "  --endpoint NAME     endpoint to serve on (default " CONFIG_SERVICE_ENDPOINT
     ")\n"
-    "Endpoints live in $MSGPASS_DIR when it is set.\n";
+    "  --log TARGET        auto (default): the log device " LOGMSG_DEVICE_PATH
+    " when there is one,\n"
+    "                      else standard error; or device, or stderr\n"
+    "  --check-model FILE  check a model file and exit: 0 when it is good, else 1 and\n"
+    "                      FILE:LINE: REASON on standard error\n"
+    "Endpoints live in $MSGPASS_DIR when it is set. SIGHUP reloads the model.\n";
 
 struct Options {
     std::string model;
     std::string state;
     std::string endpoint = ConfigProtocol::kServiceEndpoint;
+    std::string log = "auto";
+    std::string checkModel;
+    LogTarget logTarget = LogTarget::kAuto;
 };
 
+// Written to by the signal handlers, read by the event loop.
 int stopPipe[2] = {-1, -1};
+int reloadPipe[2] = {-1, -1};
 
-void onStopSignal(int) {
+void onSignal(int number) {
     int saved = errno;
     char byte = 1;
-    (void)!write(stopPipe[1], &byte, 1);
+    (void)!write(number == SIGHUP ? reloadPipe[1] : stopPipe[1], &byte, 1);
     errno = saved;
 }
 
@@ -75,10 +89,17 @@ int parseOptions(int argc, char** argv, Options* options) {
             std::fputs(kUsage, stdout);
             return 0;
         }
-        std::string* target = word == "--model"      ? &options->model
-                              : word == "--state"    ? &options->state
-                              : word == "--endpoint" ? &options->endpoint
-                                                     : nullptr;
+        if (word == "--version") {
+            std::fputs(kProgram, stdout);
+            std::fputs(" " CONFIGSRVC_VERSION "\n", stdout);
+            return 0;
+        }
+        std::string* target = word == "--model"         ? &options->model
+                              : word == "--state"       ? &options->state
+                              : word == "--endpoint"    ? &options->endpoint
+                              : word == "--log"         ? &options->log
+                              : word == "--check-model" ? &options->checkModel
+                                                        : nullptr;
         if (target == nullptr) {
             return usageError("unknown option '" + word + "'");
         }
@@ -91,20 +112,39 @@ int parseOptions(int argc, char** argv, Options* options) {
         }
         *target = argv[++i];
     }
+    if (!options->checkModel.empty()) {
+        return seen.size() == 1 ? -1 : usageError("--check-model takes no other option");
+    }
+    if (!parseLogTarget(options->log, &options->logTarget)) {
+        return usageError("--log takes auto, device or stderr, not '" + options->log + "'");
+    }
     if (options->model.empty() || options->state.empty()) {
         return usageError("--model and --state are required");
     }
     return -1;
 }
 
-bool installStopSignals(std::string* error) {
-    if (pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+// Checks a model file as start-up and reload do, touching nothing else.
+int checkModel(const std::string& path) {
+    DeviceModel model;
+    std::string error;
+    if (!loadModelFile(path, &model, &error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return 1;
+    }
+    std::fprintf(stdout, "%s: ok\n", path.c_str());
+    return 0;
+}
+
+bool installSignals(std::string* error) {
+    if (pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) != 0 ||
+        pipe2(reloadPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         *error = std::string("pipe: ") + std::strerror(errno);
         return false;
     }
     struct sigaction action;
     std::memset(&action, 0, sizeof action);
-    action.sa_handler = onStopSignal;
+    action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
     for (int number : {SIGTERM, SIGINT, SIGHUP}) {
@@ -126,11 +166,61 @@ void logProtobufMessage(google::protobuf::LogLevel level, const char* file, int 
     }
 }
 
-int fail(const std::string& problem) {
-    std::fprintf(stderr, "%s: %s\n", kProgram, problem.c_str());
-    logmsg_err(kLogModule, "%s\n", problem.c_str());
-    return 1;
+void logWarnings(const std::vector<std::string>& warnings) {
+    for (const std::string& warning : warnings) {
+        logmsg_warn(kLogModule, "%s\n", warning.c_str());
+    }
 }
+
+// Reloads the model on SIGHUP, between requests.
+class Reloader : public Server::Pause {
+  public:
+    Reloader(const std::string& modelPath, const ServingSettings& settings,
+             std::unique_ptr<Serving>* serving)
+        : modelPath_(modelPath), settings_(settings), serving_(serving) {}
+
+    int fd() const override { return reloadPipe[0]; }
+
+    bool run(Server* server) override {
+        char bytes[64];
+        while (read(reloadPipe[0], bytes, sizeof bytes) > 0) {
+            // Signals that arrived together make one reload.
+        }
+        std::unique_ptr<Serving> previous;
+        std::vector<std::string> warnings;
+        std::string error;
+        ReloadResult result =
+            reloadModel(modelPath_, settings_, serving_, &previous, &warnings, &error);
+        switch (result) {
+            case ReloadResult::kKept:
+                logmsg_err(kLogModule, "model not reloaded, still serving the one before: %s\n",
+                           error.c_str());
+                return true;
+            case ReloadResult::kFailed:
+                logmsg_crit(kLogModule, "cannot open the store again: %s\n", error.c_str());
+                *serving_ = std::move(previous);  // what the server still holds, to close with
+                return false;
+            case ReloadResult::kOldReopened:
+                logmsg_err(kLogModule,
+                           "model not reloaded, the store refused it; serving the one before: "
+                           "%s\n",
+                           error.c_str());
+                break;
+            case ReloadResult::kReloaded:
+                logmsg_info(kLogModule, "model %s reloaded\n", modelPath_.c_str());
+                break;
+        }
+        logWarnings(warnings);
+        Serving& now = **serving_;
+        server->serveFrom(now.service(), now.state(), now.committer());
+        return true;
+    }
+
+  private:
+    std::string modelPath_;
+    ServingSettings settings_;
+    std::unique_ptr<Serving>* serving_;
+};
 
 }  // namespace
 
@@ -140,41 +230,45 @@ int main(int argc, char** argv) {
     if (early >= 0) {
         return early;
     }
-    logmsg_init(0, kProgram);
+    if (!options.checkModel.empty()) {
+        return checkModel(options.checkModel);
+    }
+    // On standard error the log is the operator's console too: each problem is said once there.
+    const bool logOnStderr = startLogging(options.logTarget, kProgram) == LogTarget::kStandardError;
+    auto fail = [logOnStderr](const std::string& problem) {
+        if (!logOnStderr) {
+            std::fprintf(stderr, "%s: %s\n", kProgram, problem.c_str());
+        }
+        logmsg_err(kLogModule, "%s\n", problem.c_str());
+        return 1;
+    };
     google::protobuf::SetLogHandler(logProtobufMessage);
     MSG_DebugSetName(kProgram);
 
     std::string error;
-    DeviceModel model;
-    if (!loadModelFile(options.model, &model, &error)) {
+    auto model = std::make_shared<DeviceModel>();
+    if (!loadModelFile(options.model, model.get(), &error)) {
         return fail(error);
     }
-    std::unique_ptr<ValueStore> store;
-    Records records;
+    const ServingSettings settings{options.state, geteuid(), kMaxPendingWrites};
     std::vector<std::string> warnings;
-    if (!ValueStore::open(options.state, model, &store, &records, &warnings, &error)) {
+    std::unique_ptr<Serving> serving = Serving::open(model, settings, &warnings, &error);
+    if (serving == nullptr) {
         return fail(error);
     }
-    RecordState state(std::move(records));
-    for (const std::string& warning : warnings) {
-        logmsg_warn(kLogModule, "%s\n", warning.c_str());
-    }
-    if (!installStopSignals(&error)) {
+    logWarnings(warnings);
+    if (!installSignals(&error)) {
         return fail(error);
     }
-    Committer committer(store.get(), kMaxPendingWrites);
-    if (!committer.start(&error)) {
-        return fail(error);
-    }
-    ConfigService service(model, state, geteuid());
-    Server server(service, &state, &committer, options.endpoint);
+    Server server(serving->service(), serving->state(), serving->committer(), options.endpoint);
     if (!server.open(&error)) {
         return fail(error);
     }
     logmsg_info(kLogModule, "model %s, values in %s\n", options.model.c_str(),
-                store->databasePath().c_str());
-    if (!server.run(stopPipe[0])) {
-        return fail("stopped: waiting for requests failed");
+                serving->databasePath().c_str());
+    Reloader reloader(options.model, settings, &serving);
+    if (!server.run(stopPipe[0], &reloader)) {
+        return fail("stopped: serving could not go on");
     }
     logmsg_info(kLogModule, "stopped\n");
     return 0;
