@@ -74,9 +74,11 @@ struct NodeDef {
 };
 
 // Who may claim which role. Root and the service's own user may claim every role unless listed;
-// every other user may claim up to `othersMax` unless listed.
+// every other user may claim up to `othersMax` unless listed. By default that is kUser, the
+// least role: any account on the machine may read what users may read, and a model must say so
+// before anyone else may change settings.
 struct ClaimPolicy {
-    CommonIF::eSecurityRole othersMax = CommonIF::kAdmin;
+    CommonIF::eSecurityRole othersMax = CommonIF::kUser;
     std::map<uid_t, CommonIF::eSecurityRole> maxByUid;
 };
 

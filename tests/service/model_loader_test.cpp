@@ -28,6 +28,35 @@ TEST(ModelLoader, ExampleModelLoadsAndDefaultsAreKeptInCanonicalForm) {
     EXPECT_EQ(n.variable->defaults, std::vector<std::string>{"0"});
 }
 
+// Who may claim what, by uid, with the service running as 990. Without a word from the model,
+// users other than root and the service's own may claim kUser only.
+TEST(ModelLoader, ClaimsAreNarrowUnlessTheModelWidensThem) {
+    const struct {
+        const char* claims;
+        uid_t uid;
+        CommonIF::eSecurityRole highest;
+    } kCases[] = {
+        {"", 4321, CommonIF::kUser},
+        {"", 0, CommonIF::kStartup},
+        {"", 990, CommonIF::kStartup},
+        {"<claims/>", 4321, CommonIF::kUser},
+        {"<claims others='kAdmin'/>", 4321, CommonIF::kAdmin},
+        {"<claims><uid id='1500' max='kSystem'/></claims>", 1500, CommonIF::kSystem},
+        {"<claims><uid id='1500' max='kSystem'/></claims>", 1501, CommonIF::kUser},
+        {"<claims><uid id='0' max='kAdmin'/></claims>", 0, CommonIF::kAdmin},
+    };
+    for (const auto& c : kCases) {
+        DeviceModel model;
+        std::string error;
+        ASSERT_TRUE(parseModel(std::string("<device-model>") + c.claims +
+                                   "<variable name='v' kind='boolean' default='true'/>"
+                                   "</device-model>",
+                               "m.xml", &model, &error))
+            << error;
+        EXPECT_EQ(model.highestClaim(c.uid, 990), c.highest) << c.claims << " uid " << c.uid;
+    }
+}
+
 TEST(ModelLoader, BadModelsAreRefusedWithFileLineAndReason) {
     const testsupport::CaseFile cases = testsupport::readCaseFile(BAD_MODELS);
     EXPECT_GE(cases.blocks.size(), 32u);
