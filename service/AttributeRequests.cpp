@@ -164,7 +164,7 @@ bool ConfigService::storedValuesFit(const VariableDef& variable, const VariableD
     return true;
 }
 
-void ConfigService::getAttribute(const ConfigIF::GetAttributeReq& request, uid_t,
+void ConfigService::getAttribute(const ConfigIF::GetAttributeReq& request, const Sender&,
                                  ConfigIF::GetAttributeRsp* response, Answer* answer) const {
     response->set_name(request.name());
     response->set_node_name(request.node_name());
@@ -196,7 +196,7 @@ void ConfigService::getAttribute(const ConfigIF::GetAttributeReq& request, uid_t
     response->set_node_xml_attributes(xml);
 }
 
-void ConfigService::setAttribute(const ConfigIF::SetAttributeReq& request, uid_t,
+void ConfigService::setAttribute(const ConfigIF::SetAttributeReq& request, const Sender&,
                                  ConfigIF::SetAttributeRsp* response, Answer* answer) const {
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
@@ -231,7 +231,7 @@ void ConfigService::setAttribute(const ConfigIF::SetAttributeReq& request, uid_t
     answer->changes.push_back(std::move(change));
 }
 
-void ConfigService::resetAttribute(const ConfigIF::ResetAttributeReq& request, uid_t,
+void ConfigService::resetAttribute(const ConfigIF::ResetAttributeReq& request, const Sender&,
                                    ConfigIF::ResetAttributeRsp* response, Answer* answer) const {
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
@@ -256,7 +256,7 @@ void ConfigService::resetAttribute(const ConfigIF::ResetAttributeReq& request, u
     }
 }
 
-void ConfigService::readAttributes(const ConfigIF::ReadAttributesReq& request, uid_t,
+void ConfigService::readAttributes(const ConfigIF::ReadAttributesReq& request, const Sender&,
                                    ConfigIF::ReadAttributesRsp* response, Answer* answer) const {
     response->set_name(request.name());
     *response->mutable_instance() = request.instance();

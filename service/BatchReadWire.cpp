@@ -9,10 +9,11 @@
 //
 // Only the plain form that clients send is taken: the known fields with their own wire types,
 // canonical varints, known enum values, every required field, a printable ASCII requester
-// name, a claim the sender may make, and instances that all resolve and may all be read. On
+// name, a claim the sender may make, instances that all resolve and may all be read, and no
+// submission open on the sender's connection (whose staged writes the reads would see). On
 // anything else answerBatchReadFromWire() gives up and ConfigService::handle() answers in full,
-// refusals and log lines included; the fuzz target batch_read_wire holds the two to the same
-// bytes.
+// refusals and log lines included; a unit test and the fuzz target service_requests hold the
+// two to the same bytes.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -294,12 +295,13 @@ void appendItem(std::string* out, const std::vector<std::string>& values, bool i
 
 }  // namespace
 
-bool ConfigService::answerBatchReadFromWire(const void* payload, size_t bytes, uid_t senderUid,
+bool ConfigService::answerBatchReadFromWire(const void* payload, size_t bytes, const Sender& sender,
                                             std::string* encoded, Answer* answer) const {
     WireBatch batch;
     std::string reason;
-    if (bytes > kMaxRequestBytes || !readBatch(payload, bytes, &batch) ||
-        checkClaim(static_cast<eSecurityRole>(batch.role), senderUid, &reason) !=
+    if (bytes > kMaxRequestBytes || openSubmission(sender) != nullptr ||
+        !readBatch(payload, bytes, &batch) ||
+        checkClaim(static_cast<eSecurityRole>(batch.role), sender.uid, &reason) !=
             CommonIF::kErrNoError) {
         return false;
     }

@@ -67,14 +67,14 @@ struct ConfigService::Command {
     uint32_t responseId;
     const Message& (*request)();
     const Message& (*response)();
-    void (*handle)(const ConfigService&, const Message&, uid_t, Message*, Answer*);
+    void (*handle)(const ConfigService&, const Message&, const Sender&, Message*, Answer*);
 };
 
 template <typename Request, typename Response,
-          void (ConfigService::*Handle)(const Request&, uid_t, Response*, Answer*) const>
-void ConfigService::adapt(const ConfigService& service, const Message& request, uid_t senderUid,
-                          Message* response, Answer* answer) {
-    (service.*Handle)(static_cast<const Request&>(request), senderUid,
+          void (ConfigService::*Handle)(const Request&, const Sender&, Response*, Answer*) const>
+void ConfigService::adapt(const ConfigService& service, const Message& request,
+                          const Sender& sender, Message* response, Answer* answer) {
+    (service.*Handle)(static_cast<const Request&>(request), sender,
                       static_cast<Response*>(response), answer);
 }
 
@@ -104,6 +104,7 @@ const ConfigService::Command ConfigService::kCommands[] = {
     CONFIG_COMMAND(ResetValue, resetValue),
     CONFIG_COMMAND(ResetAttribute, resetAttribute),
     CONFIG_COMMAND(ResetNodeValue, resetNodeValue),
+    CONFIG_COMMAND(Submit, submit),
 };
 
 #undef CONFIG_COMMAND
@@ -193,8 +194,9 @@ void answerUnsupported(uint32_t requestId, google::protobuf::Arena* arena, Answe
     answer->refusals.push_back(reason);
 }
 
-void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
-                           google::protobuf::Arena* arena, Answer* answer) const {
+void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes,
+                           const Sender& sender, google::protobuf::Arena* arena,
+                           Answer* answer) const {
     const Command* command = nullptr;
     for (const Command& candidate : kCommands) {
         if (candidate.requestId == requestId) {
@@ -217,13 +219,13 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
         const FieldDescriptor* role = request->GetDescriptor()->FindFieldByName("role");
         error = checkClaim(
             static_cast<eSecurityRole>(request->GetReflection()->GetEnumValue(*request, role)),
-            senderUid, &reason);
+            sender.uid, &reason);
     }
     if (const FieldDescriptor* name = request->GetDescriptor()->FindFieldByName("name")) {
         answer->requester = printable(request->GetReflection()->GetString(*request, name), 64);
     }
     if (error == CommonIF::kErrNoError) {
-        command->handle(*this, *request, senderUid, answer->message, answer);
+        command->handle(*this, *request, sender, answer->message, answer);
         return;
     }
     // A batch of levels has no overall error: every instance of a refused claim is refused
@@ -311,8 +313,9 @@ bool ConfigService::resolve(const ConfigIF::Inst& instance, ResolvedVariable* fo
     return false;
 }
 
-void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role, Lookup* lookup,
-                            ConfigIF::ReadRsp* response, std::string* reason) const {
+void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role,
+                            const Submission* staged, Lookup* lookup, ConfigIF::ReadRsp* response,
+                            std::string* reason) const {
     const ResolvedVariable& found = lookup->found;
     pathOf(instance, &lookup->path);
     if (!model_.resolve(lookup->path, &lookup->found)) {
@@ -327,7 +330,10 @@ void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role, 
         response->set_error(CommonIF::kErrNotAuthorized);
         return;
     }
-    const std::vector<std::string>* stored = records.find(RecordKind::kValue, found.key);
+    const StagedWrite* mine = staged != nullptr ? staged->find(found.key) : nullptr;
+    const std::vector<std::string>* stored =
+        mine != nullptr ? (mine->change.reset ? nullptr : &mine->change.values)
+                        : records.find(RecordKind::kValue, found.key);
     const std::vector<std::string>& values = stored ? *stored : variable.defaults;
     response->set_error(CommonIF::kErrNoError);
     for (const std::string& value : values) {
@@ -337,17 +343,17 @@ void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role, 
     fillAnswered(instance, found, response->mutable_instance());
 }
 
-void ConfigService::read(const ConfigIF::ReadReq& request, uid_t, ConfigIF::ReadRsp* response,
-                         Answer* answer) const {
+void ConfigService::read(const ConfigIF::ReadReq& request, const Sender& sender,
+                         ConfigIF::ReadRsp* response, Answer* answer) const {
     std::string reason;
     Lookup lookup;
-    readOne(request.instance(), request.role(), &lookup, response, &reason);
+    readOne(request.instance(), request.role(), openSubmission(sender), &lookup, response, &reason);
     if (response->error() != CommonIF::kErrNoError) {
         answer->refusals.push_back(reason);
     }
 }
 
-void ConfigService::batchRead(const ConfigIF::BatchReadReq& request, uid_t,
+void ConfigService::batchRead(const ConfigIF::BatchReadReq& request, const Sender& sender,
                               ConfigIF::BatchReadRsp* response, Answer* answer) const {
     if (batchTooLarge(request.instance_size(), answer)) {
         response->set_error(CommonIF::kErrOutOfResources);
@@ -356,9 +362,10 @@ void ConfigService::batchRead(const ConfigIF::BatchReadReq& request, uid_t,
     response->set_error(CommonIF::kErrNoError);
     response->mutable_response()->Reserve(request.instance_size());
     Lookup lookup;
+    const Submission* staged = openSubmission(sender);
     for (const ConfigIF::Inst& instance : request.instance()) {
         std::string reason;
-        readOne(instance, request.role(), &lookup, response->add_response(), &reason);
+        readOne(instance, request.role(), staged, &lookup, response->add_response(), &reason);
         if (!reason.empty()) {
             answer->refusals.push_back(reason);
         }
@@ -419,23 +426,28 @@ bool ConfigService::answerWriteChecks(const ConfigIF::InstValue& target, eSecuri
     return true;
 }
 
-void ConfigService::write(const ConfigIF::WriteReq& request, uid_t senderUid,
+void ConfigService::write(const ConfigIF::WriteReq& request, const Sender& sender,
                           ConfigIF::WriteRsp* response, Answer* answer) const {
-    StoredChange change;
-    if (answerWriteChecks(request.instance_val(), request.role(), request.override_security(),
-                          senderUid, response->mutable_ret_message(), answer, &change)) {
-        answer->changes.push_back(std::move(change));
+    StagedWrite staged;
+    if (!answerWriteChecks(request.instance_val(), request.role(), request.override_security(),
+                           sender.uid, response->mutable_ret_message(), answer, &staged.change)) {
+        return;
+    }
+    staged.role = request.role();
+    staged.overriding = request.override_security();
+    if (!stageWrite(sender, staged, response->mutable_ret_message(), answer)) {
+        answer->changes.push_back(std::move(staged.change));
     }
 }
 
-void ConfigService::validate(const ConfigIF::ValidateReq& request, uid_t senderUid,
+void ConfigService::validate(const ConfigIF::ValidateReq& request, const Sender& sender,
                              ConfigIF::ValidateRsp* response, Answer* answer) const {
     StoredChange unstored;
-    answerWriteChecks(request.instance_val(), request.role(), false, senderUid,
+    answerWriteChecks(request.instance_val(), request.role(), false, sender.uid,
                       response->mutable_ret_message(), answer, &unstored);
 }
 
-void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, uid_t,
+void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, const Sender&,
                                ConfigIF::ResetValueRsp* response, Answer* answer) const {
     ResolvedVariable found;
     std::string reason;
@@ -459,7 +471,7 @@ void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, uid_t,
     }
 }
 
-void ConfigService::resetNodeValue(const ConfigIF::ResetNodeValueReq& request, uid_t,
+void ConfigService::resetNodeValue(const ConfigIF::ResetNodeValueReq& request, const Sender&,
                                    ConfigIF::ResetNodeValueRsp* response, Answer* answer) const {
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;

@@ -30,6 +30,7 @@
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "DeviceModel.h"
 #include "Records.h"
+#include "Submissions.h"
 
 namespace configsrvc {
 
@@ -42,6 +43,13 @@ constexpr int kMaxBatchInstances = 1024;
 struct Lookup {
     std::vector<PathStep> path;
     ResolvedVariable found;
+};
+
+// Who sent a request.
+struct Sender {
+    uid_t uid = 0;                       // its kernel uid
+    uint32_t connection = 0;             // the connection it came on; 0: none, so no submission
+    Submissions* submissions = nullptr;  // the open submissions, kept by whoever serves
 };
 
 // What one request comes to.
@@ -66,15 +74,23 @@ class ConfigService {
     // as `senderUid`; always fills a complete response in *answer. The request and the response
     // are made on `arena`, which must outlive the use of answer->message: a batch of a thousand
     // items is then a few bump allocations rather than thousands of mallocs.
-    void handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
+    // Writes and submissions of a connection with an open submission change only that
+    // submission (sender.submissions); nothing else is changed here.
+    void handle(uint32_t requestId, const void* payload, size_t bytes, const Sender& sender,
                 google::protobuf::Arena* arena, Answer* answer) const;
+    // The same for a sender on no connection (no submissions).
+    void handle(uint32_t requestId, const void* payload, size_t bytes, uid_t senderUid,
+                google::protobuf::Arena* arena, Answer* answer) const {
+        handle(requestId, payload, bytes, Sender{senderUid}, arena, answer);
+    }
 
     // Answers a batch read in the plain form clients send (see BatchReadWire.cpp) without
     // building messages: on true, *encoded holds the BatchReadRsp's bytes, exactly those that
     // handle() would answer, and *answer its id and requester (answer->message stays null; a
-    // batch it takes refuses nothing). False when the request is not in that form, or refuses
-    // something: then handle() must answer it. *encoded is reused from call to call.
-    bool answerBatchReadFromWire(const void* payload, size_t bytes, uid_t senderUid,
+    // batch it takes refuses nothing). False when the request is not in that form, refuses
+    // something, or comes from a connection with an open submission: then handle() must answer
+    // it. *encoded is reused from call to call.
+    bool answerBatchReadFromWire(const void* payload, size_t bytes, const Sender& sender,
                                  std::string* encoded, Answer* answer) const;
 
     // Turns the answer to a change into the answer for when storing it failed with `error`.
@@ -84,9 +100,10 @@ class ConfigService {
     struct Command;
     static const Command kCommands[];
     template <typename Request, typename Response,
-              void (ConfigService::*Handle)(const Request&, uid_t, Response*, Answer*) const>
+              void (ConfigService::*Handle)(const Request&, const Sender&, Response*, Answer*)
+                  const>
     static void adapt(const ConfigService& service, const google::protobuf::Message& request,
-                      uid_t senderUid, google::protobuf::Message* response, Answer* answer);
+                      const Sender& sender, google::protobuf::Message* response, Answer* answer);
 
     // Looks up a node or variable by its path of names, or records why not in answer->refusals.
     bool findNamed(const std::string& path, const NodeDef** node, const VariableDef** variable,
@@ -97,8 +114,23 @@ class ConfigService {
                                     std::string* reason) const;
     // Reads one instance into *response; a refused item carries its reason in *reason.
     // lookup->found holds the instance's variable when it was found.
-    void readOne(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role, Lookup* lookup,
-                 ConfigIF::ReadRsp* response, std::string* reason) const;
+    // `staged` (may be null) is the requester's open submission, whose writes it sees.
+    void readOne(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role,
+                 const Submission* staged, Lookup* lookup, ConfigIF::ReadRsp* response,
+                 std::string* reason) const;
+    // The submission open on the sender's connection, or null.
+    static Submission* openSubmission(const Sender& sender);
+    // Keeps a checked write in the sender's open submission when it lies in its scope; true
+    // when it did (or refused it for a bound, answered in *message), false when the write is
+    // to be stored as usual.
+    bool stageWrite(const Sender& sender, const StagedWrite& write,
+                    ConfigIF::ReturnMessage* message, Answer* answer) const;
+    CommonIF::eErrorType startSubmission(const ConfigIF::Inst& instance, const Sender& sender,
+                                         std::string* reason) const;
+    CommonIF::eErrorType endSubmission(const ConfigIF::Inst& instance, const Sender& sender,
+                                       Answer* answer, std::string* reason) const;
+    // Whether a staged write may still be stored as it is, else why not.
+    bool stillAllowed(const StagedWrite& write, std::string* reason) const;
     // The checks of a write; fills *change and *reboot when it may go ahead.
     CommonIF::eErrorType checkWrite(const ConfigIF::InstValue& target, CommonIF::eSecurityRole role,
                                     bool overriding, uid_t senderUid, StoredChange* change,
@@ -114,8 +146,8 @@ class ConfigService {
     // The options and levels parts of a value-options-access answer.
     void fillOptions(const VariableDef& variable, ConfigIF::GetAttributeOptionsRsp* response) const;
     void fillValueOptionsAccess(const ConfigIF::Inst& instance, CommonIF::eSecurityRole role,
-                                Lookup* lookup, ConfigIF::ValueOptionsAccess* item,
-                                Answer* answer) const;
+                                const Submission* staged, Lookup* lookup,
+                                ConfigIF::ValueOptionsAccess* item, Answer* answer) const;
     // Whether every stored value and default of `variable`'s instances fits `candidate` (the
     // variable with other attributes), else the reason.
     bool storedValuesFit(const VariableDef& variable, const VariableDef& candidate,
@@ -124,35 +156,39 @@ class ConfigService {
                              const std::string& path, std::string* reason) const;
 
     // One handler per request; each fills its response and, for changes, answer->changes.
-    void read(const ConfigIF::ReadReq&, uid_t, ConfigIF::ReadRsp*, Answer*) const;
-    void batchRead(const ConfigIF::BatchReadReq&, uid_t, ConfigIF::BatchReadRsp*, Answer*) const;
-    void write(const ConfigIF::WriteReq&, uid_t, ConfigIF::WriteRsp*, Answer*) const;
-    void validate(const ConfigIF::ValidateReq&, uid_t, ConfigIF::ValidateRsp*, Answer*) const;
-    void getAttribute(const ConfigIF::GetAttributeReq&, uid_t, ConfigIF::GetAttributeRsp*,
+    void read(const ConfigIF::ReadReq&, const Sender&, ConfigIF::ReadRsp*, Answer*) const;
+    void batchRead(const ConfigIF::BatchReadReq&, const Sender&, ConfigIF::BatchReadRsp*,
+                   Answer*) const;
+    void write(const ConfigIF::WriteReq&, const Sender&, ConfigIF::WriteRsp*, Answer*) const;
+    void validate(const ConfigIF::ValidateReq&, const Sender&, ConfigIF::ValidateRsp*,
+                  Answer*) const;
+    void getAttribute(const ConfigIF::GetAttributeReq&, const Sender&, ConfigIF::GetAttributeRsp*,
                       Answer*) const;
-    void setAttribute(const ConfigIF::SetAttributeReq&, uid_t, ConfigIF::SetAttributeRsp*,
+    void setAttribute(const ConfigIF::SetAttributeReq&, const Sender&, ConfigIF::SetAttributeRsp*,
                       Answer*) const;
-    void resetAttribute(const ConfigIF::ResetAttributeReq&, uid_t, ConfigIF::ResetAttributeRsp*,
-                        Answer*) const;
-    void readAttributes(const ConfigIF::ReadAttributesReq&, uid_t, ConfigIF::ReadAttributesRsp*,
-                        Answer*) const;
-    void getOptions(const ConfigIF::GetAttributeOptionsReq&, uid_t,
+    void resetAttribute(const ConfigIF::ResetAttributeReq&, const Sender&,
+                        ConfigIF::ResetAttributeRsp*, Answer*) const;
+    void readAttributes(const ConfigIF::ReadAttributesReq&, const Sender&,
+                        ConfigIF::ReadAttributesRsp*, Answer*) const;
+    void getOptions(const ConfigIF::GetAttributeOptionsReq&, const Sender&,
                     ConfigIF::GetAttributeOptionsRsp*, Answer*) const;
-    void getDefaultOptions(const ConfigIF::GetDefaultOptionsReq&, uid_t,
+    void getDefaultOptions(const ConfigIF::GetDefaultOptionsReq&, const Sender&,
                            ConfigIF::GetDefaultOptionsRsp*, Answer*) const;
-    void setOptions(const ConfigIF::SetAttributeOptionsReq&, uid_t,
+    void setOptions(const ConfigIF::SetAttributeOptionsReq&, const Sender&,
                     ConfigIF::SetAttributeOptionsRsp*, Answer*) const;
-    void getLevels(const ConfigIF::GetAccessLevelsReq&, uid_t, ConfigIF::GetAccessLevelsRsp*,
-                   Answer*) const;
-    void setLevels(const ConfigIF::SetAccessLevelsReq&, uid_t, ConfigIF::SetAccessLevelsRsp*,
-                   Answer*) const;
-    void getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessReq&, uid_t,
+    void getLevels(const ConfigIF::GetAccessLevelsReq&, const Sender&,
+                   ConfigIF::GetAccessLevelsRsp*, Answer*) const;
+    void setLevels(const ConfigIF::SetAccessLevelsReq&, const Sender&,
+                   ConfigIF::SetAccessLevelsRsp*, Answer*) const;
+    void getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessReq&, const Sender&,
                                ConfigIF::GetValueOptionsAccessRsp*, Answer*) const;
-    void batchGetValueOptionsAccess(const ConfigIF::BatchGetValueOptionsAccessReq&, uid_t,
+    void batchGetValueOptionsAccess(const ConfigIF::BatchGetValueOptionsAccessReq&, const Sender&,
                                     ConfigIF::BatchGetValueOptionsAccessRsp*, Answer*) const;
-    void resetValue(const ConfigIF::ResetValueReq&, uid_t, ConfigIF::ResetValueRsp*, Answer*) const;
-    void resetNodeValue(const ConfigIF::ResetNodeValueReq&, uid_t, ConfigIF::ResetNodeValueRsp*,
-                        Answer*) const;
+    void submit(const ConfigIF::SubmitReq&, const Sender&, ConfigIF::SubmitRsp*, Answer*) const;
+    void resetValue(const ConfigIF::ResetValueReq&, const Sender&, ConfigIF::ResetValueRsp*,
+                    Answer*) const;
+    void resetNodeValue(const ConfigIF::ResetNodeValueReq&, const Sender&,
+                        ConfigIF::ResetNodeValueRsp*, Answer*) const;
 
     const DeviceModel& model_;
     const RecordState& state_;

@@ -38,40 +38,60 @@ const char* kindName(ValueKind kind) {
 DeviceModel::DeviceModel() = default;
 DeviceModel::~DeviceModel() = default;
 
-bool DeviceModel::resolve(const std::vector<PathStep>& path, ResolvedVariable* found) const {
-    if (path.empty() || path.size() > kMaxPathDepth) {
-        return false;
-    }
+DeviceModel::Walked DeviceModel::walk(const std::vector<PathStep>& path,
+                                      ResolvedVariable* found) const {
+    found->variable = nullptr;
     found->answered.clear();
     found->key.clear();
     found->key.reserve(64);
+    if (path.size() > kMaxPathDepth) {
+        return Walked::kNowhere;
+    }
     const NodeDef* node = &root_;
     for (size_t i = 0; i < path.size(); ++i) {
         const PathStep& step = path[i];
         auto child = node->childIndex.find(step.name);
         if (child == node->childIndex.end()) {
-            return false;
+            return Walked::kNowhere;
         }
         int32_t instance = effectiveInstance(step.instance);
-        bool last = i + 1 == path.size();
         if (child->second < 0) {  // a variable: it must end the path and has one instance
-            if (!last || instance != 1) {
-                return false;
+            if (i + 1 != path.size() || instance != 1) {
+                return Walked::kNowhere;
             }
             found->variable = node->variables[~child->second].get();
             found->answered.push_back({child->first, instance});
             found->key += step.name;
-            return true;
+            return Walked::kToVariable;
         }
         const NodeDef* next = node->nodes[child->second].get();
-        if (last || instance < 1 || instance > next->instances) {
-            return false;
+        if (instance < 1 || instance > next->instances) {
+            return Walked::kNowhere;
         }
         found->answered.push_back({child->first, instance});
         appendStep(&found->key, step.name, instance);
         node = next;
     }
-    return false;
+    return Walked::kToNode;
+}
+
+bool DeviceModel::resolve(const std::vector<PathStep>& path, ResolvedVariable* found) const {
+    return walk(path, found) == Walked::kToVariable;
+}
+
+bool DeviceModel::resolveScope(const std::vector<PathStep>& path, std::string* scope) const {
+    ResolvedVariable found;
+    if (walk(path, &found) == Walked::kNowhere) {
+        return false;
+    }
+    *scope = std::move(found.key);
+    return true;
+}
+
+bool inScope(const std::string& scope, const std::string& key) {
+    // A node's scope ends with '/', a variable's is its whole key.
+    return key.compare(0, scope.size(), scope) == 0 &&
+           (key.size() == scope.size() || scope.empty() || scope.back() == '/');
 }
 
 bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) const {

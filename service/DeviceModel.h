@@ -106,6 +106,11 @@ class DeviceModel {
     // instances, the path ends on a node or is empty.
     bool resolve(const std::vector<PathStep>& path, ResolvedVariable* found) const;
 
+    // Looks up the node or variable instance at `path` (empty: the whole model) as a scope of
+    // storage keys: a node's key prefix ("net[1]/interface[2]/"), a variable's key, or "" for
+    // the whole model. False when the path leaves the model. See inScope().
+    bool resolveScope(const std::vector<PathStep>& path, std::string* scope) const;
+
     // Looks up a storage key made by resolve(); false when the model has no such variable.
     bool resolveKey(const std::string& key, ResolvedVariable* found) const;
 
@@ -123,9 +128,17 @@ class DeviceModel {
     const ClaimPolicy& claims() const { return claims_; }
 
   private:
+    enum class Walked { kNowhere, kToNode, kToVariable };
+    // Follows `path` from the root, filling *found on the way (its variable only when the path
+    // ends on one).
+    Walked walk(const std::vector<PathStep>& path, ResolvedVariable* found) const;
+
     NodeDef root_;
     ClaimPolicy claims_;
 };
+
+// Whether the storage key `key` lies in `scope` (made by DeviceModel::resolveScope()).
+bool inScope(const std::string& scope, const std::string& key);
 
 }  // namespace configsrvc
 

@@ -44,7 +44,7 @@ void fillLevels(const VariableDef& variable, ConfigIF::GetAccessLevelsRsp* respo
 
 }  // namespace
 
-void ConfigService::getOptions(const ConfigIF::GetAttributeOptionsReq& request, uid_t,
+void ConfigService::getOptions(const ConfigIF::GetAttributeOptionsReq& request, const Sender&,
                                ConfigIF::GetAttributeOptionsRsp* response, Answer* answer) const {
     ResolvedVariable found;
     if (!resolve(request.instance(), &found, answer)) {
@@ -55,7 +55,7 @@ void ConfigService::getOptions(const ConfigIF::GetAttributeOptionsReq& request, 
     fillOptionList(effectiveVariable(state_.committed(), found, &scratch), response);
 }
 
-void ConfigService::getDefaultOptions(const ConfigIF::GetDefaultOptionsReq& request, uid_t,
+void ConfigService::getDefaultOptions(const ConfigIF::GetDefaultOptionsReq& request, const Sender&,
                                       ConfigIF::GetDefaultOptionsRsp* response,
                                       Answer* answer) const {
     const NodeDef* node = nullptr;
@@ -68,7 +68,7 @@ void ConfigService::getDefaultOptions(const ConfigIF::GetDefaultOptionsReq& requ
     fillOptionList(*variable, response);
 }
 
-void ConfigService::setOptions(const ConfigIF::SetAttributeOptionsReq& request, uid_t,
+void ConfigService::setOptions(const ConfigIF::SetAttributeOptionsReq& request, const Sender&,
                                ConfigIF::SetAttributeOptionsRsp* response, Answer* answer) const {
     const Records& records = state_.accepted();
     ResolvedVariable found;
@@ -106,7 +106,7 @@ void ConfigService::setOptions(const ConfigIF::SetAttributeOptionsReq& request, 
     answer->changes.push_back(std::move(change));
 }
 
-void ConfigService::getLevels(const ConfigIF::GetAccessLevelsReq& request, uid_t,
+void ConfigService::getLevels(const ConfigIF::GetAccessLevelsReq& request, const Sender&,
                               ConfigIF::GetAccessLevelsRsp* response, Answer* answer) const {
     ResolvedVariable found;
     if (!resolve(request.instance(), &found, answer)) {
@@ -117,7 +117,7 @@ void ConfigService::getLevels(const ConfigIF::GetAccessLevelsReq& request, uid_t
     fillLevels(effectiveVariable(state_.committed(), found, &scratch), response);
 }
 
-void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, uid_t,
+void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, const Sender&,
                               ConfigIF::SetAccessLevelsRsp* response, Answer* answer) const {
     const Records& records = state_.accepted();
     const bool tooMany = request.instance_size() > kMaxBatchInstances;
@@ -170,10 +170,11 @@ void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, uid_t
 }
 
 void ConfigService::fillValueOptionsAccess(const ConfigIF::Inst& instance, eSecurityRole role,
-                                           Lookup* lookup, ConfigIF::ValueOptionsAccess* item,
+                                           const Submission* staged, Lookup* lookup,
+                                           ConfigIF::ValueOptionsAccess* item,
                                            Answer* answer) const {
     std::string reason;
-    readOne(instance, role, lookup, item->mutable_read_rsp(), &reason);
+    readOne(instance, role, staged, lookup, item->mutable_read_rsp(), &reason);
     if (!reason.empty()) {
         answer->refusals.push_back(reason);
     }
@@ -188,7 +189,8 @@ void ConfigService::fillValueOptionsAccess(const ConfigIF::Inst& instance, eSecu
     fillLevels(variable, item->mutable_access_level_rsp());
 }
 
-void ConfigService::getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessReq& request, uid_t,
+void ConfigService::getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessReq& request,
+                                          const Sender& sender,
                                           ConfigIF::GetValueOptionsAccessRsp* response,
                                           Answer* answer) const {
     ResolvedVariable found;
@@ -198,12 +200,12 @@ void ConfigService::getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessR
     }
     response->set_error(CommonIF::kErrNoError);
     Lookup lookup;
-    fillValueOptionsAccess(request.instance(), request.role(), &lookup,
+    fillValueOptionsAccess(request.instance(), request.role(), openSubmission(sender), &lookup,
                            response->mutable_valoptacc(), answer);
 }
 
 void ConfigService::batchGetValueOptionsAccess(
-    const ConfigIF::BatchGetValueOptionsAccessReq& request, uid_t,
+    const ConfigIF::BatchGetValueOptionsAccessReq& request, const Sender& sender,
     ConfigIF::BatchGetValueOptionsAccessRsp* response, Answer* answer) const {
     if (batchTooLarge(request.instance_size(), answer)) {
         response->set_error(CommonIF::kErrOutOfResources);
@@ -211,8 +213,9 @@ void ConfigService::batchGetValueOptionsAccess(
     }
     response->set_error(CommonIF::kErrNoError);
     Lookup lookup;
+    const Submission* staged = openSubmission(sender);
     for (const ConfigIF::Inst& instance : request.instance()) {
-        fillValueOptionsAccess(instance, request.role(), &lookup, response->add_valoptacc(),
+        fillValueOptionsAccess(instance, request.role(), staged, &lookup, response->add_valoptacc(),
                                answer);
     }
 }

@@ -17,6 +17,9 @@ RecordState::RecordState(Records committed)
 void RecordState::accept(const std::vector<StoredChange>& changes) {
     for (const StoredChange& change : changes) {
         accepted_.apply(change);
+        if (change.kind == RecordKind::kValue) {
+            valueVersions_[change.key] = ++acceptedChanges_;
+        }
     }
     inFlight_.push_back(changes);
 }

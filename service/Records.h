@@ -70,10 +70,20 @@ class RecordState {
     // The oldest accepted batch came back from the disk, stored or not.
     void finish(bool stored);
 
+    // Changes to the value under `key` are numbered as they are accepted: the number of the
+    // latest, 0 when none was accepted since the service started. Whoever compares two of
+    // these learns whether someone changed the value in between.
+    uint64_t valueVersion(const std::string& key) const {
+        auto it = valueVersions_.find(key);
+        return it == valueVersions_.end() ? 0 : it->second;
+    }
+
   private:
     Records committed_;
     Records accepted_;
     std::deque<std::vector<StoredChange>> inFlight_;
+    std::unordered_map<std::string, uint64_t> valueVersions_;
+    uint64_t acceptedChanges_ = 0;
 };
 
 }  // namespace configsrvc

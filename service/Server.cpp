@@ -151,12 +151,13 @@ void Server::dispatch(MSG_Msg* request) {
     Answer answer;
     const void* payload = MSG_GetPayload(request);
     const auto bytes = static_cast<size_t>(MSG_GetPayloadBytes(request));
+    const Sender from{sender.uid, sender.address, &submissions_};
     if (id == ConfigProtocol::kBatchReadReqMsgId &&
-        service_->answerBatchReadFromWire(payload, bytes, sender.uid, &encoded_, &answer)) {
+        service_->answerBatchReadFromWire(payload, bytes, from, &encoded_, &answer)) {
         sendEncoded(sender.address, answer.msgId, encoded_);
         return;
     }
-    service_->handle(id, payload, bytes, sender.uid, arena_.get(), &answer);
+    service_->handle(id, payload, bytes, from, arena_.get(), &answer);
     logRefusals(id, sender, answer);
     if (answer.changes.empty()) {
         send(sender.address, answer.msgId, *answer.message);
@@ -164,6 +165,16 @@ void Server::dispatch(MSG_Msg* request) {
         submit(sender, &answer);
     }
     arena_->Reset();
+}
+
+void Server::endIdleSubmissions() {
+    if (submissions_.open() == 0) {
+        return;
+    }
+    for (const std::string& instance : submissions_.expire(Submissions::Clock::now())) {
+        logmsg_info(kLogModule, "submission under '%s' ended unapplied: idle too long\n",
+                    instance.c_str());
+    }
 }
 
 bool Server::serveRequests() {
@@ -250,6 +261,7 @@ bool Server::run(int stopFd, Pause* pause) {
         if (ready <= 0 || watched[kCommittedSlot].revents != 0) {
             finishWrites();
         }
+        endIdleSubmissions();
         // Served after the writes, and with a cap: neither kind of work can starve the other.
         moreRequests = serveRequests();
     }

@@ -72,6 +72,7 @@ class Server {
     void submit(const MSG_Sender& sender, Answer* answer);
     void logRefusals(uint32_t requestId, const MSG_Sender& sender, const Answer& answer);
     void finishWrites();
+    void endIdleSubmissions();
     // Waits until every submitted write is committed and answered; false when waiting failed.
     bool drainWrites();
     void send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message);
@@ -89,6 +90,7 @@ class Server {
     // first block is ours, so serving a read allocates nothing.
     std::vector<char> arenaBlock_;
     std::unique_ptr<google::protobuf::Arena> arena_;
+    Submissions submissions_;      // open on the connections, by address
     std::string encoded_;          // answers written straight as bytes, reused
     std::deque<Waiting> waiting_;  // in submission order, as the committer finishes them
     std::vector<FinishedWrite> finished_;

@@ -1,0 +1,175 @@
+// Submissions in the service core: staging, visibility, all-or-nothing ends, misuse, bounds.
+#include <gtest/gtest.h>
+
+#include "service_fixture.h"
+
+namespace configsrvc {
+namespace {
+
+constexpr char kInterface[] = "network/interface 2";
+constexpr char kOtherMtu[] = "network/interface 1/mtu";
+
+class SubmissionTest : public ConfigServiceTest {
+  protected:
+    eErrorType submit(const Sender& sender, const std::string& path, ConfigIF::SubmitType type) {
+        ConfigIF::SubmitReq request;
+        request.set_name("test");
+        request.set_role(kAdmin);
+        *request.mutable_instance() = testsupport::instOf(path);
+        request.set_type(type);
+        const Answer answer =
+            ask(ConfigProtocol::kSubmitReqMsgId, request.SerializeAsString(), sender);
+        return static_cast<const ConfigIF::SubmitRsp&>(*answer.message).error();
+    }
+
+    eErrorType start(const Sender& sender, const std::string& path = kInterface) {
+        return submit(sender, path, ConfigIF::kSubmitStart);
+    }
+    eErrorType end(const Sender& sender, const std::string& path = kInterface) {
+        return submit(sender, path, ConfigIF::kSubmitEnd);
+    }
+
+    // A write as `sender`; true when it was stored at once rather than staged.
+    bool writeAs(const Sender& sender, const std::string& path, const Values& values) {
+        const Answer answer =
+            ask(ConfigProtocol::kWriteReqMsgId,
+                testsupport::writeRequest(path, values, kAdmin).SerializeAsString(), sender);
+        EXPECT_EQ(static_cast<const ConfigIF::WriteRsp&>(*answer.message).ret_message().error(),
+                  kErrNoError)
+            << path;
+        return !answer.changes.empty();
+    }
+
+    Values readAs(const Sender& sender, const std::string& path) {
+        const Answer answer =
+            ask(ConfigProtocol::kReadReqMsgId,
+                testsupport::readRequest(path, kAdmin).SerializeAsString(), sender);
+        return valuesOf(static_cast<const ConfigIF::ReadRsp&>(*answer.message));
+    }
+
+    Submissions submissions_;
+    Sender a_{kService, 1, &submissions_};
+    Sender b_{kService, 2, &submissions_};
+};
+
+TEST_F(SubmissionTest, StagedWritesAreSeenOnlyByTheirConnectionUntilTheEndCommitsThemAll) {
+    ASSERT_EQ(start(a_), kErrNoError);
+    EXPECT_FALSE(writeAs(a_, kMtu, {"1400"}));
+    EXPECT_FALSE(writeAs(a_, "network/interface 2/dns", {"10.0.0.9"}));
+    EXPECT_TRUE(writeAs(a_, kVolume, {"10"})) << "outside the submission: stored at once";
+    EXPECT_EQ(readAs(a_, kMtu), Values{"1400"});
+    EXPECT_EQ(readAs(b_, kMtu), Values{"1500"});
+    const Answer batch = ask(ConfigProtocol::kBatchReadReqMsgId, batchRead(kAdmin, {kMtu}), a_);
+    EXPECT_EQ(valuesOf(static_cast<const ConfigIF::BatchReadRsp&>(*batch.message).response(0)),
+              Values{"1400"});
+    std::string encoded;
+    Answer fromWire;
+    const std::string plain = batchRead(kAdmin, {kMtu});
+    EXPECT_FALSE(
+        service_->answerBatchReadFromWire(plain.data(), plain.size(), a_, &encoded, &fromWire))
+        << "the wire path cannot see staged writes";
+
+    EXPECT_EQ(end(a_), kErrNoError);
+    EXPECT_EQ(readAs(b_, kMtu), Values{"1400"});
+    EXPECT_EQ(readAs(b_, "network/interface 2/dns"), Values{"10.0.0.9"});
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_EQ(readAs(b_, kMtu), Values{"1400"}) << "committed durably";
+    EXPECT_EQ(submissions_.open(), 0u);
+}
+
+TEST_F(SubmissionTest, ChangeByAnotherClientMeanwhileAppliesNothing) {
+    ASSERT_EQ(start(a_), kErrNoError);
+    writeAs(a_, kMtu, {"1400"});
+    writeAs(a_, "network/interface 2/gateway", {"10.0.0.1"});
+    EXPECT_TRUE(writeAs(b_, kMtu, {"1300"}));
+    EXPECT_EQ(end(a_), kErrBadState);
+    EXPECT_EQ(readAs(a_, kMtu), Values{"1300"});
+    EXPECT_TRUE(read("network/interface 2/gateway").is_default());
+    EXPECT_EQ(submissions_.open(), 0u) << "a failed end closes the submission";
+}
+
+TEST_F(SubmissionTest, WriteThatNoLongerPassesItsChecksAppliesNothing) {
+    ASSERT_EQ(start(a_), kErrNoError);
+    writeAs(a_, kMtu, {"1400"});
+    writeAs(a_, "network/interface 2/gateway", {"10.0.0.1"});
+    ConfigIF::SetAccessLevelsReq raise;
+    raise.set_name("test");
+    raise.set_role(kProvisioning);
+    *raise.add_instance() = testsupport::instOf(kMtu);
+    raise.set_write_level(kSystem);
+    ask(ConfigProtocol::kSetAccessLevelsReqMsgId, raise.SerializeAsString(), kService);
+    EXPECT_EQ(end(a_), kErrBadState);
+    EXPECT_TRUE(read(kMtu).is_default());
+    EXPECT_TRUE(read("network/interface 2/gateway").is_default());
+}
+
+TEST_F(SubmissionTest, MisuseIsABadStateAndLeavesTheOpenSubmissionAsItWas) {
+    EXPECT_EQ(end(a_), kErrBadState) << "end without a start";
+    EXPECT_EQ(start(Sender{kService}), kErrBadState) << "no connection";
+    EXPECT_EQ(start(a_, "network/interface 9"), kErrItemNotFound);
+    ASSERT_EQ(start(a_), kErrNoError);
+    writeAs(a_, kMtu, {"1400"});
+    EXPECT_EQ(start(a_), kErrBadState) << "second start";
+    EXPECT_EQ(start(a_, "audio"), kErrBadState) << "second start elsewhere";
+    EXPECT_EQ(end(a_, "network/interface 1"), kErrBadState) << "end under another instance";
+    EXPECT_EQ(end(b_), kErrBadState) << "end from another connection";
+    EXPECT_EQ(readAs(a_, kMtu), Values{"1400"});
+    EXPECT_EQ(end(a_), kErrNoError);
+    EXPECT_EQ(readAs(b_, kMtu), Values{"1400"});
+}
+
+TEST_F(SubmissionTest, ScopesCoverTheirNodeInstanceOrVariableOrEverything) {
+    const struct {
+        const char* scope;
+        const char* path;
+        bool staged;
+    } cases[] = {
+        {kInterface, kMtu, true},
+        {kInterface, kOtherMtu, false},
+        {kMtu, kMtu, true},
+        {kMtu, "network/interface 2/dns", false},
+        {"", kOtherMtu, true},
+        {"network", kOtherMtu, true},
+        {"network/interface 1", kMtu, false},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(start(a_, c.scope), kErrNoError) << c.scope;
+        EXPECT_EQ(writeAs(a_, c.path, {"1280"}) == false, c.staged) << c.scope << " " << c.path;
+        EXPECT_EQ(end(a_, c.scope), kErrNoError) << c.scope;
+    }
+}
+
+TEST(Submissions, BoundsAndIdleLimitEndSubmissionsWithoutLeakingTheirBytes) {
+    Submissions submissions(std::chrono::seconds(5));
+    Submission* open = submissions.start(7, "", "everything");
+    ASSERT_NE(open, nullptr);
+    EXPECT_EQ(submissions.start(7, "", "again"), nullptr);
+    const auto write = [](const std::string& key, size_t bytes) {
+        StagedWrite staged;
+        staged.change.key = key;
+        staged.change.values = {std::string(bytes, 'x')};
+        return staged;
+    };
+    for (size_t i = 0; i < kMaxStagedChanges; ++i) {
+        ASSERT_TRUE(submissions.stage(open, write("k" + std::to_string(i), 1)));
+    }
+    EXPECT_FALSE(submissions.stage(open, write("one more", 1)));
+    EXPECT_TRUE(submissions.stage(open, write("k0", 2))) << "replacing takes no new room";
+    Submission* other = submissions.start(8, "", "other");
+    EXPECT_FALSE(submissions.stage(other, write("big", kMaxStagedBytes)))
+        << "the bytes bound is over all submissions";
+    EXPECT_TRUE(submissions.end(7));
+    EXPECT_TRUE(submissions.stage(other, write("big", kMaxStagedBytes - 3)))
+        << "an ended submission gives its bytes back";
+
+    EXPECT_TRUE(submissions.expire(Submissions::Clock::now()).empty());
+    const auto later = Submissions::Clock::now() + std::chrono::seconds(6);
+    EXPECT_EQ(submissions.expire(later), std::vector<std::string>{"other"});
+    EXPECT_EQ(submissions.find(8), nullptr);
+    EXPECT_NE(submissions.start(8, "", "after"), nullptr);
+    EXPECT_TRUE(submissions.stage(submissions.find(8), write("big", kMaxStagedBytes - 3)))
+        << "an expired submission gives its bytes back";
+}
+
+}  // namespace
+}  // namespace configsrvc
