@@ -25,7 +25,8 @@ ServiceProcess::ServiceProcess() : dir_("configsrvc") {
     // Others may need to reach ep/ through the folder: clients run under another uid.
     chmod(root().c_str(), 0755);
     mkdir(endpoints().c_str(), 0);
-    chmod(endpoints().c_str(), 01777);  // not through mkdir, which the umask would narrow
+    // Clients under another uid only look the service up there: they need no write access.
+    chmod(endpoints().c_str(), 0755);  // not through mkdir, which the umask would narrow
     setenv("MSGPASS_DIR", endpoints().c_str(), 1);
 }
 

@@ -1,6 +1,6 @@
 // The configuration service as tests run it: the real configsrvc as a child process in a fresh
 // folder of its own, which holds
-//   ep/     the endpoint folder (mode 01777, so that clients may run under another uid),
+//   ep/     the endpoint folder (mode 0755: clients under another uid look names up in it),
 //           exported as MSGPASS_DIR to this process and every child it starts from then on;
 //   state/  the service's state folder (its value database);
 //   log     what the service writes to standard output and error.
