@@ -46,28 +46,7 @@ const std::vector<CaseBlock>& sessions() {
     return blocks;
 }
 
-class SetvaneSessions : public Service, public testing::WithParamInterface<size_t> {
-  protected:
-    // setvane and its libmsgpass, copied once into a folder that uid 65534 can read: the build
-    // tree may sit in a folder that only its owner can enter (a checkout under /root). The
-    // service's folder is readable by everyone and goes away with it.
-    std::string nobodysCopy() {
-        const std::filesystem::path bin = service_.root() + "/bin";
-        if (mkdir(bin.c_str(), 0) == 0) {
-            chmod(bin.c_str(), 0755);  // not through mkdir, which the umask would narrow
-            const std::filesystem::path library(LIBMSGPASS_SONAME_FILE);
-            const std::pair<std::filesystem::path, std::filesystem::path> copies[] = {
-                {SETVANE_BIN, "setvane"}, {library, library.filename()}};
-            for (const auto& [from, to] : copies) {
-                std::error_code failed;
-                std::filesystem::copy_file(from, bin / to, failed);
-                EXPECT_FALSE(failed)
-                    << "copying " << from << " for uid 65534: " << failed.message();
-            }
-        }
-        return bin;
-    }
-};
+class SetvaneSessions : public Service, public testing::WithParamInterface<size_t> {};
 
 // The session of setvane_sessions.txt numbered by the parameter.
 TEST_P(SetvaneSessions, PrintAndEndAsListed) {
@@ -85,18 +64,23 @@ TEST_P(SetvaneSessions, PrintAndEndAsListed) {
             continue;
         }
         std::vector<std::string> argv = testsupport::split(row[0].substr(nobody ? 8 : 0), " ");
+        argv.insert(argv.begin(), SETVANE_BIN);
         testsupport::Environment env;
         if (nobody) {
-            const std::string bin = nobodysCopy();
-            argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534",
-                                       "--clear-groups", bin + "/setvane"});
-            // Ahead of the RUNPATH, which names the build tree.
-            env.push_back({"LD_LIBRARY_PATH", bin});
-        } else {
-            argv.insert(argv.begin(), SETVANE_BIN);
+            // A copy of setvane and its libmsgpass in the service's folder, which everyone can
+            // read: the build tree may be in one that only its owner can enter (under /root).
+            const std::string bin = service_.root() + "/bin";
+            ASSERT_EQ(testsupport::runShell(
+                          "test -d " + bin + " || (mkdir -m 0755 " + bin +
+                          " && cp -L " SETVANE_BIN " " LIBMSGPASS_SONAME_FILE " " + bin + ")")
+                          .status,
+                      0);
+            argv[0] = bin + "/setvane";
+            argv.insert(argv.begin(),
+                        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+            env.push_back({"LD_LIBRARY_PATH", bin});  // ahead of the RUNPATH, the build tree
         }
-        const Outcome run =
-            testsupport::runProgram(nobody ? "/usr/bin/setpriv" : SETVANE_BIN, argv, env);
+        const Outcome run = testsupport::runProgram(argv[0], argv, env);
         EXPECT_EQ(std::to_string(run.status), row[1]) << run.err;
         EXPECT_EQ(run.out, row[2]);
         EXPECT_EQ(run.err, row[3]);
