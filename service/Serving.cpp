@@ -54,7 +54,9 @@ ReloadResult reloadModel(const std::string& modelPath, const ServingSettings& se
     if (*serving != nullptr) {
         return ReloadResult::kOldReopened;
     }
-    *error += "; and for the model from before: " + again;
+    if (again != *error) {
+        *error += "; for the model from before: " + again;
+    }
     return ReloadResult::kFailed;
 }
 

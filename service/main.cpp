@@ -197,7 +197,8 @@ class Reloader : public Server::Pause {
                            error.c_str());
                 return true;
             case ReloadResult::kFailed:
-                logmsg_crit(kLogModule, "cannot open the store again: %s\n", error.c_str());
+                logmsg_crit(kLogModule, "cannot open the store again, for either model: %s\n",
+                            error.c_str());
                 *serving_ = std::move(previous);  // what the server still holds, to close with
                 return false;
             case ReloadResult::kOldReopened:

@@ -57,6 +57,22 @@ bool ServiceProcess::start(std::string* error) {
     return up;
 }
 
+bool ServiceProcess::signal(int signal) {
+    return process_ && process_->running() && kill(process_->pid, signal) == 0;
+}
+
+bool ServiceProcess::waitForOutput(const std::string& text, int times, int timeoutMs) {
+    auto seen = [&] {
+        const std::string log = output();
+        int count = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+            ++count;
+        }
+        return count >= times;
+    };
+    return process_ && process_->waitUntil(seen, timeoutMs);
+}
+
 int ServiceProcess::stop(int signal) {
     return process_ ? process_->stop(signal) : -1;
 }

@@ -38,6 +38,12 @@ class ServiceProcess {
     // the status it ended with when it had ended already; -1 when none was started.
     int stop(int signal);
 
+    // Sends `signal` to the running service and returns at once; false when none is running.
+    bool signal(int signal);
+    // Waits until the service's output holds `text` `times` times; false when it did not in time
+    // or the service ended.
+    bool waitForOutput(const std::string& text, int times = 1, int timeoutMs = 5000);
+
     // What the service wrote so far, over all its starts.
     std::string output() const { return readFile(logPath()); }
 

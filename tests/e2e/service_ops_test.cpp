@@ -1,0 +1,242 @@
+// Operating the real configsrvc: its log where it runs, its command line, and reloading its model
+// on SIGHUP while clients read and write.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ConfigPath.h"
+#include "ConfigSession.h"
+#include "ServiceProcess.h"
+
+namespace {
+
+using namespace CommonIF;
+using configclient::ConfigSession;
+using testing::HasSubstr;
+using testsupport::readRequest;
+using testsupport::writeRequest;
+
+constexpr int kAnswerMs = 10000;
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+// A service of its own whose model is a file the test may rewrite, and a client connected to it.
+class Operated : public testing::Test {
+  protected:
+    void SetUp() override {
+        service_.model = service_.root() + "/model.xml";
+        ASSERT_TRUE(testsupport::writeFile(service_.model, example_));
+        ASSERT_TRUE(service_.start(&error_)) << error_;
+        ASSERT_EQ(client_.connect("ops", 5000), ConfigSession::kOk);
+    }
+
+    // The value of `path` as the service's own user reads it, or the error's name.
+    std::string read(const std::string& path) {
+        ConfigIF::ReadRsp answer;
+        if (client_.read(readRequest(path, kStartup), &answer, kAnswerMs) != ConfigSession::kOk) {
+            return "(no answer)";
+        }
+        return answer.error() == kErrNoError && answer.value_size() == 1
+                   ? answer.value(0)
+                   : eErrorType_Name(answer.error());
+    }
+
+    eErrorType write(ConfigSession* client, const std::string& path, const std::string& value) {
+        ConfigIF::WriteRsp answer;
+        if (client->write(writeRequest(path, {value}, kAdmin), &answer, kAnswerMs) !=
+            ConfigSession::kOk) {
+            return kErrGenericError;
+        }
+        return answer.ret_message().error();
+    }
+
+    // Rewrites the model file, sends SIGHUP and waits for the service to log `logged` once more.
+    void reloadWith(const std::string& model, const std::string& logged) {
+        ASSERT_TRUE(testsupport::writeFile(service_.model, model));
+        const int seen = static_cast<int>(occurrences(service_.output(), logged));
+        ASSERT_TRUE(service_.signal(SIGHUP));
+        ASSERT_TRUE(service_.waitForOutput(logged, seen + 1)) << service_.output();
+    }
+
+    std::string reloaded() const {
+        return "<6>configsrvc: main: model " + service_.model + " reloaded\n";
+    }
+
+    const std::string example_ = testsupport::readFile(testsupport::kExampleModel);
+    testsupport::ServiceProcess service_;
+    ConfigSession client_;
+    std::string error_;
+};
+
+// Off the device the log goes to standard error: each line as it happens, once, with the priority
+// prefix the journal reads; a file that takes it holds every line even after SIGKILL.
+TEST_F(Operated, LogLinesReachTheFileAsTheyHappenWithTheirPriority) {
+    ASSERT_EQ(client_.sendRaw(0x12345678, "abc"), ConfigSession::kOk);
+    const std::string warning = "<4>configsrvc: server: unknown message id 0x12345678 from pid " +
+                                std::to_string(getpid()) + " dropped\n";
+    EXPECT_TRUE(service_.waitForOutput(warning)) << service_.output();
+    ASSERT_EQ(service_.stop(SIGKILL), 128 + SIGKILL);
+    const std::string log = service_.output();
+    for (const std::string& line :
+         {"<6>configsrvc: main: model " + service_.model + ", values in " + service_.state() +
+              "/values.db\n",
+          std::string("<6>configsrvc: server: serving ConfigSrvc\n"), warning}) {
+        EXPECT_EQ(occurrences(log, line), 1u) << line << "in:\n" << log;
+    }
+    EXPECT_THAT(log, testing::Not(HasSubstr("DEBUG")));
+}
+
+// The command lines that end at once, and the log line a fatal error makes: each says what it has
+// to say once, where it belongs, and no state folder comes of any of them.
+TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
+    testsupport::ServiceProcess sandbox;
+    const std::string bad = sandbox.root() + "/bad.xml";
+    const std::string example = testsupport::kExampleModel;
+    const std::string state = sandbox.state();
+    ASSERT_TRUE(testsupport::writeFile(bad, "<device-model>\n<nod/>\n</device-model>\n"));
+    const std::string badReason = bad + ":2: unknown element <nod> in <device-model>\n";
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string out;
+        std::string err;  // the whole of it, or its start when it ends in "usage: "
+    } kCases[] = {
+        {{"--check-model", example}, 0, example + ": ok\n", ""},
+        {{"--check-model", bad}, 1, "", badReason},
+        {{"--check-model", "/nonexistent.xml"},
+         1,
+         "",
+         "/nonexistent.xml: cannot open: No such file or directory\n"},
+        {{"--check-model", bad, "--state", state},
+         1,
+         "",
+         "configsrvc: --check-model takes no other option\nusage: "},
+        {{"--model", bad, "--state", state, "--log", "stderr"},
+         1,
+         "",
+         "<3>configsrvc: main: " + badReason},
+        {{"--model", bad, "--state", state}, 1, "", "<3>configsrvc: main: " + badReason},
+        {{"--model", example, "--state", state, "--log", "syslog"},
+         1,
+         "",
+         "configsrvc: --log takes auto, device or stderr, not 'syslog'\nusage: "},
+        {{"--version"}, 0, "configsrvc " CONFIGSRVC_VERSION "\n", ""},
+    };
+    for (const auto& c : kCases) {
+        std::vector<std::string> argv = {"configsrvc"};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        const testsupport::Outcome run = testsupport::runProgram(testsupport::kConfigsrvcBin, argv);
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        EXPECT_EQ(run.status, c.status);
+        EXPECT_EQ(run.out, c.out);
+        const bool usage = c.err.size() >= 7 && c.err.compare(c.err.size() - 7, 7, "usage: ") == 0;
+        EXPECT_EQ(usage ? run.err.substr(0, c.err.size()) : run.err, c.err);
+    }
+    EXPECT_FALSE(std::filesystem::exists(state));
+}
+
+// A reload serves the new model with the stored values checked against it as at start-up; a
+// model that is refused changes nothing; a value ignored for a while comes back with a model it
+// fits again.
+TEST_F(Operated, ReloadServesTheNewModelAndKeepsWhatItIgnores) {
+    ASSERT_EQ(write(&client_, "audio/volume", "80"), kErrNoError);
+    const std::string narrower =
+        replaced(example_, R"(min="0" max="100" default="50")", R"(min="0" max="60" default="50")");
+    reloadWith(narrower, reloaded());
+    EXPECT_THAT(service_.output(),
+                HasSubstr("<4>configsrvc: main: stored value of 'audio[1]/volume' is ignored: "));
+    EXPECT_EQ(read("audio/volume"), "50");
+
+    reloadWith("<device-model>\n<nod/>\n</device-model>\n",
+               "<3>configsrvc: main: model not reloaded, still serving the one before: " +
+                   service_.model + ":2: unknown element <nod> in <device-model>\n");
+    EXPECT_EQ(read("audio/volume"), "50");
+    EXPECT_EQ(write(&client_, "audio/volume", "70"), kErrBadParameter) << "the narrower model";
+
+    reloadWith(example_, reloaded());
+    EXPECT_EQ(read("audio/volume"), "80");
+    EXPECT_EQ(read("network/interface 2/mtu"), "1500");
+}
+
+// A store that cannot be opened again at a reload, for the new model or the one before, ends the
+// service with the reason rather than leaving it serving nothing.
+TEST_F(Operated, ReloadThatCannotReopenTheStoreStopsTheService) {
+    ASSERT_EQ(write(&client_, "audio/volume", "80"), kErrNoError);
+    const std::string database = service_.state() + "/values.db";
+    ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
+    ASSERT_TRUE(service_.signal(SIGHUP));
+    service_.waitForOutput("stopped: serving could not go on");  // or it ended, or hangs
+    EXPECT_EQ(service_.stop(SIGKILL), 1) << service_.output();
+    EXPECT_THAT(service_.output(),
+                HasSubstr("<2>configsrvc: main: cannot open the store again, for either model: " +
+                          database + " is damaged"));
+    EXPECT_THAT(service_.output(),
+                HasSubstr("<3>configsrvc: main: stopped: serving could not go on\n"));
+    EXPECT_FALSE(std::filesystem::exists(service_.endpointPath()));
+}
+
+// Writes keep coming while the model is reloaded again and again: every one is answered, and
+// what was answered is stored, across a SIGKILL too.
+TEST_F(Operated, WritesDuringReloadsAreAllAnsweredAndStored) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> acked{-1}, failed{0};
+    std::thread writer([&] {
+        ConfigSession client;
+        if (client.connect("writer", 5000) != ConfigSession::kOk) {
+            ++failed;
+            return;
+        }
+        for (int i = 0; !stop; ++i) {
+            if (write(&client, "system/hostname", "h" + std::to_string(i)) != kErrNoError) {
+                ++failed;
+                return;
+            }
+            acked = i;
+        }
+    });
+    constexpr int kReloads = 8;
+    for (int i = 1; i <= kReloads && failed == 0; ++i) {
+        const int before = acked;
+        ASSERT_TRUE(service_.signal(SIGHUP));
+        ASSERT_TRUE(service_.waitForOutput(reloaded(), i)) << service_.output();
+        // Some writes between reloads, so that reloads meet writes in flight.
+        for (int spins = 0; acked < before + 3 && failed == 0 && spins < 5000; ++spins) {
+            usleep(1000);
+        }
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(failed, 0) << service_.output();
+    EXPECT_GT(acked, 3 * kReloads);
+    const std::string last = "h" + std::to_string(acked);
+    EXPECT_EQ(read("system/hostname"), last);
+    ASSERT_EQ(service_.stop(SIGKILL), 128 + SIGKILL);
+    ASSERT_TRUE(service_.start(&error_)) << error_;
+    ConfigSession again;
+    ASSERT_EQ(again.connect("again", 5000), ConfigSession::kOk);
+    ConfigIF::ReadRsp stored;
+    ASSERT_EQ(again.read(readRequest("system/hostname", kUser), &stored, kAnswerMs),
+              ConfigSession::kOk);
+    EXPECT_THAT(stored.value(), testing::ElementsAre(last));
+}
+
+}  // namespace
