@@ -1,5 +1,7 @@
 #include "Committer.h"
 
+#include <algorithm>
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -94,6 +96,11 @@ void Committer::run() {
         }
         std::string error;
         bool committed = store_->commit(changes, &error);
+        const bool checkpoint = std::any_of(
+            batch.begin(), batch.end(), [](const PendingWrite& write) { return write.checkpoint; });
+        if (committed && checkpoint) {
+            store_->checkpoint(&error);
+        }
         {
             std::lock_guard<std::mutex> lock(mutex_);
             for (PendingWrite& write : batch) {

@@ -27,12 +27,14 @@ namespace configsrvc {
 struct PendingWrite {
     std::vector<StoredChange> changes;
     uint64_t ticket = 0;
+    // Once committed, carry everything committed so far into the main database file.
+    bool checkpoint = false;
 };
 
 struct FinishedWrite {
     PendingWrite write;
     bool committed = false;
-    std::string error;  // why it was not, when it was not
+    std::string error;  // why it was not, when it was not; or why its checkpoint failed
 };
 
 class Committer {

@@ -176,7 +176,34 @@ ConfigService::ConfigService(const DeviceModel& model, const RecordState& state,
 ConfigService::~ConfigService() = default;
 
 bool ConfigService::serves(uint32_t requestId) {
-    return ConfigProtocol::responseIdOf(requestId) != 0;
+    return ConfigProtocol::responseIdOf(requestId) != 0 || isBareCommand(requestId);
+}
+
+bool ConfigService::isBareCommand(uint32_t requestId) {
+    return requestId == ConfigProtocol::kFlushAllCmdMsgId ||
+           requestId == ConfigProtocol::kClearConfigCmdMsgId;
+}
+
+void ConfigService::obeyCommand(uint32_t requestId, const void* payload, size_t bytes,
+                                const Sender& sender, Answer* answer) const {
+    ConfigIF::FlushAllCmd empty;  // both commands are empty messages
+    std::string reason;
+    if (!parseRequest(payload, bytes, &empty, &reason)) {
+        answer->refusals.push_back(reason + ": ignored");
+        return;
+    }
+    if (model_.highestClaim(sender.uid, serviceUid_) < CommonIF::eSecurityRole_MAX) {
+        answer->refusals.push_back("uid " + std::to_string(sender.uid) +
+                                   " may not claim every role, which it takes: ignored");
+        return;
+    }
+    if (requestId == ConfigProtocol::kFlushAllCmdMsgId) {
+        answer->checkpoint = true;
+        return;
+    }
+    for (const auto& [key, values] : state_.accepted().all(RecordKind::kValue)) {
+        answer->changes.push_back({RecordKind::kValue, key, true, {}});
+    }
 }
 
 // The answer to a request of the protocol that this service does not carry out (yet): its
@@ -197,6 +224,10 @@ void answerUnsupported(uint32_t requestId, google::protobuf::Arena* arena, Answe
 void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes,
                            const Sender& sender, google::protobuf::Arena* arena,
                            Answer* answer) const {
+    if (isBareCommand(requestId)) {
+        obeyCommand(requestId, payload, bytes, sender, answer);
+        return;
+    }
     const Command* command = nullptr;
     for (const Command& candidate : kCommands) {
         if (candidate.requestId == requestId) {

@@ -59,6 +59,7 @@ struct Answer {
     std::vector<StoredChange> changes;  // to store, all or nothing, before the response is sent
     std::vector<std::string> refusals;  // why the request, or items of it, were refused
     std::string requester;              // the name the request gave (printable), or
+    bool checkpoint = false;            // once the changes are stored, checkpoint the database
 };
 
 class ConfigService {
@@ -69,6 +70,11 @@ class ConfigService {
     // Whether `requestId` is a request of the protocol, which this service answers: those it
     // does not carry out with kErrNotYetSupported.
     static bool serves(uint32_t requestId);
+
+    // Whether `requestId` is a bare command: one without a name, a role or a response
+    // (FlushAllCmd, ClearConfigCmd). handle() then leaves answer->message null and answer->msgId
+    // 0, and obeys only senders whose uid may claim every role.
+    static bool isBareCommand(uint32_t requestId);
 
     // Answers the request of id `requestId` (one that serves() accepts) from a sender running
     // as `senderUid`; always fills a complete response in *answer. The request and the response
@@ -125,6 +131,9 @@ class ConfigService {
     // to be stored as usual.
     bool stageWrite(const Sender& sender, const StagedWrite& write,
                     ConfigIF::ReturnMessage* message, Answer* answer) const;
+    // A bare command (see isBareCommand()).
+    void obeyCommand(uint32_t requestId, const void* payload, size_t bytes, const Sender& sender,
+                     Answer* answer) const;
     CommonIF::eErrorType startSubmission(const ConfigIF::Inst& instance, const Sender& sender,
                                          std::string* reason) const;
     CommonIF::eErrorType endSubmission(const ConfigIF::Inst& instance, const Sender& sender,

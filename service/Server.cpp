@@ -120,19 +120,24 @@ void Server::logRefusals(uint32_t requestId, const MSG_Sender& sender, const Ans
 
 void Server::submit(const MSG_Sender& sender, Answer* answer) {
     const uint64_t ticket = nextTicket_++;
-    if (!committer_->submit({answer->changes, ticket})) {
+    if (!committer_->submit({answer->changes, ticket, answer->checkpoint})) {
         logmsg_warn(kLogModule, "change from pid %d refused: too many changes pending\n",
                     static_cast<int>(sender.pid));
-        ConfigService::answerUnstored("too many changes are waiting for the disk; try again",
-                                      answer->message);
-        setError(CommonIF::kErrOutOfResources, "", answer->message);
-        send(sender.address, answer->msgId, *answer->message);
+        if (answer->message != nullptr) {
+            ConfigService::answerUnstored("too many changes are waiting for the disk; try again",
+                                          answer->message);
+            setError(CommonIF::kErrOutOfResources, "", answer->message);
+            send(sender.address, answer->msgId, *answer->message);
+        }
         return;
     }
     state_->accept(answer->changes);
     // The answer waits for the disk beyond this request's arena.
-    std::unique_ptr<google::protobuf::Message> kept(answer->message->New());
-    kept->CopyFrom(*answer->message);
+    std::unique_ptr<google::protobuf::Message> kept;
+    if (answer->message != nullptr) {
+        kept.reset(answer->message->New());
+        kept->CopyFrom(*answer->message);
+    }
     waiting_.push_back({ticket, sender.address, answer->msgId, std::move(kept)});
 }
 
@@ -159,8 +164,15 @@ void Server::dispatch(MSG_Msg* request) {
     }
     service_->handle(id, payload, bytes, from, arena_.get(), &answer);
     logRefusals(id, sender, answer);
-    if (answer.changes.empty()) {
-        send(sender.address, answer.msgId, *answer.message);
+    if (ConfigService::isBareCommand(id) && answer.refusals.empty()) {
+        logmsg_info(kLogModule, "%s from pid %d (uid %u) obeyed\n",
+                    ConfigProtocol::messageNameOf(id), static_cast<int>(sender.pid),
+                    static_cast<unsigned>(sender.uid));
+    }
+    if (answer.changes.empty() && !answer.checkpoint) {
+        if (answer.message != nullptr) {
+            send(sender.address, answer.msgId, *answer.message);
+        }
     } else {
         submit(sender, &answer);
     }
@@ -203,6 +215,13 @@ void Server::finishWrites() {
         if (!done.committed) {
             logmsg_err(kLogModule, "change for client %u not stored: %s\n", waiting.address,
                        done.error.c_str());
+        } else if (!done.error.empty()) {
+            logmsg_err(kLogModule, "%s\n", done.error.c_str());
+        }
+        if (waiting.message == nullptr) {
+            continue;  // a bare command: nobody waits for an answer
+        }
+        if (!done.committed) {
             ConfigService::answerUnstored(done.error, waiting.message.get());
         }
         send(waiting.address, waiting.msgId, *waiting.message);

@@ -284,6 +284,15 @@ bool ValueStore::load(const DeviceModel& model, Records* records,
     return true;
 }
 
+bool ValueStore::checkpoint(std::string* error) {
+    if (sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) !=
+        SQLITE_OK) {
+        *error = std::string("checkpoint: ") + sqlite3_errmsg(db_);
+        return false;
+    }
+    return true;
+}
+
 bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::string* error) {
     if (!exec("BEGIN IMMEDIATE", error)) {
         return false;

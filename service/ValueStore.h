@@ -42,6 +42,10 @@ class ValueStore {
     // one thread at a time may commit. On failure nothing of the batch is stored.
     bool commit(const std::vector<const StoredChange*>& changes, std::string* error);
 
+    // Disk side: carries every committed change from the write-ahead log into the database
+    // file itself (which then holds everything on its own), and empties the log.
+    bool checkpoint(std::string* error);
+
     const std::string& databasePath() const { return path_; }
 
   private:

@@ -1,6 +1,8 @@
 // Submissions in the service core: staging, visibility, all-or-nothing ends, misuse, bounds.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "service_fixture.h"
 
 namespace configsrvc {
@@ -169,6 +171,56 @@ TEST(Submissions, BoundsAndIdleLimitEndSubmissionsWithoutLeakingTheirBytes) {
     EXPECT_NE(submissions.start(8, "", "after"), nullptr);
     EXPECT_TRUE(submissions.stage(submissions.find(8), write("big", kMaxStagedBytes - 3)))
         << "an expired submission gives its bytes back";
+}
+
+// FlushAllCmd and ClearConfigCmd: no name, no role, no answer; obeyed only from a uid that may
+// claim every role.
+TEST_F(ConfigServiceTest, BareCommandsAreObeyedOnlyFromUidsThatMayClaimEveryRole) {
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    ASSERT_EQ(write(kDns, {"10.0.0.1"}).error(), kErrNoError);
+    const struct {
+        uint32_t id;
+        const char* payload;
+        uid_t uid;
+        bool obeyed;
+    } cases[] = {
+        {ConfigProtocol::kFlushAllCmdMsgId, "", 4321, false},
+        {ConfigProtocol::kClearConfigCmdMsgId, "", 1500, false},
+        {ConfigProtocol::kClearConfigCmdMsgId, "\xff", kService, false},
+        {ConfigProtocol::kFlushAllCmdMsgId, "", 0, true},
+        {ConfigProtocol::kClearConfigCmdMsgId, "\x08\x01", kService, true},  // unknown field
+    };
+    for (const auto& c : cases) {
+        const Answer answer = ask(c.id, c.payload, c.uid);
+        EXPECT_EQ(answer.message, nullptr);
+        EXPECT_EQ(answer.msgId, 0u);
+        EXPECT_EQ(answer.refusals.empty(), c.obeyed) << c.uid << " " << c.payload;
+        EXPECT_EQ(answer.checkpoint, c.obeyed && c.id == ConfigProtocol::kFlushAllCmdMsgId);
+        if (c.id == ConfigProtocol::kClearConfigCmdMsgId) {
+            EXPECT_EQ(answer.changes.size(), c.obeyed ? 2u : 0u) << c.uid;
+        }
+    }
+    EXPECT_TRUE(read(kMtu).is_default());
+    EXPECT_TRUE(read(kDns).is_default());
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_TRUE(read(kMtu).is_default()) << "cleared durably";
+}
+
+// After a checkpoint the database file holds every committed change on its own: a copy of it
+// without its log still has them.
+TEST_F(ConfigServiceTest, CheckpointLeavesEverythingInTheDatabaseFile) {
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    ASSERT_TRUE(store_->checkpoint(&error_)) << error_;
+    EXPECT_EQ(std::filesystem::file_size(database() + "-wal"), 0u);
+    testsupport::TempDir copy{"configsrvc-checkpoint"};
+    std::filesystem::copy_file(database(), copy.file("values.db"));
+    std::unique_ptr<ValueStore> store;
+    Records records;
+    ASSERT_TRUE(ValueStore::open(copy.path, model_, &store, &records, &warnings_, &error_))
+        << error_;
+    const Values* mtu = records.find(RecordKind::kValue, "network[1]/interface[2]/mtu");
+    ASSERT_NE(mtu, nullptr);
+    EXPECT_EQ(*mtu, Values{"1400"});
 }
 
 }  // namespace
