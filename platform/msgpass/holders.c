@@ -17,27 +17,41 @@ enum { kSweepProbes = 64 };
 
 /* The lock file is only used when it belongs to someone who may hold names, and it is readable
  * by its owner alone (root passes anyway): otherwise another user could hold the lock for ever
- * and stop every claim in the directory. */
+ * and stop every claim in the directory. Callers may hold names, so they may remove a lock file
+ * of anyone else's making. */
+static int open_lock(const char* path, const struct stat* dirSt) {
+    for (int attempt = 0; attempt < 2; attempt++) {
+        int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+        struct stat st;
+        if (fd < 0 && errno == ELOOP && unlink(path) == 0) {
+            continue; /* a symbolic link, to be replaced by a file of ours */
+        }
+        if (fd < 0 || fstat(fd, &st) != 0) {
+            break;
+        }
+        if (S_ISREG(st.st_mode) && msg_may_hold_names(st.st_uid, dirSt->st_uid)) {
+            if (st.st_uid == geteuid() && (st.st_mode & 077) != 0) {
+                fchmod(fd, 0600); /* made open by an earlier version */
+            }
+            return fd;
+        }
+        close(fd);
+        if (unlink(path) != 0) {
+            break;
+        }
+    }
+    return -1;
+}
+
 int msg_lock_dir(const char* dir) {
     char path[PATH_MAX]; /* a plain file: not bound by the length of a socket address */
-    struct stat dirSt, st;
+    struct stat dirSt;
     if (snprintf(path, sizeof(path), "%s/.lock", dir) >= (int)sizeof(path) ||
         stat(dir, &dirSt) != 0) {
         return -1;
     }
-    int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-    if (fd < 0) {
-        return -1;
-    }
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
-        !msg_may_hold_names(st.st_uid, dirSt.st_uid)) {
-        close(fd);
-        return -1;
-    }
-    if (st.st_uid == geteuid() && (st.st_mode & 077) != 0) {
-        fchmod(fd, 0600); /* made open by an earlier version */
-    }
-    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    int fd = open_lock(path, &dirSt);
+    while (fd >= 0 && flock(fd, LOCK_EX) != 0 && errno == EINTR) {
     }
     return fd;
 }

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -619,6 +620,11 @@ TEST_F(MsgPassTest, DeadProcessesFilesAreSwept) {
     ASSERT_TRUE(alive.waitUntil([&] { return namesIn(dir_.path).count("alive"); }));
     EXPECT_EQ(killed.stop(SIGKILL), 128 + SIGKILL);
     ASSERT_TRUE(testsupport::writeFile(dir_.file("plain"), "keep me"));
+    // Another user's lock file, held for ever, must not stop those who may hold names.
+    ASSERT_TRUE(testsupport::writeFile(dir_.file(".lock"), ""));
+    const int lock = open(dir_.file(".lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    const bool foreignLock = chown(dir_.file(".lock").c_str(), 65534, 65534) == 0;
     const int bound = unixSocket("bound", true);  // being set up: not listening yet
     close(unixSocket("closed", true));
     const std::set<std::string> before{".lock", "alive",     "bound",    "closed",
@@ -627,7 +633,10 @@ TEST_F(MsgPassTest, DeadProcessesFilesAreSwept) {
     ASSERT_EQ(MSG_OpenLocal("sweeper"), MSG_OK);
     const std::set<std::string> after{".lock", "alive", "bound", "plain", "sweeper"};
     EXPECT_EQ(namesIn(dir_.path), after);
+    struct stat st {};
+    EXPECT_TRUE(stat(dir_.file(".lock").c_str(), &st) == 0 && (!foreignLock || st.st_uid == 0));
     close(bound);
+    close(lock);
 }
 
 TEST_F(MsgPassTest, StatusTextsAreTheDocumentedOnes) {
