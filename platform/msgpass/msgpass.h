@@ -22,7 +22,9 @@
  * leaves nothing in it. The directories made here (mode 0755) let nobody else create names; in
  * one that others may write to (mode 1777, say), a file created under a name by anyone else does
  * not count: a process allowed to hold the name replaces it when it opens the name, and clients
- * never talk to it.
+ * never talk to it. The directory's owner is trusted with every name in it, so $MSGPASS_DIR must
+ * name a directory whose owner may serve. A service opens its name with MSG_OpenService, which
+ * refuses (MSG_ERR_NOT_ALLOWED) where MSG_OpenLocal would open an endpoint that nobody can reach.
  *
  * What a client checks: after connecting, and before anything is sent, that the kernel's
  * credentials of the process behind the socket (SO_PEERCRED) are those of the owner of the
@@ -32,7 +34,8 @@
  *
  * What is left on disk: an endpoint's socket file goes when the endpoint is closed, and when the
  * process ends through exit() or a return from main, closed or not. Besides sockets the directory
- * holds the lock file ".lock", through which the processes that hold names serialise reclaiming.
+ * holds the lock file ".lock" (mode 0600; one made by anybody else is replaced), through which
+ * the processes that hold names serialise reclaiming and sweeping.
  * A process killed before it could remove its files leaves them; they are swept: whenever a
  * process publishes an endpoint it removes the sockets in the directory that no live process is
  * bound to (a bounded number of them per open), and a name opened again is reclaimed at once.
@@ -49,9 +52,8 @@
  *
  * Results: every int status is MSG_OK (0) on success or one of the positive MSG_ERR_* codes
  * below (after MSG_ERR_SYSTEM errno says which call failed how); MSG_StatusText gives the text
- * that follows each code. Functions that return a handle or
- * pointer return NULL on failure. No function writes to standard output or standard error, and no
- * function aborts on bad arguments.
+ * that follows each code. Functions that return a handle or pointer return NULL on failure. No
+ * function writes to standard output or standard error, and no function aborts on bad arguments.
  *
  * Ownership: a handle from MSG_AllocMsg, MSG_RecvMsg or MSG_RecvAny belongs to the caller
  * until it is given to MSG_ReleaseMsg, or to MSG_SendMsg: from that call on it belongs to the
