@@ -2,6 +2,7 @@
 #ifndef TESTS_TOOL_SETVANE_TEST_H
 #define TESTS_TOOL_SETVANE_TEST_H
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -14,17 +15,9 @@ namespace testsupport {
 // `err` with the source location dropped from each line of the protocol buffer runtime's own
 // log ("[libprotobuf ERROR google/protobuf/x.cc:12] text" becomes "[libprotobuf ERROR] text"):
 // where the runtime keeps its log statements changes with its release, the rest is compared.
-inline std::string withoutRuntimeSourceLines(std::string err) {
-    const std::string kHead = "[libprotobuf ";
-    for (size_t at = err.find(kHead); at != std::string::npos; at = err.find(kHead, at + 1)) {
-        const size_t location = err.find(' ', at + kHead.size());
-        const size_t end = err.find("] ", at);
-        if (location != std::string::npos && end != std::string::npos && location < end &&
-            err.find('\n', at) > end) {
-            err.erase(location, end - location);
-        }
-    }
-    return err;
+inline std::string withoutRuntimeLogLocations(const std::string& err) {
+    static const std::regex kLocation(R"((\[libprotobuf [A-Z]+) [^ \]\n]+:[0-9]+\] )");
+    return std::regex_replace(err, kLocation, "$1] ");
 }
 
 // setvane with argv[0] "setvane"; BOOT_MODE is unset so that lines stay on the console. The
@@ -34,7 +27,7 @@ inline Outcome runSetvane(const std::vector<std::string>& words, Environment env
     argv.insert(argv.end(), words.begin(), words.end());
     env.insert(env.begin(), {"BOOT_MODE", std::nullopt});
     Outcome run = runProgram(SETVANE_BINARY, argv, env);
-    run.err = withoutRuntimeSourceLines(run.err);
+    run.err = withoutRuntimeLogLocations(run.err);
     return run;
 }
 
