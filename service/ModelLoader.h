@@ -1,7 +1,8 @@
 // ModelLoader: reads a device model from its XML file.
 //
 // The file format is documented, with an example of every element, in
-// service/models/example-device.xml. Every mistake in a file is refused with the file name,
+// service/models/example-device.xml; service/models/device-model.rng describes its form for
+// editors and xmllint. Every mistake in a file is refused with the file name,
 // the line and a reason ("model.xml:12: unknown role 'kRoot'"), so a model with errors never
 // serves anything.
 #ifndef CONFIGSRVC_MODEL_LOADER_H

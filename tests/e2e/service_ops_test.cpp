@@ -25,12 +25,6 @@ using testsupport::writeRequest;
 
 constexpr int kAnswerMs = 10000;
 
-std::string replaced(std::string text, const std::string& from, const std::string& to) {
-    const size_t at = text.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    return at == std::string::npos ? text : text.replace(at, from.size(), to);
-}
-
 size_t occurrences(const std::string& text, const std::string& part) {
     size_t count = 0;
     for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
@@ -159,8 +153,8 @@ TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
 // fits again.
 TEST_F(Operated, ReloadServesTheNewModelAndKeepsWhatItIgnores) {
     ASSERT_EQ(write(&client_, "audio/volume", "80"), kErrNoError);
-    const std::string narrower =
-        replaced(example_, R"(min="0" max="100" default="50")", R"(min="0" max="60" default="50")");
+    const std::string narrower = testsupport::replaced(
+        example_, R"(min="0" max="100" default="50")", R"(min="0" max="60" default="50")");
     reloadWith(narrower, reloaded());
     EXPECT_THAT(service_.output(),
                 HasSubstr("<4>configsrvc: main: stored value of 'audio[1]/volume' is ignored: "));
