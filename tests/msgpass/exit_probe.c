@@ -3,7 +3,7 @@
  *   return  returns from main with the endpoints open
  *   thread  exit(0) while another thread waits in MSG_RecvAny
  *   fork    a child made by fork() calls exit(0); then exits 0 when the first endpoint's file is
- *           still there, 4 when the child's exit took it
+ *           still in $MSGPASS_DIR, 4 when the child's exit took it
  *   wait    waits to be killed
  * Exit status 2 for a bad command line, 3 when an endpoint could not be opened. */
 #include <pthread.h>
@@ -18,17 +18,6 @@
 static void* receive_forever(void* name) {
     MSG_ReleaseMsg(MSG_RecvAny((const char*)name, -1));
     return NULL;
-}
-
-/* 0 when the file of endpoint `name` is in its directory. */
-static int file_of(const char* name) {
-    char path[4096];
-    if (MSG_GetDir(name, path, sizeof(path) - MSG_MAX_NAME_BYTES - 2) != MSG_OK) {
-        return -1;
-    }
-    strcat(path, "/");
-    strcat(path, name);
-    return access(path, F_OK);
 }
 
 int main(int argc, char** argv) {
@@ -58,8 +47,10 @@ int main(int argc, char** argv) {
         if (child == 0) {
             exit(0);
         }
+        char path[4096];
+        snprintf(path, sizeof(path), "%s/%s", getenv(MSG_DIR_ENV), argv[2]);
         waitpid(child, NULL, 0);
-        return file_of(argv[2]) == 0 ? 0 : 4;
+        return access(path, F_OK) == 0 ? 0 : 4;
     }
     if (strcmp(how, "wait") == 0) {
         for (;;) {

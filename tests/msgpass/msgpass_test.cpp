@@ -600,18 +600,15 @@ TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
 
 // However a process ends normally, with its endpoints open or not, their files go with it; the
 // exit of a child made by fork() leaves the parent's alone.
-TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcess) {
+TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
     for (const std::string how : {"exit", "return", "thread", "fork"}) {
         const testsupport::Outcome run = testsupport::runProgram(
             EXIT_PROBE, {EXIT_PROBE, how, how + "-a", how + "-b"}, {{MSG_DIR_ENV, dir_.path}});
         EXPECT_EQ(run.status, 0) << how;
         EXPECT_EQ(namesIn(dir_.path), std::set<std::string>{".lock"}) << how;
     }
-}
-
-// Files of killed processes are swept when a process next publishes a name in the directory;
-// what is alive, or not a socket, stays.
-TEST_F(MsgPassTest, DeadProcessesFilesAreSwept) {
+    // Files of killed processes are swept when a process next publishes a name in the directory;
+    // what is alive, or not a socket, stays.
     testsupport::Background killed(EXIT_PROBE, {EXIT_PROBE, "wait", "setvane-1", "setvane-2"},
                                    {{MSG_DIR_ENV, dir_.path}});
     testsupport::Background alive(EXIT_PROBE, {EXIT_PROBE, "wait", "alive"},
