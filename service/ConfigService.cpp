@@ -105,6 +105,8 @@ const ConfigService::Command ConfigService::kCommands[] = {
     CONFIG_COMMAND(ResetAttribute, resetAttribute),
     CONFIG_COMMAND(ResetNodeValue, resetNodeValue),
     CONFIG_COMMAND(Submit, submit),
+    CONFIG_COMMAND(CreateProfile, createProfile),
+    CONFIG_COMMAND(ApplyProfile, applyProfile),
 };
 
 #undef CONFIG_COMMAND
@@ -170,8 +172,9 @@ void setError(eErrorType error, const std::string& reason, Message* response) {
     }
 }
 
-ConfigService::ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid)
-    : model_(model), state_(state), serviceUid_(serviceUid) {}
+ConfigService::ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid,
+                             const ProfileFolder* profiles)
+    : model_(model), state_(state), serviceUid_(serviceUid), profiles_(profiles) {}
 
 ConfigService::~ConfigService() = default;
 

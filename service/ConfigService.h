@@ -29,6 +29,7 @@
 
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "DeviceModel.h"
+#include "Profiles.h"
 #include "Records.h"
 #include "Submissions.h"
 
@@ -64,7 +65,10 @@ struct Answer {
 
 class ConfigService {
   public:
-    ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid);
+    // `profiles` (may be null: then no profiles are kept) is the folder profiles live in; it
+    // must outlive the service.
+    ConfigService(const DeviceModel& model, const RecordState& state, uid_t serviceUid,
+                  const ProfileFolder* profiles = nullptr);
     virtual ~ConfigService();
 
     // Whether `requestId` is a request of the protocol, which this service answers: those it
@@ -138,6 +142,14 @@ class ConfigService {
                                          std::string* reason) const;
     CommonIF::eErrorType endSubmission(const ConfigIF::Inst& instance, const Sender& sender,
                                        Answer* answer, std::string* reason) const;
+    CommonIF::eErrorType saveProfile(const std::string& name, CommonIF::eSecurityRole role,
+                                     std::string* reason) const;
+    CommonIF::eErrorType profileChanges(const std::string& name, CommonIF::eSecurityRole role,
+                                        Answer* answer, std::string* reason) const;
+    CommonIF::eErrorType profileChange(const std::string& key,
+                                       const std::vector<std::string>& values,
+                                       CommonIF::eSecurityRole role, StoredChange* change,
+                                       std::string* reason) const;
     // Whether a staged write may still be stored as it is, else why not.
     bool stillAllowed(const StagedWrite& write, std::string* reason) const;
     // The checks of a write; fills *change and *reboot when it may go ahead.
@@ -194,6 +206,10 @@ class ConfigService {
     void batchGetValueOptionsAccess(const ConfigIF::BatchGetValueOptionsAccessReq&, const Sender&,
                                     ConfigIF::BatchGetValueOptionsAccessRsp*, Answer*) const;
     void submit(const ConfigIF::SubmitReq&, const Sender&, ConfigIF::SubmitRsp*, Answer*) const;
+    void createProfile(const ConfigIF::CreateProfileReq&, const Sender&,
+                       ConfigIF::CreateProfileRsp*, Answer*) const;
+    void applyProfile(const ConfigIF::ApplyProfileReq&, const Sender&, ConfigIF::ApplyProfileRsp*,
+                      Answer*) const;
     void resetValue(const ConfigIF::ResetValueReq&, const Sender&, ConfigIF::ResetValueRsp*,
                     Answer*) const;
     void resetNodeValue(const ConfigIF::ResetNodeValueReq&, const Sender&,
@@ -202,6 +218,7 @@ class ConfigService {
     const DeviceModel& model_;
     const RecordState& state_;
     uid_t serviceUid_;
+    const ProfileFolder* profiles_;
 };
 
 // `text` cut to `maxBytes` with every byte outside printable ASCII as '?': what a client sent

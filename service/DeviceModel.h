@@ -126,6 +126,9 @@ class DeviceModel {
     const NodeDef& root() const { return root_; }
     ClaimPolicy& claims() { return claims_; }
     const ClaimPolicy& claims() const { return claims_; }
+    // The model's name, as its file gives it ("" when it gives none).
+    std::string& name() { return name_; }
+    const std::string& name() const { return name_; }
 
   private:
     enum class Walked { kNowhere, kToNode, kToVariable };
@@ -135,6 +138,7 @@ class DeviceModel {
 
     NodeDef root_;
     ClaimPolicy claims_;
+    std::string name_;
 };
 
 // Whether the storage key `key` lies in `scope` (made by DeviceModel::resolveScope()).

@@ -468,6 +468,7 @@ bool Parser::parse(DeviceModel* model, std::string* error) {
         !checkChildren(root, {"claims", "node", "variable"})) {
         return false;
     }
+    model->name() = root.attribute("name").value();
     pugi::xml_node claims = root.child("claims");
     if (claims) {
         if (claims.next_sibling("claims")) {

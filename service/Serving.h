@@ -66,6 +66,7 @@ class Serving {
     std::unique_ptr<ValueStore> store_;
     std::unique_ptr<RecordState> state_;
     std::unique_ptr<Committer> committer_;
+    std::unique_ptr<ProfileFolder> profiles_;  // <state folder>/profiles
     std::unique_ptr<ConfigService> service_;
     std::string databasePath_;
 };

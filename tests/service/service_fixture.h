@@ -47,7 +47,10 @@ class ConfigServiceTest : public testing::Test {
             return false;
         }
         state_ = std::make_unique<RecordState>(std::move(records));
-        service_ = std::make_unique<ConfigService>(model_, *state_, kService);
+        if (!ProfileFolder::open(folder_.file("profiles"), &profiles_, &error_)) {
+            return false;
+        }
+        service_ = std::make_unique<ConfigService>(model_, *state_, kService, profiles_.get());
         return true;
     }
 
@@ -126,6 +129,7 @@ class ConfigServiceTest : public testing::Test {
     std::vector<std::string> warnings_;
     std::unique_ptr<ValueStore> store_;
     std::unique_ptr<RecordState> state_;
+    std::unique_ptr<ProfileFolder> profiles_;
     google::protobuf::Arena arena_;  // holds every answer for the test's length
     std::unique_ptr<ConfigService> service_;
 };

@@ -1,0 +1,172 @@
+// Profiles in the service core: the file format, round trips, all-or-nothing applies, and the
+// folder's walls.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "Profiles.h"
+#include "service_fixture.h"
+
+namespace configsrvc {
+namespace {
+
+constexpr char kHostname[] = "system/hostname";
+constexpr char kWatchdog[] = "system/watchdog";
+constexpr char kSerial[] = "provisioning/serial-number";
+
+class ProfileTest : public ConfigServiceTest {
+  protected:
+    template <typename Request, typename Response>
+    eErrorType profileRequest(uint32_t id, const std::string& name, eSecurityRole role) {
+        Request request;
+        request.set_name("test");
+        request.set_role(role);
+        request.set_file_location(name);
+        const Answer answer = ask(id, request.SerializeAsString(), kService);
+        return static_cast<const Response&>(*answer.message).error();
+    }
+    eErrorType create(const std::string& name, eSecurityRole role = kAdmin) {
+        return profileRequest<ConfigIF::CreateProfileReq, ConfigIF::CreateProfileRsp>(
+            ConfigProtocol::kCreateProfileReqMsgId, name, role);
+    }
+    eErrorType apply(const std::string& name, eSecurityRole role = kAdmin) {
+        return profileRequest<ConfigIF::ApplyProfileReq, ConfigIF::ApplyProfileRsp>(
+            ConfigProtocol::kApplyProfileReqMsgId, name, role);
+    }
+
+    void clearAll() {
+        ASSERT_TRUE(ask(ConfigProtocol::kClearConfigCmdMsgId, "", kService).refusals.empty());
+    }
+
+    // Every value of interest, read in one batch with the highest role.
+    std::string readAll() {
+        const Answer answer =
+            ask(ConfigProtocol::kBatchReadReqMsgId,
+                batchRead(kProvisioning, {kMtu, kDns, kVolume, kHostname, kWatchdog, kSerial}),
+                kService);
+        return answer.message->ShortDebugString();
+    }
+
+    std::string profilePath(const std::string& name) const {
+        return folder_.file("profiles/" + name);
+    }
+};
+
+TEST_F(ProfileTest, CreateClearApplyGivesBackExactlyTheSameValues) {
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    ASSERT_EQ(write(kDns, {}).error(), kErrNoError);  // an empty list differs from the default
+    ASSERT_EQ(write(kHostname, {"a \"quoted\" \\ name"}).error(), kErrNoError);
+    ASSERT_EQ(write(kWatchdog, {"false"}, kSystem).error(), kErrNoError);
+    const std::string before = readAll();
+    ASSERT_EQ(create("backup", kSystem), kErrNoError);
+    clearAll();
+    ASSERT_NE(readAll(), before);
+    EXPECT_EQ(apply("backup", kSystem), kErrNoError);
+    EXPECT_EQ(readAll(), before);
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_EQ(readAll(), before) << "applied durably";
+    EXPECT_EQ(create("backup"), kErrAlreadyExists);
+}
+
+TEST_F(ProfileTest, ApplyReplacesWhatItsCreatorCouldReadAndLeavesTheRest) {
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    ASSERT_EQ(create("mtu-only"), kErrNoError);
+    ASSERT_EQ(write(kMtu, {"1300"}).error(), kErrNoError);
+    ASSERT_EQ(write(kDns, {"10.0.0.1"}).error(), kErrNoError);
+    ASSERT_EQ(write(kSerial, {"S1"}, kProvisioning).error(), kErrNoError);
+    EXPECT_EQ(apply("mtu-only"), kErrNoError);
+    EXPECT_EQ(valuesOf(read(kMtu)), Values{"1400"});
+    EXPECT_TRUE(read(kDns).is_default()) << "readable by the creator, not listed: reset";
+    EXPECT_EQ(valuesOf(read(kSerial)), Values{"S1"}) << "not readable by the creator: kept";
+    const std::string text = testsupport::readFile(profilePath("mtu-only"));
+    EXPECT_NE(text.find("model \"example-room-unit\"\nrole kAdmin\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("serial"), std::string::npos) << text;
+}
+
+TEST_F(ProfileTest, AProfileWithOneBadPartAppliesNothing) {
+    ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
+    ASSERT_EQ(write(kWatchdog, {"false"}, kSystem).error(), kErrNoError);
+    ASSERT_EQ(create("good", kSystem), kErrNoError);
+    const std::string good = testsupport::readFile(profilePath("good"));
+    ASSERT_EQ(write(kMtu, {"1300"}).error(), kErrNoError);
+    const std::string now = readAll();
+    const struct {
+        const char* what;
+        std::string text;
+        eSecurityRole role;
+        eErrorType error;
+    } cases[] = {
+        {"value out of range", testsupport::replaced(good, "\"1400\"", "\"99999\""), kSystem,
+         kErrBadParameter},
+        {"unknown instance", good + "value \"network[1]/interface[9]/mtu\" \"1400\"\n", kSystem,
+         kErrBadParameter},
+        {"other model", testsupport::replaced(good, "example-room-unit", "other"), kSystem,
+         kErrBadParameter},
+        {"malformed line", good + "value unquoted\n", kSystem, kErrBadParameter},
+        {"listed twice", good + "value \"network[1]/interface[2]/mtu\" \"1500\"\n", kSystem,
+         kErrBadParameter},
+        {"write level not reached", good, kAdmin, kErrNotAuthorized},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const std::string name = "bad-" + std::to_string(i);
+        ASSERT_TRUE(testsupport::writeFile(profilePath(name), cases[i].text));
+        EXPECT_EQ(apply(name, cases[i].role), cases[i].error) << cases[i].what;
+        EXPECT_EQ(readAll(), now) << cases[i].what;
+    }
+}
+
+TEST_F(ProfileTest, NamesOutsideTheFolderLinksAndExistingFilesAreRefused) {
+    testsupport::TempDir outside{"configsrvc-outside"};
+    const std::string target = outside.file("target");
+    ASSERT_TRUE(testsupport::writeFile(target, "model \"example-room-unit\"\nrole kAdmin\n"));
+    ASSERT_EQ(::symlink(target.c_str(), profilePath("link").c_str()), 0);
+    for (const std::string& name :
+         {std::string("/etc/passwd"), std::string("../escape"), std::string("a/b"), std::string(""),
+          std::string(".hidden"), std::string("x y"), std::string(129, 'x')}) {
+        EXPECT_EQ(create(name), kErrBadParameter) << name;
+        EXPECT_EQ(apply(name), kErrBadParameter) << name;
+    }
+    EXPECT_EQ(apply("link"), kErrBadParameter) << "a link is never followed";
+    EXPECT_EQ(create("link"), kErrAlreadyExists) << "a link is never replaced";
+    EXPECT_EQ(testsupport::readFile(target), "model \"example-room-unit\"\nrole kAdmin\n");
+    EXPECT_EQ(apply("missing"), kErrItemNotFound);
+    EXPECT_EQ(create("by-user", kUser), kErrNotAuthorized);
+    EXPECT_EQ(apply("link", kUser), kErrNotAuthorized);
+}
+
+TEST(ProfileFormat, EveryByteOfAValueSurvivesAndBadTextIsRefusedByLine) {
+    Profile profile;
+    profile.model = "m \"1\"";
+    profile.role = kSystem;
+    profile.values["a"] = {"quote \" backslash \\", "new\nline\ttab", std::string("\x01\x7f\0", 3),
+                           "caf\xc3\xa9", ""};
+    profile.values["b"] = {};
+    Profile back;
+    std::string error;
+    ASSERT_TRUE(parseProfile(formatProfile(profile), &back, &error)) << error;
+    EXPECT_EQ(back.model, profile.model);
+    EXPECT_EQ(back.role, profile.role);
+    EXPECT_EQ(back.values, profile.values);
+
+    const struct {
+        const char* text;
+        const char* error;
+    } bad[] = {
+        {"model \"m\"\n", "a profile names its model and its role"},
+        {"model \"m\"\nrole kBoss\n", "line 2: malformed role line"},
+        {"model \"m\"\nmodel \"n\"\nrole kUser\n", "line 2: 'model' is not a profile line here"},
+        {"model \"m\nrole kUser\n", "line 1: malformed model line"},
+        {"model \"m\"\nrole kUser\nvalue \"k\" \"\\q\"\n",
+         "line 3: values are strings in "
+         "double quotes"},
+        {"model \"m\"\nrole kUser\nvalue k\n", "line 3: a value line needs a key in double quotes"},
+    };
+    for (const auto& c : bad) {
+        Profile ignored;
+        EXPECT_FALSE(parseProfile(c.text, &ignored, &error)) << c.text;
+        EXPECT_EQ(error, c.error) << c.text;
+    }
+}
+
+}  // namespace
+}  // namespace configsrvc
