@@ -13,6 +13,7 @@ namespace configsrvc {
 
 namespace {
 
+using CommonIF::eErrorType;
 using CommonIF::eSecurityRole;
 
 // One attribute: its values, and whether it is written as child elements rather than as an
@@ -170,8 +171,9 @@ void ConfigService::getAttribute(const ConfigIF::GetAttributeReq& request, const
     response->set_node_name(request.node_name());
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
-    if (!findNamed(request.node_name(), &node, &variable, answer)) {
-        response->set_error(CommonIF::kErrItemNotFound);
+    if (const eErrorType error = findNamed(request.node_name(), &node, &variable, answer);
+        error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     std::string xml;
@@ -209,6 +211,8 @@ void ConfigService::setAttribute(const ConfigIF::SetAttributeReq& request, const
     if (!model_.findByPath(path, &node, &variable)) {
         error = CommonIF::kErrItemNotFound;
         reason = noNode(path);
+    } else if ((error = notEnabled(node != nullptr ? node->components : variable->components,
+                                   state_.accepted(), &reason)) != CommonIF::kErrNoError) {
     } else if (!mayChangeAttributes(request.role(), variable, path, &reason)) {
         error = CommonIF::kErrNotAuthorized;
     } else if (!parseAttributeXml(request.node_xml_attributes(), &update, &reason)) {
@@ -241,6 +245,8 @@ void ConfigService::resetAttribute(const ConfigIF::ResetAttributeReq& request, c
     if (!model_.findByPath(path, &node, &variable)) {
         error = CommonIF::kErrItemNotFound;
         reason = noNode(path);
+    } else if ((error = notEnabled(node != nullptr ? node->components : variable->components,
+                                   state_.accepted(), &reason)) != CommonIF::kErrNoError) {
     } else if (!mayChangeAttributes(request.role(), variable, path, &reason)) {
         error = CommonIF::kErrNotAuthorized;
     } else if (variable != nullptr && !storedValuesFit(*variable, *variable, &reason)) {
@@ -261,8 +267,9 @@ void ConfigService::readAttributes(const ConfigIF::ReadAttributesReq& request, c
     response->set_name(request.name());
     *response->mutable_instance() = request.instance();
     ResolvedVariable found;
-    if (!resolve(request.instance(), &found, answer)) {
-        response->set_error(CommonIF::kErrItemNotFound);
+    if (const eErrorType error = resolve(request.instance(), &found, answer);
+        error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     VariableDef scratch;

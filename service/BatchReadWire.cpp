@@ -317,7 +317,7 @@ bool ConfigService::answerBatchReadFromWire(const void* payload, size_t bytes, c
         }
         VariableDef scratch;
         const VariableDef& variable = effectiveVariable(records, found, &scratch);
-        if (role < variable.readLevel) {
+        if (role < variable.readLevel || detachedOf(records, found.variable->components)) {
             return false;
         }
         const std::vector<std::string>* stored = records.find(RecordKind::kValue, found.key);

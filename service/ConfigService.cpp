@@ -10,6 +10,9 @@ namespace configsrvc {
 
 namespace {
 
+// Detaching a part of the device takes everything in it out of service.
+constexpr CommonIF::eSecurityRole kComponentLevel = CommonIF::kSystem;
+
 using CommonIF::eErrorType;
 using CommonIF::eSecurityRole;
 using google::protobuf::FieldDescriptor;
@@ -107,6 +110,7 @@ const ConfigService::Command ConfigService::kCommands[] = {
     CONFIG_COMMAND(Submit, submit),
     CONFIG_COMMAND(CreateProfile, createProfile),
     CONFIG_COMMAND(ApplyProfile, applyProfile),
+    CONFIG_COMMAND(ComponentChange, componentChange),
 };
 
 #undef CONFIG_COMMAND
@@ -329,35 +333,66 @@ std::string noNode(const std::string& path) {
     return "no node or variable '" + printable(path, 200) + "' in the model";
 }
 
-bool ConfigService::findNamed(const std::string& path, const NodeDef** node,
-                              const VariableDef** variable, Answer* answer) const {
-    if (model_.findByPath(path, node, variable)) {
-        return true;
+eErrorType ConfigService::notEnabled(const std::vector<std::string>& components,
+                                     const Records& records, std::string* reason) const {
+    if (const std::string* detached = detachedOf(records, components)) {
+        *reason = "the component '" + *detached + "' is detached";
+        return CommonIF::kNotEnabled;
     }
-    answer->refusals.push_back(noNode(path));
-    return false;
+    return CommonIF::kErrNoError;
 }
 
-bool ConfigService::resolve(const ConfigIF::Inst& instance, ResolvedVariable* found,
-                            Answer* answer) const {
-    if (model_.resolve(pathOf(instance), found)) {
-        return true;
+eErrorType ConfigService::lookUp(const std::vector<PathStep>& path, const Records& records,
+                                 ResolvedVariable* found, std::string* reason) const {
+    if (!model_.resolve(path, found)) {
+        std::string text;
+        for (const PathStep& step : path) {
+            text += (text.empty() ? "" : "/") + printable(std::string(step.name), 64) +
+                    (step.instance != 0 ? " " + std::to_string(step.instance) : "");
+        }
+        *reason = "no variable '" + text.substr(0, 256) + "' in the model";
+        return CommonIF::kErrItemNotFound;
     }
-    answer->refusals.push_back(noVariable(instance));
-    return false;
+    return notEnabled(found->variable->components, records, reason);
+}
+
+eErrorType ConfigService::findNamed(const std::string& path, const NodeDef** node,
+                                    const VariableDef** variable, Answer* answer) const {
+    std::string reason;
+    eErrorType error = CommonIF::kErrItemNotFound;
+    if (!model_.findByPath(path, node, variable)) {
+        reason = noNode(path);
+    } else {
+        error = notEnabled(*node != nullptr ? (*node)->components : (*variable)->components,
+                           state_.accepted(), &reason);
+    }
+    if (error != CommonIF::kErrNoError) {
+        answer->refusals.push_back(reason);
+    }
+    return error;
+}
+
+eErrorType ConfigService::resolve(const ConfigIF::Inst& instance, ResolvedVariable* found,
+                                  Answer* answer) const {
+    std::string reason;
+    const eErrorType error = lookUp(pathOf(instance), state_.accepted(), found, &reason);
+    if (error != CommonIF::kErrNoError) {
+        answer->refusals.push_back(reason);
+    }
+    return error;
 }
 
 void ConfigService::readOne(const ConfigIF::Inst& instance, eSecurityRole role,
                             const Submission* staged, Lookup* lookup, ConfigIF::ReadRsp* response,
                             std::string* reason) const {
     const ResolvedVariable& found = lookup->found;
+    const Records& records = state_.committed();
     pathOf(instance, &lookup->path);
-    if (!model_.resolve(lookup->path, &lookup->found)) {
-        *reason = noVariable(instance);
-        response->set_error(CommonIF::kErrItemNotFound);
+    const eErrorType error = lookUp(lookup->path, records, &lookup->found, reason);
+    if (error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
-    const Records& records = state_.committed();
     VariableDef scratch;
     const VariableDef& variable = effectiveVariable(records, found, &scratch);
     if (!reaches(role, variable.readLevel, "read", found.key, reason)) {
@@ -410,11 +445,11 @@ eErrorType ConfigService::checkWrite(const ConfigIF::InstValue& target, eSecurit
                                      bool overriding, uid_t senderUid, StoredChange* change,
                                      bool* reboot, std::string* reason) const {
     ResolvedVariable found;
-    if (!model_.resolve(pathOf(target.instance()), &found)) {
-        *reason = noVariable(target.instance());
-        return CommonIF::kErrItemNotFound;
-    }
     const Records& records = state_.accepted();
+    const eErrorType error = lookUp(pathOf(target.instance()), records, &found, reason);
+    if (error != CommonIF::kErrNoError) {
+        return error;
+    }
     VariableDef scratch;
     const VariableDef& variable = effectiveVariable(records, found, &scratch);
     if (overriding && model_.highestClaim(senderUid, serviceUid_) < CommonIF::eSecurityRole_MAX) {
@@ -485,9 +520,9 @@ void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, const Sen
                                ConfigIF::ResetValueRsp* response, Answer* answer) const {
     ResolvedVariable found;
     std::string reason;
-    if (!model_.resolve(pathOf(request.instance()), &found)) {
-        reason = noVariable(request.instance());
-        setError(CommonIF::kErrItemNotFound, reason, response);
+    const eErrorType error = lookUp(pathOf(request.instance()), state_.accepted(), &found, &reason);
+    if (error != CommonIF::kErrNoError) {
+        setError(error, reason, response);
     } else {
         VariableDef scratch;
         const VariableDef& variable = effectiveVariable(state_.accepted(), found, &scratch);
@@ -509,17 +544,19 @@ void ConfigService::resetNodeValue(const ConfigIF::ResetNodeValueReq& request, c
                                    ConfigIF::ResetNodeValueRsp* response, Answer* answer) const {
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
-    if (!findNamed(request.node_name(), &node, &variable, answer)) {
-        response->set_error(CommonIF::kErrItemNotFound);
+    if (const eErrorType error = findNamed(request.node_name(), &node, &variable, answer);
+        error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     // Only instances with a stored value change; each of them must be the requester's to write,
-    // or nothing changes at all.
+    // or nothing changes at all. Those of detached components keep their values.
     const Records& records = state_.accepted();
     std::vector<StoredChange> changes;
     for (const auto& [key, values] : records.all(RecordKind::kValue)) {
         ResolvedVariable found;
-        if (!model_.resolveKey(key, &found) || !isUnder(*found.variable, request.node_name())) {
+        if (!model_.resolveKey(key, &found) || !isUnder(*found.variable, request.node_name()) ||
+            detachedOf(records, found.variable->components) != nullptr) {
             continue;
         }
         VariableDef scratch;
@@ -534,6 +571,38 @@ void ConfigService::resetNodeValue(const ConfigIF::ResetNodeValueReq& request, c
     }
     response->set_error(CommonIF::kErrNoError);
     answer->changes = std::move(changes);
+}
+
+void ConfigService::componentChange(const ConfigIF::ComponentChangeReq& request, const Sender&,
+                                    ConfigIF::ComponentChangeRsp* response, Answer* answer) const {
+    const NodeDef* node = nullptr;
+    const VariableDef* variable = nullptr;
+    const std::string& path = request.component_name();
+    std::string reason;
+    if (!model_.findByPath(path, &node, &variable) || node == nullptr || !node->component) {
+        reason = "no component '" + printable(path, 200) + "' in the model";
+        response->set_error(CommonIF::kErrItemNotFound);
+    } else if (!reaches(request.role(), kComponentLevel, request.detach() ? "detach" : "attach",
+                        path, &reason)) {
+        response->set_error(CommonIF::kErrNotAuthorized);
+    } else {
+        response->set_error(CommonIF::kErrNoError);
+    }
+    if (response->error() != CommonIF::kErrNoError) {
+        answer->refusals.push_back(reason);
+        return;
+    }
+    // Asking for the state a component is in already changes nothing.
+    const bool detached = state_.accepted().find(RecordKind::kComponents, path) != nullptr;
+    if (detached != request.detach()) {
+        answer->changes.push_back({RecordKind::kComponents,
+                                   path,
+                                   !request.detach(),
+                                   {request.detach() ? kDetached : ""}});
+        if (!request.detach()) {
+            answer->changes.back().values.clear();
+        }
+    }
 }
 
 }  // namespace configsrvc

@@ -115,11 +115,20 @@ class ConfigService {
     static void adapt(const ConfigService& service, const google::protobuf::Message& request,
                       const Sender& sender, google::protobuf::Message* response, Answer* answer);
 
-    // Looks up a node or variable by its path of names, or records why not in answer->refusals.
-    bool findNamed(const std::string& path, const NodeDef** node, const VariableDef** variable,
-                   Answer* answer) const;
-    // Resolves `instance`, or records why not in answer->refusals.
-    bool resolve(const ConfigIF::Inst& instance, ResolvedVariable* found, Answer* answer) const;
+    // kNotEnabled, with the reason, when one of `components` is detached in `records`.
+    CommonIF::eErrorType notEnabled(const std::vector<std::string>& components,
+                                    const Records& records, std::string* reason) const;
+    // Resolves `path` to a variable that is served now: kErrItemNotFound when the model has
+    // none there, kNotEnabled when it lies in a detached component; the reason in *reason.
+    CommonIF::eErrorType lookUp(const std::vector<PathStep>& path, const Records& records,
+                                ResolvedVariable* found, std::string* reason) const;
+    // Looks up a node or variable by its path of names, as lookUp() does; the reason of a
+    // refusal goes to answer->refusals.
+    CommonIF::eErrorType findNamed(const std::string& path, const NodeDef** node,
+                                   const VariableDef** variable, Answer* answer) const;
+    // Resolves `instance`, as lookUp() does; the reason of a refusal goes to answer->refusals.
+    CommonIF::eErrorType resolve(const ConfigIF::Inst& instance, ResolvedVariable* found,
+                                 Answer* answer) const;
     CommonIF::eErrorType checkClaim(CommonIF::eSecurityRole role, uid_t senderUid,
                                     std::string* reason) const;
     // Reads one instance into *response; a refused item carries its reason in *reason.
@@ -206,6 +215,8 @@ class ConfigService {
     void batchGetValueOptionsAccess(const ConfigIF::BatchGetValueOptionsAccessReq&, const Sender&,
                                     ConfigIF::BatchGetValueOptionsAccessRsp*, Answer*) const;
     void submit(const ConfigIF::SubmitReq&, const Sender&, ConfigIF::SubmitRsp*, Answer*) const;
+    void componentChange(const ConfigIF::ComponentChangeReq&, const Sender&,
+                         ConfigIF::ComponentChangeRsp*, Answer*) const;
     void createProfile(const ConfigIF::CreateProfileReq&, const Sender&,
                        ConfigIF::CreateProfileRsp*, Answer*) const;
     void applyProfile(const ConfigIF::ApplyProfileReq&, const Sender&, ConfigIF::ApplyProfileRsp*,

@@ -57,7 +57,8 @@ struct VariableDef {
     CommonIF::eSecurityRole readLevel = CommonIF::kUser;
     CommonIF::eSecurityRole writeLevel = CommonIF::kAdmin;
     bool rebootRequired = false;
-    int line = 0;  // where it is declared, for messages
+    int line = 0;                         // where it is declared, for messages
+    std::vector<std::string> components;  // paths of the component nodes it lies in
 };
 
 struct NodeDef {
@@ -66,6 +67,9 @@ struct NodeDef {
     std::string description;
     int instances = 1;
     int line = 0;
+    bool component = false;  // a part of the device that can be detached and attached again
+    // Paths of the component nodes it lies in, itself included when it is one, outermost first.
+    std::vector<std::string> components;
     std::vector<std::unique_ptr<NodeDef>> nodes;
     std::vector<std::unique_ptr<VariableDef>> variables;
     // Child name -> node (index >= 0) or variable (~index). Names are unique among siblings.

@@ -272,13 +272,21 @@ bool Parser::parseNode(const pugi::xml_node& element, const NodeDef* parent, Nod
     if (depth > kMaxNodeDepth) {
         return fail(element, "nodes nest deeper than " + std::to_string(kMaxNodeDepth));
     }
-    if (!checkAttributes(element, {"name", "instances", "read", "write", "description"}) ||
+    if (!checkAttributes(element,
+                         {"name", "instances", "read", "write", "description", "component"}) ||
         !checkChildren(element, {"node", "variable"}) || !readName(element, &node->name)) {
         return false;
     }
     node->line = lineOf(element.offset_debug());
     node->path = childPath(*parent, node->name);
     node->description = element.attribute("description").value();
+    if (element.attribute("component") && !readFlag(element, "component", &node->component)) {
+        return false;
+    }
+    node->components = parent->components;
+    if (node->component) {
+        node->components.push_back(node->path);
+    }
     if (element.attribute("instances")) {
         long long count = 0;
         if (!readInteger(element, "instances", 1, kMaxInstances, &count)) {
@@ -411,6 +419,7 @@ bool Parser::parseVariable(const pugi::xml_node& element, const NodeDef* parent,
     }
     var->line = lineOf(element.offset_debug());
     var->path = childPath(*parent, var->name);
+    var->components = parent->components;
     var->description = element.attribute("description").value();
     var->readLevel = levels.readLevel;
     var->writeLevel = levels.writeLevel;

@@ -47,8 +47,9 @@ void fillLevels(const VariableDef& variable, ConfigIF::GetAccessLevelsRsp* respo
 void ConfigService::getOptions(const ConfigIF::GetAttributeOptionsReq& request, const Sender&,
                                ConfigIF::GetAttributeOptionsRsp* response, Answer* answer) const {
     ResolvedVariable found;
-    if (!resolve(request.instance(), &found, answer)) {
-        response->set_error(CommonIF::kErrItemNotFound);
+    if (const eErrorType error = resolve(request.instance(), &found, answer);
+        error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     VariableDef scratch;
@@ -60,9 +61,13 @@ void ConfigService::getDefaultOptions(const ConfigIF::GetDefaultOptionsReq& requ
                                       Answer* answer) const {
     const NodeDef* node = nullptr;
     const VariableDef* variable = nullptr;
-    if (!model_.findByPath(request.variable_name(), &node, &variable) || variable == nullptr) {
+    eErrorType error = findNamed(request.variable_name(), &node, &variable, answer);
+    if (error == CommonIF::kErrNoError && variable == nullptr) {
         answer->refusals.push_back(noNode(request.variable_name()));
-        response->set_error(CommonIF::kErrItemNotFound);
+        error = CommonIF::kErrItemNotFound;
+    }
+    if (error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     fillOptionList(*variable, response);
@@ -76,10 +81,8 @@ void ConfigService::setOptions(const ConfigIF::SetAttributeOptionsReq& request, 
     std::string reason;
     eErrorType error = CommonIF::kErrNoError;
     StoredChange change{RecordKind::kOptions, "", false, {}};
-    if (!model_.resolve(pathOf(request.instance()), &found)) {
-        error = CommonIF::kErrItemNotFound;
-        reason = noVariable(request.instance());
-    } else {
+    error = lookUp(pathOf(request.instance()), records, &found, &reason);
+    if (error == CommonIF::kErrNoError) {
         const VariableDef& current = effectiveVariable(records, found, &scratch);
         change.key = found.key;
         change.values = optionsRecord(request.default_index(), {request.node_options().begin(),
@@ -109,8 +112,9 @@ void ConfigService::setOptions(const ConfigIF::SetAttributeOptionsReq& request, 
 void ConfigService::getLevels(const ConfigIF::GetAccessLevelsReq& request, const Sender&,
                               ConfigIF::GetAccessLevelsRsp* response, Answer* answer) const {
     ResolvedVariable found;
-    if (!resolve(request.instance(), &found, answer)) {
-        response->set_error(CommonIF::kErrItemNotFound);
+    if (const eErrorType error = resolve(request.instance(), &found, answer);
+        error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     VariableDef scratch;
@@ -134,9 +138,8 @@ void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, const
             reason = tooMany ? "a batch of more than " + std::to_string(kMaxBatchInstances) +
                                    " instances"
                              : "neither a read nor a write level is given";
-        } else if (!model_.resolve(pathOf(instance), &found)) {
-            error = CommonIF::kErrItemNotFound;
-            reason = noVariable(instance);
+        } else if ((error = lookUp(pathOf(instance), records, &found, &reason)) !=
+                   CommonIF::kErrNoError) {
         } else {
             const VariableDef& current = effectiveVariable(records, found, &scratch);
             // Nobody hands out, or takes away, more than they hold themselves.
@@ -178,9 +181,10 @@ void ConfigService::fillValueOptionsAccess(const ConfigIF::Inst& instance, eSecu
     if (!reason.empty()) {
         answer->refusals.push_back(reason);
     }
-    if (item->read_rsp().error() == CommonIF::kErrItemNotFound) {
-        item->mutable_options_rsp()->set_error(CommonIF::kErrItemNotFound);
-        item->mutable_access_level_rsp()->set_error(CommonIF::kErrItemNotFound);
+    const eErrorType error = item->read_rsp().error();
+    if (error == CommonIF::kErrItemNotFound || error == CommonIF::kNotEnabled) {
+        item->mutable_options_rsp()->set_error(error);
+        item->mutable_access_level_rsp()->set_error(error);
         return;
     }
     VariableDef scratch;
@@ -194,8 +198,9 @@ void ConfigService::getValueOptionsAccess(const ConfigIF::GetValueOptionsAccessR
                                           ConfigIF::GetValueOptionsAccessRsp* response,
                                           Answer* answer) const {
     ResolvedVariable found;
-    if (!resolve(request.instance(), &found, answer)) {
-        response->set_error(CommonIF::kErrItemNotFound);
+    if (const eErrorType error = resolve(request.instance(), &found, answer);
+        error != CommonIF::kErrNoError) {
+        response->set_error(error);
         return;
     }
     response->set_error(CommonIF::kErrNoError);

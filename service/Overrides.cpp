@@ -200,9 +200,32 @@ bool applyLevels(const std::vector<std::string>& record, VariableDef* variable,
            readLevel(record[1], &variable->writeLevel, reason);
 }
 
+const std::string* detachedOf(const Records& records, const std::vector<std::string>& components) {
+    for (const std::string& component : components) {
+        if (records.find(RecordKind::kComponents, component) != nullptr) {
+            return &component;
+        }
+    }
+    return nullptr;
+}
+
 bool checkRecord(const DeviceModel& model, const Records& records, StoredChange* change,
                  std::string* reason) {
     if (change->reset) {
+        return true;
+    }
+    if (change->kind == RecordKind::kComponents) {
+        const NodeDef* node = nullptr;
+        const VariableDef* variable = nullptr;
+        if (!model.findByPath(change->key, &node, &variable) || node == nullptr ||
+            !node->component) {
+            *reason = "the model has no such component";
+            return false;
+        }
+        if (change->values != std::vector<std::string>{kDetached}) {
+            *reason = "a component's record says \"" + std::string(kDetached) + "\"";
+            return false;
+        }
         return true;
     }
     if (change->kind == RecordKind::kAttributes) {
@@ -237,6 +260,7 @@ bool checkRecord(const DeviceModel& model, const Records& records, StoredChange*
         case RecordKind::kLevels:
             return applyLevels(change->values, &copy, reason);
         case RecordKind::kAttributes:
+        case RecordKind::kComponents:
             break;
     }
     return false;

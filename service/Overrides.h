@@ -49,6 +49,12 @@ bool applyLevels(const std::vector<std::string>& record, VariableDef* variable,
 bool checkRecord(const DeviceModel& model, const Records& records, StoredChange* change,
                  std::string* reason);
 
+// The record of a detached component.
+constexpr char kDetached[] = "detached";
+
+// The first of `components` (paths of component nodes) that `records` say is detached, or null.
+const std::string* detachedOf(const Records& records, const std::vector<std::string>& components);
+
 // The definition that holds for an instance now: the model's with its variable's attributes and
 // the instance's options and levels from `records`. Returns the model's own definition when
 // nothing overrides it, else fills *scratch and returns it. Records were checked when they were

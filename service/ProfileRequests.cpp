@@ -32,6 +32,7 @@ eErrorType ConfigService::saveProfile(const std::string& name, eSecurityRole rol
         ResolvedVariable found;
         VariableDef scratch;
         if (model_.resolveKey(key, &found) &&
+            detachedOf(records, found.variable->components) == nullptr &&
             role >= effectiveVariable(records, found, &scratch).readLevel) {
             profile.values.emplace(key, values);
         }
@@ -49,6 +50,10 @@ eErrorType ConfigService::profileChange(const std::string& key,
         return CommonIF::kErrBadParameter;
     }
     const Records& records = state_.accepted();
+    if (const eErrorType error = notEnabled(found.variable->components, records, reason);
+        error != CommonIF::kErrNoError) {
+        return error;
+    }
     VariableDef scratch;
     const VariableDef& variable = effectiveVariable(records, found, &scratch);
     if (!reaches(role, variable.writeLevel, "write", key, reason)) {
@@ -105,7 +110,8 @@ eErrorType ConfigService::profileChanges(const std::string& name, eSecurityRole 
     for (const auto& [key, values] : records.all(RecordKind::kValue)) {
         ResolvedVariable found;
         VariableDef scratch;
-        if (profile.values.count(key) != 0 || !model_.resolveKey(key, &found)) {
+        if (profile.values.count(key) != 0 || !model_.resolveKey(key, &found) ||
+            detachedOf(records, found.variable->components) != nullptr) {
             continue;
         }
         const VariableDef& variable = effectiveVariable(records, found, &scratch);

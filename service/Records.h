@@ -5,6 +5,7 @@
 //   kOptions     instance key -> the index of the default option, then the options
 //   kLevels      instance key -> read level, write level (role names; "" keeps the model's)
 //   kAttributes  variable or node path ("network.interface.mtu") -> name, value, name, value...
+//   kComponents  path of a component node ("video") -> "detached" (none: attached)
 // A variable instance without a record of a kind is as the model declares it.
 //
 // RecordState keeps two views of them. `committed` is what reached the disk and is what clients
@@ -22,8 +23,8 @@
 
 namespace configsrvc {
 
-enum class RecordKind { kValue = 0, kOptions = 1, kLevels = 2, kAttributes = 3 };
-constexpr int kRecordKinds = 4;
+enum class RecordKind { kValue = 0, kOptions = 1, kLevels = 2, kAttributes = 3, kComponents = 4 };
+constexpr int kRecordKinds = 5;
 
 // One change to one record. `reset` removes it (the model's word holds again); otherwise
 // `values` replace it.

@@ -269,7 +269,8 @@ bool ValueStore::load(const DeviceModel& model, Records* records,
         !loadRows("SELECT 0, key, value FROM setting", &rows, error)) {
         return false;
     }
-    static const char* const kWhat[kRecordKinds] = {"value", "options", "levels", "attributes"};
+    static const char* const kWhat[kRecordKinds] = {"value", "options", "levels", "attributes",
+                                                    "component state"};
     for (StoredChange& row : rows) {
         const int kind = static_cast<int>(row.kind);
         std::string reason = "it is of an unknown kind";
