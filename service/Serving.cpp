@@ -24,9 +24,8 @@ std::unique_ptr<Serving> Serving::open(std::shared_ptr<const DeviceModel> model,
     if (!ProfileFolder::open(settings.stateFolder + "/profiles", &serving->profiles_, error)) {
         return nullptr;
     }
-    serving->service_ = std::make_unique<ConfigService>(*serving->model_, *serving->state_,
-                                                        settings.serviceUid,
-                                                        serving->profiles_.get());
+    serving->service_ = std::make_unique<ConfigService>(
+        *serving->model_, *serving->state_, settings.serviceUid, serving->profiles_.get());
     return serving;
 }
 
