@@ -246,7 +246,12 @@ int main(int argc, char** argv) {
     google::protobuf::SetLogHandler(logProtobufMessage);
     MSG_DebugSetName(kProgram);
 
+    // Before the long steps of start-up, so that a signal during them is served afterwards
+    // rather than ending the process at once.
     std::string error;
+    if (!installSignals(&error)) {
+        return fail(error);
+    }
     auto model = std::make_shared<DeviceModel>();
     if (!loadModelFile(options.model, model.get(), &error)) {
         return fail(error);
@@ -258,9 +263,6 @@ int main(int argc, char** argv) {
         return fail(error);
     }
     logWarnings(warnings);
-    if (!installSignals(&error)) {
-        return fail(error);
-    }
     Server server(serving->service(), serving->state(), serving->committer(), options.endpoint);
     if (!server.open(&error)) {
         return fail(error);
