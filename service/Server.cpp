@@ -50,10 +50,14 @@ Server::~Server() {
 }
 
 bool Server::open(std::string* error) {
-    int status = MSG_OpenLocal(endpoint_.c_str());
+    // As a service: a name that no client would trust is refused here, not served in vain.
+    int status = MSG_OpenService(endpoint_.c_str());
     if (status != MSG_OK) {
-        *error = "cannot open the endpoint " + endpoint_ + ": MSG_OpenLocal() failed " +
-                 std::to_string(status);
+        char dir[4096] = "";
+        MSG_GetDir(nullptr, dir, sizeof dir);
+        *error = "cannot open the endpoint " + endpoint_ + " in " + dir +
+                 ": MSG_OpenService() failed " + std::to_string(status) + " (" +
+                 MSG_StatusText(status) + ")";
         return false;
     }
     open_ = true;
@@ -179,6 +183,25 @@ void Server::dispatch(MSG_Msg* request) {
     arena_->Reset();
 }
 
+void Server::endSubmissionsOfClosedConnections() {
+    uint32_t closed[64];
+    int taken = 0;
+    do {
+        if (MSG_TakeClosed(endpoint_.c_str(), closed, 64, &taken) != MSG_OK) {
+            return;
+        }
+        for (int i = 0; i < taken && submissions_.open() > 0; ++i) {
+            const Submission* gone = submissions_.find(closed[i]);
+            if (gone != nullptr) {
+                logmsg_info(kLogModule,
+                            "submission under '%s' ended unapplied: its connection closed\n",
+                            gone->instance.c_str());
+                submissions_.end(closed[i]);
+            }
+        }
+    } while (taken == 64);
+}
+
 void Server::endIdleSubmissions() {
     if (submissions_.open() == 0) {
         return;
@@ -283,6 +306,7 @@ bool Server::run(int stopFd, Pause* pause) {
         endIdleSubmissions();
         // Served after the writes, and with a cap: neither kind of work can starve the other.
         moreRequests = serveRequests();
+        endSubmissionsOfClosedConnections();
     }
     logmsg_info(kLogModule, "stopping: answering the writes already submitted\n");
     committer_->stop();

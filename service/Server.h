@@ -73,6 +73,8 @@ class Server {
     void logRefusals(uint32_t requestId, const MSG_Sender& sender, const Answer& answer);
     void finishWrites();
     void endIdleSubmissions();
+    // Ends the submissions of the connections that closed since the last look.
+    void endSubmissionsOfClosedConnections();
     // Waits until every submitted write is committed and answered; false when waiting failed.
     bool drainWrites();
     void send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message);

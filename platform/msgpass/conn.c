@@ -4,6 +4,8 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <string.h>
+
 #include "internal.h"
 
 struct msg_conn* msg_conn_find(struct msg_endpoint* ep, uint32_t address) {
@@ -108,6 +110,12 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn) {
         return;
     }
     conn->dropped = 1;
+    /* Noted for MSG_TakeClosed; when nobody takes them, the oldest make room. */
+    if (ep->gone_count == MSG_MAX_CLOSED_NOTED) {
+        memmove(ep->gone, ep->gone + 1, sizeof ep->gone - sizeof ep->gone[0]);
+        ep->gone_count--;
+    }
+    ep->gone[ep->gone_count++] = conn->address;
     for (struct msg_conn** link = &ep->conns; *link; link = &(*link)->next) {
         if (*link == conn) {
             *link = conn->next;
@@ -150,4 +158,25 @@ int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int wan
         return -1;
     }
     return 0;
+}
+
+MSG_EXPORT int MSG_TakeClosed(const char* localName, uint32_t* addresses, int max, int* taken) {
+    if (addresses == NULL || taken == NULL || max < 0) {
+        return MSG_ERR_BAD_ARG;
+    }
+    struct msg_endpoint* ep;
+    int status = msg_endpoint_lookup(localName, &ep);
+    if (status != MSG_OK) {
+        return status;
+    }
+    pthread_mutex_lock(&ep->lock);
+    int count = ep->gone_count < max ? ep->gone_count : max;
+    memcpy(addresses, ep->gone, (size_t)count * sizeof addresses[0]);
+    memmove(ep->gone, ep->gone + count,
+            (size_t)(ep->gone_count - count) * sizeof ep->gone[0]);
+    ep->gone_count -= count;
+    pthread_mutex_unlock(&ep->lock);
+    msg_endpoint_put(ep);
+    *taken = count;
+    return MSG_OK;
 }

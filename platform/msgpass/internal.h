@@ -193,6 +193,9 @@ struct msg_endpoint {
     int64_t listen_retry_at; /* or until then: the descriptors may not have been ours */
     uint32_t last_address;
     struct msg_conn* conns;
+    /* Addresses of connections gone since MSG_TakeClosed last took them, oldest first. */
+    uint32_t gone[MSG_MAX_CLOSED_NOTED];
+    int gone_count;
     MSG_Msg* queue_head;
     MSG_Msg* queue_tail;
     unsigned char* stage; /* read buffer of the leader */

@@ -244,6 +244,19 @@ int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
  * The descriptor stays owned by the library and is closed with the endpoint. */
 int MSG_GetPollFd(const char* localName);
 
+/* Most addresses of closed connections an endpoint keeps for MSG_TakeClosed. */
+#define MSG_MAX_CLOSED_NOTED 256
+
+/* Moves up to `max` addresses of connections of `localName` that are gone since the last call
+ * (closed by the peer, dropped by the library, or failed) into `addresses`, oldest first, and
+ * stores how many in *taken. MSG_ERR_NOT_OPEN when the endpoint is not open here,
+ * MSG_ERR_BAD_ARG for a null pointer or a negative `max`. Connections are found gone while the
+ * endpoint receives (MSG_RecvAny, MSG_RecvMsg) or sends. A service calls it after receiving to
+ * forget what it kept for a connection. Between two calls at most MSG_MAX_CLOSED_NOTED addresses
+ * are kept; beyond that the oldest are forgotten. Addresses are not reused before 2^32 further
+ * connections. */
+int MSG_TakeClosed(const char* localName, uint32_t* addresses, int max, int* taken);
+
 #ifdef __cplusplus
 }
 #endif

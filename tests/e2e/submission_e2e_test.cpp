@@ -140,6 +140,19 @@ TEST_F(Submissions, OverlappingOnesCommitTheFirstAndRefuseTheStaleOneWhole) {
     EXPECT_TRUE(service_.waitForOutput("'network[1]/interface[1]/mtu' was changed by another"));
 }
 
+TEST_F(Submissions, ConnectionThatGoesAwayLosesWhatItStaged) {
+    {
+        std::unique_ptr<ConfigSession> gone = connect("gone");
+        ASSERT_EQ(submit(gone.get(), "network", ConfigIF::kSubmitStart), kErrNoError);
+        ASSERT_EQ(write(gone.get(), mtuOf(1), "1400"), kErrNoError);
+    }
+    EXPECT_TRUE(service_.waitForOutput("submission under 'network' ended unapplied"));
+    std::unique_ptr<ConfigSession> other = connect("other");
+    EXPECT_EQ(readAll(other.get(), {mtuOf(1)}), std::vector<std::string>{"1500"});
+    ASSERT_EQ(submit(other.get(), "network", ConfigIF::kSubmitStart), kErrNoError);
+    EXPECT_EQ(submit(other.get(), "network", ConfigIF::kSubmitEnd), kErrNoError);
+}
+
 // A bare command from a user who may not claim every role changes nothing; from root it does.
 TEST_F(Submissions, BareCommandsFromUnprivilegedSendersAreIgnored) {
     if (geteuid() != 0) {

@@ -265,6 +265,30 @@ TEST_F(MsgPassTest, PayloadsTravelIntactAndOtherIdsWaitInArrivalOrder) {
     }
 }
 
+// A service learns which connections went, each once, and how bad calls fail.
+TEST_F(MsgPassTest, ClosedConnectionsAreToldOnce) {
+    uint32_t gone[4] = {};
+    int taken = -1;
+    EXPECT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_ERR_NOT_OPEN);
+    connectPair();
+    uint32_t second = 0;
+    const int raw = rawPeer("server", &second);
+    EXPECT_EQ(MSG_TakeClosed("server", nullptr, 4, &taken), MSG_ERR_BAD_ARG);
+    EXPECT_EQ(MSG_TakeClosed("server", gone, -1, &taken), MSG_ERR_BAD_ARG);
+    ASSERT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_OK);
+    EXPECT_EQ(taken, 0);
+    ASSERT_EQ(MSG_CloseLocal("client"), MSG_OK);
+    close(raw);
+    EXPECT_EQ(MSG_RecvAny("server", 200), nullptr);  // sees both hang up, in either order
+    ASSERT_EQ(MSG_TakeClosed("server", gone, 1, &taken), MSG_OK);
+    EXPECT_EQ(taken, 1);
+    ASSERT_EQ(MSG_TakeClosed("server", gone + 1, 4, &taken), MSG_OK);
+    EXPECT_EQ(taken, 1);
+    EXPECT_EQ(std::set<uint32_t>(gone, gone + 2), (std::set<uint32_t>{toClient_, second}));
+    ASSERT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_OK);
+    EXPECT_EQ(taken, 0);
+}
+
 // Each wait gives up when its caller's time-out has passed: not sooner, and not much later.
 TEST_F(MsgPassTest, WaitsEndAtTheirTimeOut) {
     connectPair();
