@@ -153,6 +153,37 @@ TEST_F(Submissions, ConnectionThatGoesAwayLosesWhatItStaged) {
     EXPECT_EQ(submit(other.get(), "network", ConfigIF::kSubmitEnd), kErrNoError);
 }
 
+// A profile with one value the model refuses applies nothing, through the client library.
+TEST_F(Submissions, ProfileWithOneBadValueAppliesNothing) {
+    std::unique_ptr<ConfigSession> session = connect("profiles");
+    ASSERT_EQ(write(session.get(), mtuOf(1), "1400"), kErrNoError);
+    ASSERT_EQ(write(session.get(), mtuOf(2), "1400"), kErrNoError);
+    ConfigIF::CreateProfileReq create;
+    create.set_name("test");
+    create.set_role(kAdmin);
+    create.set_file_location("saved");
+    ConfigIF::CreateProfileRsp created;
+    ASSERT_EQ(session->createProfile(create, &created, kAnswerMs), ConfigSession::kOk);
+    ASSERT_EQ(created.error(), kErrNoError);
+    const std::string file = service_.state() + "/profiles/saved";
+    const std::string text = testsupport::readFile(file);
+    ASSERT_NE(text.find("\"1400\""), std::string::npos) << text;
+    ASSERT_TRUE(testsupport::writeFile(
+        file,
+        testsupport::replaced(text, "interface[2]/mtu\" \"1400\"", "interface[2]/mtu\" \"9001\"")));
+    ASSERT_EQ(write(session.get(), mtuOf(1), "1300"), kErrNoError);
+    ConfigIF::ApplyProfileReq apply;
+    apply.set_name("test");
+    apply.set_role(kAdmin);
+    apply.set_file_location("saved");
+    ConfigIF::ApplyProfileRsp applied;
+    ASSERT_EQ(session->applyProfile(apply, &applied, kAnswerMs), ConfigSession::kOk);
+    EXPECT_EQ(applied.error(), kErrBadParameter);
+    EXPECT_EQ(readAll(session.get(), {mtuOf(1), mtuOf(2)}),
+              (std::vector<std::string>{"1300", "1400"}));
+    EXPECT_TRUE(service_.waitForOutput("above the maximum 9000"));
+}
+
 // A bare command from a user who may not claim every role changes nothing; from root it does.
 TEST_F(Submissions, BareCommandsFromUnprivilegedSendersAreIgnored) {
     if (geteuid() != 0) {
