@@ -255,6 +255,12 @@ void Server::serveFrom(const ConfigService& service, RecordState* state, Committ
     service_ = &service;
     state_ = state;
     committer_ = committer;
+    // What a submission staged was checked against the records from before, whose change
+    // numbers the new ones do not continue: it could no longer tell what changed meanwhile.
+    for (const std::string& instance : submissions_.endAll()) {
+        logmsg_info(kLogModule, "submission under '%s' ended unapplied: the model was reloaded\n",
+                    instance.c_str());
+    }
 }
 
 bool Server::drainWrites() {

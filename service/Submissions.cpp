@@ -72,6 +72,16 @@ bool Submissions::end(uint32_t connection) {
     return true;
 }
 
+std::vector<std::string> Submissions::endAll() {
+    std::vector<std::string> ended;
+    for (const auto& [connection, submission] : open_) {
+        ended.push_back(submission.instance);
+    }
+    open_.clear();
+    stagedBytes_ = 0;
+    return ended;
+}
+
 std::vector<std::string> Submissions::expire(Clock::time_point now) {
     std::vector<std::string> expired;
     for (auto it = open_.begin(); it != open_.end();) {

@@ -78,6 +78,8 @@ class Submissions {
     // Ends every submission whose connection has been idle since before `now` minus the idle
     // limit; returns the instances they were under.
     std::vector<std::string> expire(Clock::time_point now);
+    // Ends every submission; returns the instances they were under.
+    std::vector<std::string> endAll();
 
     size_t open() const { return open_.size(); }
 

@@ -153,6 +153,17 @@ TEST_F(Submissions, ConnectionThatGoesAwayLosesWhatItStaged) {
     EXPECT_EQ(submit(other.get(), "network", ConfigIF::kSubmitEnd), kErrNoError);
 }
 
+// A reload renumbers the changes a submission compares against: open ones end unapplied.
+TEST_F(Submissions, ReloadEndsTheOpenOnes) {
+    std::unique_ptr<ConfigSession> session = connect("reloaded");
+    ASSERT_EQ(submit(session.get(), "network", ConfigIF::kSubmitStart), kErrNoError);
+    ASSERT_EQ(write(session.get(), mtuOf(1), "1400"), kErrNoError);
+    ASSERT_TRUE(service_.signal(SIGHUP));
+    EXPECT_TRUE(service_.waitForOutput("ended unapplied: the model was reloaded"));
+    EXPECT_EQ(submit(session.get(), "network", ConfigIF::kSubmitEnd), kErrBadState);
+    EXPECT_EQ(readAll(session.get(), {mtuOf(1)}), std::vector<std::string>{"1500"});
+}
+
 // A profile with one value the model refuses applies nothing, through the client library.
 TEST_F(Submissions, ProfileWithOneBadValueAppliesNothing) {
     std::unique_ptr<ConfigSession> session = connect("profiles");
