@@ -198,6 +198,17 @@ void ConfigService::getAttribute(const ConfigIF::GetAttributeReq& request, const
     response->set_node_xml_attributes(xml);
 }
 
+eErrorType ConfigService::attributeTarget(const std::string& path, eSecurityRole role,
+                                          const NodeDef** node, const VariableDef** variable,
+                                          std::string* reason) const {
+    const eErrorType error = lookUpNamed(path, node, variable, reason);
+    if (error != CommonIF::kErrNoError) {
+        return error;
+    }
+    return mayChangeAttributes(role, *variable, path, reason) ? CommonIF::kErrNoError
+                                                              : CommonIF::kErrNotAuthorized;
+}
+
 void ConfigService::setAttribute(const ConfigIF::SetAttributeReq& request, const Sender&,
                                  ConfigIF::SetAttributeRsp* response, Answer* answer) const {
     const NodeDef* node = nullptr;
@@ -206,18 +217,12 @@ void ConfigService::setAttribute(const ConfigIF::SetAttributeReq& request, const
     const std::string& path = request.node_name();
     std::vector<std::string> update;
     std::string reason;
-    CommonIF::eErrorType error = CommonIF::kErrNoError;
     StoredChange change{RecordKind::kAttributes, path, false, {}};
-    if (!model_.findByPath(path, &node, &variable)) {
-        error = CommonIF::kErrItemNotFound;
-        reason = noNode(path);
-    } else if ((error = notEnabled(node != nullptr ? node->components : variable->components,
-                                   state_.accepted(), &reason)) != CommonIF::kErrNoError) {
-    } else if (!mayChangeAttributes(request.role(), variable, path, &reason)) {
-        error = CommonIF::kErrNotAuthorized;
-    } else if (!parseAttributeXml(request.node_xml_attributes(), &update, &reason)) {
+    CommonIF::eErrorType error = attributeTarget(path, request.role(), &node, &variable, &reason);
+    if (error == CommonIF::kErrNoError &&
+        !parseAttributeXml(request.node_xml_attributes(), &update, &reason)) {
         error = CommonIF::kErrBadParameter;
-    } else {
+    } else if (error == CommonIF::kErrNoError) {
         const std::vector<std::string>* stored = records.find(RecordKind::kAttributes, path);
         change.values = mergeAttributes(stored ? *stored : std::vector<std::string>(), update);
         VariableDef candidate = variable != nullptr ? *variable : VariableDef();
@@ -241,15 +246,9 @@ void ConfigService::resetAttribute(const ConfigIF::ResetAttributeReq& request, c
     const VariableDef* variable = nullptr;
     const std::string& path = request.node_name();
     std::string reason;
-    CommonIF::eErrorType error = CommonIF::kErrNoError;
-    if (!model_.findByPath(path, &node, &variable)) {
-        error = CommonIF::kErrItemNotFound;
-        reason = noNode(path);
-    } else if ((error = notEnabled(node != nullptr ? node->components : variable->components,
-                                   state_.accepted(), &reason)) != CommonIF::kErrNoError) {
-    } else if (!mayChangeAttributes(request.role(), variable, path, &reason)) {
-        error = CommonIF::kErrNotAuthorized;
-    } else if (variable != nullptr && !storedValuesFit(*variable, *variable, &reason)) {
+    CommonIF::eErrorType error = attributeTarget(path, request.role(), &node, &variable, &reason);
+    if (error == CommonIF::kErrNoError && variable != nullptr &&
+        !storedValuesFit(*variable, *variable, &reason)) {
         error = CommonIF::kErrBadState;  // a value stored under a widened bound
     }
     response->set_error(error);

@@ -356,16 +356,20 @@ eErrorType ConfigService::lookUp(const std::vector<PathStep>& path, const Record
     return notEnabled(found->variable->components, records, reason);
 }
 
+eErrorType ConfigService::lookUpNamed(const std::string& path, const NodeDef** node,
+                                      const VariableDef** variable, std::string* reason) const {
+    if (!model_.findByPath(path, node, variable)) {
+        *reason = noNode(path);
+        return CommonIF::kErrItemNotFound;
+    }
+    return notEnabled(*node != nullptr ? (*node)->components : (*variable)->components,
+                      state_.accepted(), reason);
+}
+
 eErrorType ConfigService::findNamed(const std::string& path, const NodeDef** node,
                                     const VariableDef** variable, Answer* answer) const {
     std::string reason;
-    eErrorType error = CommonIF::kErrItemNotFound;
-    if (!model_.findByPath(path, node, variable)) {
-        reason = noNode(path);
-    } else {
-        error = notEnabled(*node != nullptr ? (*node)->components : (*variable)->components,
-                           state_.accepted(), &reason);
-    }
+    const eErrorType error = lookUpNamed(path, node, variable, &reason);
     if (error != CommonIF::kErrNoError) {
         answer->refusals.push_back(reason);
     }

@@ -122,8 +122,11 @@ class ConfigService {
     // none there, kNotEnabled when it lies in a detached component; the reason in *reason.
     CommonIF::eErrorType lookUp(const std::vector<PathStep>& path, const Records& records,
                                 ResolvedVariable* found, std::string* reason) const;
-    // Looks up a node or variable by its path of names, as lookUp() does; the reason of a
-    // refusal goes to answer->refusals.
+    // Looks up a node or variable by its path of names ("" is the root) that is served now, as
+    // lookUp() does for instances.
+    CommonIF::eErrorType lookUpNamed(const std::string& path, const NodeDef** node,
+                                     const VariableDef** variable, std::string* reason) const;
+    // The same, with the reason of a refusal in answer->refusals.
     CommonIF::eErrorType findNamed(const std::string& path, const NodeDef** node,
                                    const VariableDef** variable, Answer* answer) const;
     // Resolves `instance`, as lookUp() does; the reason of a refusal goes to answer->refusals.
@@ -182,6 +185,11 @@ class ConfigService {
     // variable with other attributes), else the reason.
     bool storedValuesFit(const VariableDef& variable, const VariableDef& candidate,
                          std::string* reason) const;
+    // The node or variable whose attributes `role` would change at `path`: looked up as
+    // lookUpNamed() does, and kErrNotAuthorized when `role` may not change them.
+    CommonIF::eErrorType attributeTarget(const std::string& path, CommonIF::eSecurityRole role,
+                                         const NodeDef** node, const VariableDef** variable,
+                                         std::string* reason) const;
     bool mayChangeAttributes(CommonIF::eSecurityRole role, const VariableDef* variable,
                              const std::string& path, std::string* reason) const;
 

@@ -138,9 +138,10 @@ void ConfigService::setLevels(const ConfigIF::SetAccessLevelsReq& request, const
             reason = tooMany ? "a batch of more than " + std::to_string(kMaxBatchInstances) +
                                    " instances"
                              : "neither a read nor a write level is given";
-        } else if ((error = lookUp(pathOf(instance), records, &found, &reason)) !=
-                   CommonIF::kErrNoError) {
         } else {
+            error = lookUp(pathOf(instance), records, &found, &reason);
+        }
+        if (error == CommonIF::kErrNoError) {
             const VariableDef& current = effectiveVariable(records, found, &scratch);
             // Nobody hands out, or takes away, more than they hold themselves.
             const eSecurityRole role = request.role();
