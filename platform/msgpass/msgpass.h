@@ -130,6 +130,14 @@ const char* MSG_StatusText(int status);
  * the connection (its peer is not reading) and returns MSG_ERR_QUEUE_FULL. */
 #define MSG_SEND_QUEUE_BYTES (4u * 1024u * 1024u)
 
+/* Stores in *bytes how much of what was sent with MSG_SEND_NOWAIT on connection `remoteAddress`
+ * of `localName` still waits in its send queue (frames plus bookkeeping, as counted against
+ * MSG_SEND_QUEUE_BYTES), not yet taken by the peer's socket. A service paces what it sends a slow
+ * reader by it, rather than letting the queue reach its bound and the connection be dropped; the
+ * descriptor of MSG_GetPollFd turns readable as the queue drains. MSG_ERR_NO_ROUTE for an address
+ * that names no open connection, MSG_ERR_BAD_ARG for a null `bytes`. */
+int MSG_GetQueuedBytes(const char* localName, uint32_t remoteAddress, size_t* bytes);
+
 /* Attaches a name to this process for the library's own diagnostics. MSG_ERR_BAD_ARG for null,
  * MSG_ERR_BAD_NAME for a name that would not be a valid endpoint name. */
 int MSG_DebugSetName(const char* name);

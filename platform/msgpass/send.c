@@ -71,3 +71,27 @@ MSG_EXPORT int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Ms
     }
     return status;
 }
+
+MSG_EXPORT int MSG_GetQueuedBytes(const char* localName, uint32_t remoteAddress, size_t* bytes) {
+    if (!bytes) {
+        return MSG_ERR_BAD_ARG;
+    }
+    struct msg_endpoint* ep = NULL;
+    int status = msg_endpoint_lookup(localName, &ep);
+    if (status != MSG_OK) {
+        return status;
+    }
+    struct msg_conn* conn = hold_conn(ep, remoteAddress);
+    if (conn) {
+        pthread_mutex_lock(&conn->write_lock);
+        *bytes = conn->out_held;
+        pthread_mutex_unlock(&conn->write_lock);
+        pthread_mutex_lock(&ep->lock);
+        msg_conn_unref(conn);
+        pthread_mutex_unlock(&ep->lock);
+    } else {
+        status = MSG_ERR_NO_ROUTE;
+    }
+    msg_endpoint_put(ep);
+    return status;
+}

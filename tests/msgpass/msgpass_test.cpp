@@ -736,6 +736,12 @@ TEST_F(MsgPassTest, QueuedFramesArriveInOrderAsThePeerReads) {
     EXPECT_EQ(MSG_RecvAny("svc", 0), nullptr);
     std::string wire = queueStream(toPeer);
     EXPECT_EQ(poll(&service, 1, 0), 0) << "nothing to do while the client reads nothing";
+    size_t queued = 0;
+    ASSERT_EQ(MSG_GetQueuedBytes("svc", toPeer, &queued), MSG_OK);
+    EXPECT_GT(queued, wire.size() / 2) << "the socket cannot have taken most of 2 MiB";
+    EXPECT_LE(queued, MSG_SEND_QUEUE_BYTES);
+    EXPECT_EQ(MSG_GetQueuedBytes("svc", toPeer + 1, &queued), MSG_ERR_NO_ROUTE);
+    EXPECT_EQ(MSG_GetQueuedBytes("svc", toPeer, nullptr), MSG_ERR_BAD_ARG);
     int wakeups = 0;
     auto serviceLoop = [&] {
         wakeups++;
@@ -744,6 +750,8 @@ TEST_F(MsgPassTest, QueuedFramesArriveInOrderAsThePeerReads) {
     };
     EXPECT_TRUE(readAll(peer, wire.size(), serviceLoop) == wire) << "the frames differ";
     EXPECT_GT(wakeups, 0);
+    ASSERT_EQ(MSG_GetQueuedBytes("svc", toPeer, &queued), MSG_OK);
+    EXPECT_EQ(queued, 0u) << "everything was read";
 
     wire = queueStream(toPeer) + frame(7, "last");
     int status = -1;
