@@ -50,6 +50,7 @@ struct VariableDef {
     int64_t minimum = INT64_MIN;        // integer only
     int64_t maximum = INT64_MAX;        // integer only
     size_t maxLength = 255;             // string only, in bytes
+    bool controlsAllowed = false;       // string only: values may hold control characters
     size_t minCount = 0;                // list only
     size_t maxCount = 16;               // list only
     std::vector<std::string> options;   // option only, in declaration order

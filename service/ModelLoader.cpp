@@ -334,6 +334,10 @@ bool Parser::parseKindDetails(const pugi::xml_node& element, VariableDef* var) {
                 }
                 var->maxLength = static_cast<size_t>(number);
             }
+            if (element.attribute("control-characters") &&
+                !readFlag(element, "control-characters", &var->controlsAllowed)) {
+                return false;
+            }
             break;
         case ValueKind::kInteger:
             if (element.attribute("min")) {
@@ -442,7 +446,7 @@ bool Parser::parseVariable(const pugi::xml_node& element, const NodeDef* parent,
     if (var->kind == ValueKind::kInteger) {
         attributes.insert(attributes.end(), {"min", "max"});
     } else if (var->kind == ValueKind::kString) {
-        attributes.push_back("max-length");
+        attributes.insert(attributes.end(), {"max-length", "control-characters"});
     } else if (var->kind == ValueKind::kOption) {
         children.push_back("option");
     }

@@ -11,6 +11,15 @@ void Records::apply(const StoredChange& change) {
     }
 }
 
+namespace {
+
+bool holds(const Records& records, const StoredChange& change) {
+    const std::vector<std::string>* stored = records.find(change.kind, change.key);
+    return change.reset ? stored == nullptr : stored != nullptr && *stored == change.values;
+}
+
+}  // namespace
+
 RecordState::RecordState(Records committed)
     : committed_(std::move(committed)), accepted_(committed_) {}
 
@@ -22,6 +31,15 @@ void RecordState::accept(const std::vector<StoredChange>& changes) {
         }
     }
     inFlight_.push_back(changes);
+}
+
+bool RecordState::changesNothing(const std::vector<StoredChange>& changes) const {
+    for (const StoredChange& change : changes) {
+        if (!holds(committed_, change) || !holds(accepted_, change)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void RecordState::finish(bool stored) {

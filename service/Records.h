@@ -71,6 +71,12 @@ class RecordState {
     // The oldest accepted batch came back from the disk, stored or not.
     void finish(bool stored);
 
+    // Whether `changes` would leave every record as it is, in what is committed and in what is
+    // accepted alike: then nothing needs to reach the disk (or be told to anyone), and a write
+    // of them may be answered at once. A record equal to it only while a change is on its way
+    // to the disk does not count, since that change is not durable yet.
+    bool changesNothing(const std::vector<StoredChange>& changes) const;
+
     // Changes to the value under `key` are numbered as they are accepted: the number of the
     // latest, 0 when none was accepted since the service started. Whoever compares two of
     // these learns whether someone changed the value in between.

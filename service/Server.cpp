@@ -25,6 +25,10 @@ constexpr int kIdlePollMs = 1000;
 // The first block of the request arena: enough for a batch of a thousand reads.
 constexpr size_t kArenaBlockBytes = 512 * 1024;
 
+// Lines about one sender's requests in the log: at most this many every ten seconds.
+constexpr size_t kLinesPerSender = 20;
+constexpr auto kSenderWindow = std::chrono::seconds(10);
+
 // What run() waits on, by slot of its poll set.
 enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPauseSlot, kPollSlotCount };
 
@@ -36,7 +40,9 @@ Server::Server(const ConfigService& service, RecordState* state, Committer* comm
       state_(state),
       committer_(committer),
       endpoint_(endpoint),
-      arenaBlock_(kArenaBlockBytes) {
+      arenaBlock_(kArenaBlockBytes),
+      throttle_([](const std::string& line) { logmsg_warn(kLogModule, "%s\n", line.c_str()); },
+                kLinesPerSender, kSenderWindow) {
     google::protobuf::ArenaOptions options;
     options.initial_block = arenaBlock_.data();
     options.initial_block_size = arenaBlock_.size();
@@ -111,11 +117,14 @@ void Server::logRefusals(uint32_t requestId, const MSG_Sender& sender, const Ans
     const char* type = ConfigProtocol::messageNameOf(requestId);
     const size_t count = answer.refusals.size();
     for (size_t i = 0; i < count && i < kRefusalsLogged; ++i) {
+        if (!throttle_.admit(sender.uid)) {
+            return;
+        }
         logmsg_info(kLogModule, "%s from '%s' (pid %d, uid %u) refused: %s\n", type,
                     answer.requester.c_str(), static_cast<int>(sender.pid),
                     static_cast<unsigned>(sender.uid), answer.refusals[i].c_str());
     }
-    if (count > kRefusalsLogged) {
+    if (count > kRefusalsLogged && throttle_.admit(sender.uid)) {
         logmsg_info(kLogModule, "%s from '%s' (pid %d): %zu more items refused\n", type,
                     answer.requester.c_str(), static_cast<int>(sender.pid),
                     count - kRefusalsLogged);
@@ -153,8 +162,10 @@ void Server::dispatch(MSG_Msg* request) {
         return;
     }
     if (!ConfigService::serves(id)) {
-        logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
-                    static_cast<int>(sender.pid));
+        if (throttle_.admit(sender.uid)) {
+                logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
+                        static_cast<int>(sender.pid));
+        }
         return;
     }
     Answer answer;
@@ -173,7 +184,8 @@ void Server::dispatch(MSG_Msg* request) {
                     ConfigProtocol::messageNameOf(id), static_cast<int>(sender.pid),
                     static_cast<unsigned>(sender.uid));
     }
-    if (answer.changes.empty() && !answer.checkpoint) {
+    // A write that changes nothing is answered without waiting for the disk: nothing commits.
+    if (!answer.checkpoint && state_->changesNothing(answer.changes)) {
         if (answer.message != nullptr) {
             send(sender.address, answer.msgId, *answer.message);
         }
@@ -310,6 +322,7 @@ bool Server::run(int stopFd, Pause* pause) {
             finishWrites();
         }
         endIdleSubmissions();
+        throttle_.tick();
         // Served after the writes, and with a cap: neither kind of work can starve the other.
         moreRequests = serveRequests();
         endSubmissionsOfClosedConnections();
@@ -319,6 +332,7 @@ bool Server::run(int stopFd, Pause* pause) {
     finishWrites();
     MSG_CloseLocal(endpoint_.c_str());
     open_ = false;
+    throttle_.flush();
     return healthy;
 }
 

@@ -21,6 +21,7 @@
 
 #include "Committer.h"
 #include "ConfigService.h"
+#include "LogThrottle.h"
 #include "Records.h"
 #include "msgpass.h"
 
@@ -96,6 +97,7 @@ class Server {
     std::string encoded_;          // answers written straight as bytes, reused
     std::deque<Waiting> waiting_;  // in submission order, as the committer finishes them
     std::vector<FinishedWrite> finished_;
+    LogThrottle throttle_;  // of the lines about requests, per sender
 };
 
 }  // namespace configsrvc

@@ -1,6 +1,7 @@
 #include "ValueCheck.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 namespace configsrvc {
@@ -77,11 +78,34 @@ bool isText(const std::string& value) {
     return true;
 }
 
+size_t findControl(const std::string& value) {
+    for (size_t i = 0; i < value.size(); ++i) {
+        const auto c = static_cast<unsigned char>(value[i]);
+        const bool c1 = c == 0xc2 && i + 1 < value.size() &&
+                        static_cast<unsigned char>(value[i + 1]) < 0xa0;
+        if (c < 0x20 || c == 0x7f || c1) {
+            return i;
+        }
+    }
+    return std::string::npos;
+}
+
 namespace {
 
 bool checkString(const VariableDef& var, const std::string& value, std::string* reason) {
     if (!isText(value)) {
         *reason = "value of '" + var.name + "' is not UTF-8 text";
+        return false;
+    }
+    const size_t control = var.controlsAllowed ? std::string::npos : findControl(value);
+    if (control != std::string::npos) {
+        const unsigned code = static_cast<unsigned char>(value[control]) == 0xc2
+                                  ? static_cast<unsigned char>(value[control + 1])
+                                  : static_cast<unsigned char>(value[control]);
+        char where[40];
+        std::snprintf(where, sizeof where, "U+%04X at byte %zu", code, control);
+        *reason = "value of '" + var.name + "' holds a control character (" + where +
+                  "), which the model does not allow for it";
         return false;
     }
     if (value.size() > var.maxLength) {

@@ -10,7 +10,8 @@
 namespace configsrvc {
 
 // Checks `values` against `variable`: the count (exactly one for a single variable, within
-// the bounds of a list), and each value against the kind (string length and UTF-8, integer
+// the bounds of a list), and each value against the kind (string length, UTF-8 and no control
+// characters unless the variable allows them, integer
 // syntax and range, boolean spelling, option membership). On success stores the canonical
 // form in *canonical (integers in plain decimal, booleans as "true"/"false", other kinds as
 // given) and returns true; otherwise stores a reason a person can act on in *reason.
@@ -20,6 +21,11 @@ bool checkValues(const VariableDef& variable, const std::vector<std::string>& va
 // Checks one value against the variable's kind, as above, without the count.
 bool checkValue(const VariableDef& variable, const std::string& value, std::string* canonical,
                 std::string* reason);
+
+// Where the first control character of the UTF-8 text `value` starts (C0, DEL, or C1 as its
+// two-byte sequence), or npos when it holds none. A terminal acts on these instead of printing
+// them, so a value could rewrite the screen of whoever reads it, or pass for two values.
+size_t findControl(const std::string& value);
 
 // Whether `value` is UTF-8 text without NUL characters.
 bool isText(const std::string& value);

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 
 #include "Overrides.h"
@@ -17,10 +19,15 @@ namespace {
 
 // Marks the database as ours in its header ("CSVC"), so a foreign file is never taken over.
 constexpr int kApplicationId = 0x43535643;
-// Format 1 held values only; format 2 added the table of overrides.
-constexpr int kFormatVersion = 2;
+// Format 1 held values only; format 2 added the table of overrides; format 3 a check on every
+// row and the number of the last commit.
+constexpr int kFormatVersion = 3;
 constexpr char kDatabaseName[] = "values.db";
+constexpr char kNewDatabaseName[] = "values.db.new";
 constexpr char kLockName[] = "values.lock";
+constexpr char kCommitName[] = "values.commit";
+// values.commit holds the number in decimal, padded so every write has the same length.
+constexpr int kCommitDigits = 20;
 
 // Runs a statement that returns one integer, e.g. "PRAGMA user_version".
 bool queryInteger(sqlite3* db, const char* sql, long long* value) {
@@ -34,11 +41,37 @@ bool queryInteger(sqlite3* db, const char* sql, long long* value) {
     return ok;
 }
 
-// First problem PRAGMA quick_check reports, or "" when the file is sound.
-std::string quickCheck(sqlite3* db) {
+// Whether the last failure on `db` says the file's content is bad, rather than that the system
+// would not let us read or write it.
+bool failedOnContent(sqlite3* db) {
+    const int code = sqlite3_extended_errcode(db) & 0xff;
+    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB || code == SQLITE_FORMAT;
+}
+
+// Why the last call on `db` failed, in the system's words when the system refused it.
+std::string reasonOf(sqlite3* db) {
+    const int code = sqlite3_extended_errcode(db) & 0xff;
+    const int systemError = sqlite3_system_errno(db);
+    if (code == SQLITE_FULL || systemError == ENOSPC || systemError == EDQUOT) {
+        return std::string("no space left on the disk (") + sqlite3_errmsg(db) + ")";
+    }
+    if (systemError == EACCES || systemError == EPERM || systemError == EROFS) {
+        return std::string(std::strerror(systemError)) + " (" + sqlite3_errmsg(db) + ")";
+    }
+    if (code == SQLITE_READONLY) {
+        return std::string("no permission to write (") + sqlite3_errmsg(db) + ")";
+    }
+    return sqlite3_errmsg(db);
+}
+
+// First problem PRAGMA quick_check reports (and whether it is the content's), or "" when the
+// file is sound.
+std::string quickCheck(sqlite3* db, bool* content) {
+    *content = true;
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(db, "PRAGMA quick_check", -1, &statement, nullptr) != SQLITE_OK) {
-        return sqlite3_errmsg(db);
+        *content = failedOnContent(db);
+        return reasonOf(db);
     }
     std::string problem;
     int step = sqlite3_step(statement);
@@ -49,7 +82,8 @@ std::string quickCheck(sqlite3* db) {
             problem = first;
         }
     } else {
-        problem = sqlite3_errmsg(db);
+        *content = failedOnContent(db);
+        problem = reasonOf(db);
     }
     sqlite3_finalize(statement);
     return problem;
@@ -61,7 +95,62 @@ std::string columnText(sqlite3_stmt* statement, int column) {
     return data ? std::string(static_cast<const char*>(data), bytes) : std::string();
 }
 
+// Who owns `path` and who we are, for a file this process may not write.
+std::string ownerOf(const std::string& path) {
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) {
+        return std::strerror(errno);
+    }
+    char text[96];
+    std::snprintf(text, sizeof text, "owner uid %u, mode %04o; this service runs as uid %u",
+                  static_cast<unsigned>(info.st_uid), static_cast<unsigned>(info.st_mode & 07777),
+                  static_cast<unsigned>(geteuid()));
+    return text;
+}
+
+bool syncPath(const std::string& path, int flags) {
+    int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    bool synced = fsync(fd) == 0;
+    close(fd);
+    return synced;
+}
+
+void rowChecksumFunction(sqlite3_context* context, int, sqlite3_value** argv) {
+    const auto text = [&](int i) {
+        const void* data = sqlite3_value_blob(argv[i]);
+        return data ? std::string(static_cast<const char*>(data), sqlite3_value_bytes(argv[i]))
+                    : std::string();
+    };
+    sqlite3_result_int64(context, rowChecksum(sqlite3_value_int(argv[0]), text(1), text(2)));
+}
+
 }  // namespace
+
+int64_t rowChecksum(int kind, const std::string& key, const std::string& encoded) {
+    // FNV-1a: each step is a bijection of the state for a given byte, so two inputs of the same
+    // length that differ in one byte never give the same result; the lengths are hashed too.
+    uint64_t hash = 0xcbf29ce484222325ULL;
+    const auto add = [&hash](const void* data, size_t bytes) {
+        const auto* byte = static_cast<const unsigned char*>(data);
+        for (size_t i = 0; i < bytes; ++i) {
+            hash = (hash ^ byte[i]) * 0x100000001b3ULL;
+        }
+    };
+    const uint64_t lengths[2] = {key.size(), encoded.size()};
+    add(&kind, sizeof kind);
+    add(lengths, sizeof lengths);
+    add(key.data(), key.size());
+    add(encoded.data(), encoded.size());
+    return static_cast<int64_t>(hash);
+}
+
+bool registerRowChecksum(sqlite3* db) {
+    return sqlite3_create_function(db, "row_checksum", 3, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                                   nullptr, rowChecksumFunction, nullptr, nullptr) == SQLITE_OK;
+}
 
 std::string encodeValues(const std::vector<std::string>& values) {
     std::string encoded;
@@ -99,9 +188,50 @@ bool decodeValues(const std::string& encoded, std::vector<std::string>* values) 
     return true;
 }
 
+namespace {
+
+bool run(sqlite3* db, const char* sql, std::string* error) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        *error = message ? message : sqlite3_errmsg(db);
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+// The tables of format 3. The checksum columns take a default only so that an older format can
+// gain them; every row the service writes carries its own.
+constexpr char kSettingTable[] =
+    "CREATE TABLE setting(key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL,"
+    " checksum INTEGER NOT NULL DEFAULT 0) WITHOUT ROWID;";
+constexpr char kOverrideTable[] =
+    "CREATE TABLE override(kind INTEGER NOT NULL, key TEXT NOT NULL, value BLOB NOT NULL,"
+    " checksum INTEGER NOT NULL DEFAULT 0, PRIMARY KEY(kind, key)) WITHOUT ROWID;";
+constexpr char kCommitsTable[] =
+    "CREATE TABLE commits(last INTEGER NOT NULL); INSERT INTO commits VALUES(0);";
+
+// Statements of commit(), by slot.
+enum Statement { kSetValue, kResetValue, kSetOverride, kResetOverride, kCountCommit };
+constexpr const char* kStatementSql[ValueStore::kStatementCount] = {
+    "INSERT OR REPLACE INTO setting(key, value, checksum) VALUES(?2, ?3, ?4)",
+    "DELETE FROM setting WHERE key = ?2",
+    "INSERT OR REPLACE INTO override(kind, key, value, checksum) VALUES(?1, ?2, ?3, ?4)",
+    "DELETE FROM override WHERE kind = ?1 AND key = ?2",
+    "UPDATE commits SET last = ?1",
+};
+
+}  // namespace
+
 ValueStore::~ValueStore() {
+    for (sqlite3_stmt* statement : statements_) {
+        sqlite3_finalize(statement);
+    }
     if (db_ != nullptr) {
         sqlite3_close(db_);
+    }
+    if (commitFd_ >= 0) {
+        close(commitFd_);
     }
     if (lockFd_ >= 0) {
         close(lockFd_);
@@ -112,11 +242,17 @@ bool ValueStore::open(const std::string& folder, const DeviceModel& model,
                       std::unique_ptr<ValueStore>* store, Records* records,
                       std::vector<std::string>* warnings, std::string* error) {
     std::unique_ptr<ValueStore> opened(new ValueStore());
+    opened->folder_ = folder;
     opened->path_ = folder + "/" + kDatabaseName;
-    if (!opened->lockFolder(folder, error) || !opened->openDatabase(error) ||
-        !opened->load(model, records, warnings, error)) {
+    opened->commitPath_ = folder + "/" + kCommitName;
+    if (!opened->lockFolder(folder, error) || !opened->openCommitFile(error) ||
+        !opened->openDatabase(error) || !opened->load(model, records, warnings, error) ||
+        !opened->checkWritable(error)) {
         return false;
     }
+    // Everything was checked: from now on closing may carry the log into the database again.
+    sqlite3_db_config(opened->db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+    opened->recordCommit();
     *store = std::move(opened);
     return true;
 }
@@ -127,7 +263,7 @@ bool ValueStore::lockFolder(const std::string& folder, std::string* error) {
         return false;
     }
     std::string lockPath = folder + "/" + kLockName;
-    lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (lockFd_ < 0) {
         *error = "cannot open " + lockPath + ": " + std::strerror(errno);
         return false;
@@ -139,20 +275,90 @@ bool ValueStore::lockFolder(const std::string& folder, std::string* error) {
     return true;
 }
 
-bool ValueStore::exec(const char* sql, std::string* error) {
-    char* message = nullptr;
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-        *error = message ? message : sqlite3_errmsg(db_);
-        sqlite3_free(message);
+bool ValueStore::openCommitFile(std::string* error) {
+    commitFd_ = ::open(commitPath_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (commitFd_ < 0) {
+        *error = "cannot open " + commitPath_ + ": " + std::strerror(errno);
         return false;
     }
+    char text[kCommitDigits + 2] = {};
+    const ssize_t bytes = pread(commitFd_, text, sizeof text, 0);
+    if (bytes < 0) {
+        *error = "cannot read " + commitPath_ + ": " + std::strerror(errno);
+        return false;
+    }
+    if (bytes == 0) {
+        return true;  // no commit acknowledged yet by a service that kept count
+    }
+    bool wellFormed = bytes == kCommitDigits + 1 && text[kCommitDigits] == '\n';
+    for (int i = 0; wellFormed && i < kCommitDigits; ++i) {
+        wellFormed = text[i] >= '0' && text[i] <= '9';
+    }
+    if (!wellFormed) {
+        *error = commitPath_ + " is damaged (it holds no commit number); it was left as it is";
+        return false;
+    }
+    acknowledged_ = std::strtoull(text, nullptr, 10);
     return true;
 }
 
-bool ValueStore::checkExisting(bool* isEmpty, long long* version, std::string* error) {
-    std::string problem = quickCheck(db_);
+void ValueStore::recordCommit() {
+    if (lastCommit_ == recorded_) {
+        return;
+    }
+    char text[kCommitDigits + 2];
+    std::snprintf(text, sizeof text, "%0*" PRIu64 "\n", kCommitDigits, lastCommit_);
+    // Best effort: the commit itself is durable already, and a number that lags behind only
+    // makes the check at the next start less strict.
+    if (pwrite(commitFd_, text, kCommitDigits + 1, 0) == kCommitDigits + 1) {
+        recorded_ = lastCommit_;
+    }
+}
+
+bool ValueStore::exec(const char* sql, std::string* error) { return run(db_, sql, error); }
+
+void ValueStore::failWith(const std::string& prefix, std::string* error) const {
+    *error = prefix + ": " + reasonOf(db_);
+}
+
+// Builds a new database under another name and renames it into place once it is whole and on
+// disk, so that values.db never exists half made: an empty one is always something else's doing.
+bool ValueStore::createDatabase(std::string* error) {
+    const std::string fresh = folder_ + "/" + kNewDatabaseName;
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        unlink((fresh + suffix).c_str());  // what a crash while creating left
+    }
+    sqlite3* db = nullptr;
+    std::string sql = std::string("BEGIN;") + kSettingTable + kOverrideTable + kCommitsTable +
+                      "PRAGMA application_id=" + std::to_string(kApplicationId) +
+                      ";PRAGMA user_version=" + std::to_string(kFormatVersion) + ";COMMIT;";
+    bool made = sqlite3_open_v2(fresh.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                                nullptr) == SQLITE_OK &&
+                run(db, sql.c_str(), error) && run(db, "PRAGMA journal_mode=WAL", error);
+    if (!made && db != nullptr) {
+        *error = reasonOf(db);
+    } else if (db == nullptr) {
+        *error = "out of memory";
+    }
+    sqlite3_close(db);  // carries everything into the file and removes its log
+    if (made && (!syncPath(fresh, O_RDONLY) || rename(fresh.c_str(), path_.c_str()) != 0 ||
+                 !syncPath(folder_, O_RDONLY | O_DIRECTORY))) {
+        made = false;
+        *error = std::strerror(errno);
+    }
+    if (!made) {
+        *error = "cannot create " + path_ + ": " + *error;
+    }
+    return made;
+}
+
+bool ValueStore::checkExisting(long long* version, std::string* error) {
+    bool content = true;
+    std::string problem = quickCheck(db_, &content);
     if (!problem.empty()) {
-        *error = path_ + " is damaged (" + problem + "); it was left as it is";
+        *error = content ? path_ + " is damaged (" + problem + "); it was left as it is"
+                         : "cannot examine " + path_ + ": " + problem +
+                               "; it was not found damaged and was left as it is";
         return false;
     }
     long long applicationId = 0;
@@ -160,15 +366,13 @@ bool ValueStore::checkExisting(bool* isEmpty, long long* version, std::string* e
     if (!queryInteger(db_, "PRAGMA application_id", &applicationId) ||
         !queryInteger(db_, "PRAGMA user_version", version) ||
         !queryInteger(db_, "SELECT count(*) FROM sqlite_schema", &objects)) {
-        *error = path_ + " cannot be read: " + sqlite3_errmsg(db_);
+        failWith(path_ + " cannot be read", error);
         return false;
     }
-    *isEmpty = applicationId == 0 && *version == 0 && objects == 0;
-    if (*isEmpty) {
-        return true;
-    }
     if (applicationId != kApplicationId) {
-        *error = path_ + " is not a database of this service; it was left as it is";
+        *error = path_ + " is not a database of this service" +
+                 (applicationId == 0 && objects == 0 ? " (it holds no tables)" : "") +
+                 "; it was left as it is";
         return false;
     }
     if (*version < 1 || *version > kFormatVersion) {
@@ -179,25 +383,21 @@ bool ValueStore::checkExisting(bool* isEmpty, long long* version, std::string* e
     return true;
 }
 
-// Creates the tables of an empty database, or adds what a database of an older format lacks,
-// in one transaction: a crash leaves either format, never a mix.
-bool ValueStore::createSchema(bool isEmpty, std::string* error) {
+// Adds what a database of an older format lacks, in one transaction: a crash leaves either
+// format, never a mix. Rows of before get their checksums from what they hold now.
+bool ValueStore::upgradeSchema(long long version, std::string* error) {
     std::string sql = "BEGIN;";
-    if (isEmpty) {
-        sql +=
-            "CREATE TABLE setting(key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL)"
-            " WITHOUT ROWID;"
-            "PRAGMA application_id=" +
-            std::to_string(kApplicationId) + ";";
-    }
+    sql += version < 2 ? kOverrideTable
+                       : "ALTER TABLE override ADD COLUMN checksum INTEGER NOT NULL DEFAULT 0;";
+    sql += "ALTER TABLE setting ADD COLUMN checksum INTEGER NOT NULL DEFAULT 0;";
+    sql += kCommitsTable;
     sql +=
-        "CREATE TABLE override(kind INTEGER NOT NULL, key TEXT NOT NULL, value BLOB NOT NULL,"
-        " PRIMARY KEY(kind, key)) WITHOUT ROWID;"
+        "UPDATE setting SET checksum = row_checksum(0, key, value);"
+        "UPDATE override SET checksum = row_checksum(kind, key, value);"
         "PRAGMA user_version=" +
         std::to_string(kFormatVersion) + ";COMMIT;";
     if (!exec(sql.c_str(), error)) {
-        *error = "cannot " + std::string(isEmpty ? "create " : "update the format of ") + path_ +
-                 ": " + *error;
+        failWith("cannot update the format of " + path_, error);
         std::string ignored;
         exec("ROLLBACK", &ignored);
         return false;
@@ -205,47 +405,123 @@ bool ValueStore::createSchema(bool isEmpty, std::string* error) {
     return true;
 }
 
+// Compares the commits the database holds with those values.commit says were acknowledged.
+bool ValueStore::checkLog(std::string* error) {
+    long long last = 0;
+    if (!queryInteger(db_, "SELECT last FROM commits", &last) || last < 0) {
+        *error = path_ + " is damaged (it holds no commit number); it was left as it is";
+        return false;
+    }
+    lastCommit_ = static_cast<uint64_t>(last);
+    recorded_ = acknowledged_;
+    if (lastCommit_ >= acknowledged_) {
+        return true;
+    }
+    *error = path_ + " lost acknowledged changes: it holds commits up to " +
+             std::to_string(lastCommit_) + ", but " + std::to_string(acknowledged_) +
+             " were acknowledged (" + commitPath_ + "), so its write-ahead log " + path_ +
+             "-wal is damaged or missing. Every file was left as it is: keep them to examine; "
+             "to serve what the database holds, remove " +
+             commitPath_;
+    return false;
+}
+
 bool ValueStore::openDatabase(std::string* error) {
     struct stat info;
-    bool exists = stat(path_.c_str(), &info) == 0;
-    int flags = SQLITE_OPEN_READWRITE | (exists ? 0 : SQLITE_OPEN_CREATE);
-    if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
-        *error = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
+    if (lstat(path_.c_str(), &info) != 0) {
+        if (errno != ENOENT) {
+            *error = "cannot examine " + path_ + ": " + std::strerror(errno);
+            return false;
+        }
+        if (lstat((path_ + "-wal").c_str(), &info) == 0) {
+            *error = path_ + " is missing but its write-ahead log " + path_ +
+                     "-wal is there; it was left as it is";
+            return false;
+        }
+        if (!createDatabase(error)) {
+            return false;
+        }
+        acknowledged_ = 0;  // a new database: what an earlier one acknowledged is gone with it
+    } else if (!S_ISREG(info.st_mode)) {
+        *error = path_ + " is not a regular file; it was left as it is";
+        return false;
+    } else if (info.st_size == 0) {
+        *error = path_ + " is empty where a database of this service should be (its values "
+                         "are lost or were never there); it was left as it is";
+        return false;
+    }
+    if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW,
+                        nullptr) != SQLITE_OK) {
+        *error = "cannot open " + path_ + ": " + (db_ ? reasonOf(db_) : "out of memory");
         return false;
     }
     sqlite3_extended_result_codes(db_, 1);
-    bool isEmpty = true;
+    // Until every check passed, closing must not carry the log into the database and remove it:
+    // a log that lost commits is the evidence.
+    sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    registerRowChecksum(db_);
     long long version = 0;
-    if (exists && !checkExisting(&isEmpty, &version, error)) {
+    if (!checkExisting(&version, error)) {
         return false;
     }
-    if ((isEmpty || version < kFormatVersion) && !createSchema(isEmpty, error)) {
+    if (sqlite3_db_readonly(db_, "main") == 1) {
+        *error = "cannot write " + path_ + " (" + ownerOf(path_) + "); it was left as it is";
         return false;
     }
     // WAL with FULL sync: a commit is one append and one fsync of the log, and is durable
     // once sqlite3_exec("COMMIT") returns.
     if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;", error)) {
-        *error = "cannot configure " + path_ + ": " + *error;
+        failWith("cannot configure " + path_, error);
+        return false;
+    }
+    if (version < kFormatVersion && !upgradeSchema(version, error)) {
+        return false;
+    }
+    for (int i = 0; i < ValueStore::kStatementCount; ++i) {
+        if (sqlite3_prepare_v3(db_, kStatementSql[i], -1, SQLITE_PREPARE_PERSISTENT,
+                               &statements_[i], nullptr) != SQLITE_OK) {
+            failWith(path_ + " cannot be used", error);
+            return false;
+        }
+    }
+    return checkLog(error);
+}
+
+// A write that changes nothing, so that a database, log or folder this process may not write,
+// or a full disk, is found at start rather than at the first client's write.
+bool ValueStore::checkWritable(std::string* error) {
+    if (!exec("BEGIN IMMEDIATE; UPDATE commits SET last = last; COMMIT;", error)) {
+        failWith("cannot write " + path_, error);
+        std::string ignored;
+        exec("ROLLBACK", &ignored);
         return false;
     }
     return true;
 }
 
-// Reads rows of (kind, key, encoded values) into *rows.
+// Reads rows of (kind, key, encoded values, checksum) into *rows.
 bool ValueStore::loadRows(const char* sql, std::vector<StoredChange>* rows, std::string* error) {
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr) != SQLITE_OK) {
-        *error = path_ + " cannot be read: " + sqlite3_errmsg(db_);
+        failWith(path_ + " cannot be read", error);
         return false;
     }
     int step;
     while ((step = sqlite3_step(statement)) == SQLITE_ROW) {
         StoredChange row;
-        row.kind = static_cast<RecordKind>(sqlite3_column_int(statement, 0));
+        const int kind = sqlite3_column_int(statement, 0);
+        row.kind = static_cast<RecordKind>(kind);
         row.key = columnText(statement, 1);
-        if (!decodeValues(columnText(statement, 2), &row.values)) {
-            *error = path_ + " is damaged (the value of '" + row.key +
-                     "' does not decode); it was left as it is";
+        const std::string encoded = columnText(statement, 2);
+        const char* damage = nullptr;
+        if (rowChecksum(kind, row.key, encoded) != sqlite3_column_int64(statement, 3)) {
+            damage = "' fails its checksum";
+        } else if (!decodeValues(encoded, &row.values)) {
+            damage = "' does not decode";
+        }
+        if (damage != nullptr) {
+            *error = path_ + " is damaged (the " + (kind == 0 ? "value" : "record") + " of '" +
+                     row.key + damage + "); it was left as it is";
             sqlite3_finalize(statement);
             return false;
         }
@@ -253,7 +529,11 @@ bool ValueStore::loadRows(const char* sql, std::vector<StoredChange>* rows, std:
     }
     sqlite3_finalize(statement);
     if (step != SQLITE_DONE) {
-        *error = path_ + " cannot be read: " + sqlite3_errmsg(db_);
+        if (failedOnContent(db_)) {
+            *error = path_ + " is damaged (" + sqlite3_errmsg(db_) + "); it was left as it is";
+        } else {
+            failWith(path_ + " cannot be read", error);
+        }
         return false;
     }
     return true;
@@ -264,9 +544,9 @@ bool ValueStore::load(const DeviceModel& model, Records* records,
     // Attributes first, then the overrides of instances, then values: each is checked against
     // what the ones before it made of the model.
     std::vector<StoredChange> rows;
-    if (!loadRows("SELECT kind, key, value FROM override ORDER BY kind = 3 DESC, kind", &rows,
-                  error) ||
-        !loadRows("SELECT 0, key, value FROM setting", &rows, error)) {
+    if (!loadRows("SELECT kind, key, value, checksum FROM override ORDER BY kind = 3 DESC, kind",
+                  &rows, error) ||
+        !loadRows("SELECT 0, key, value, checksum FROM setting", &rows, error)) {
         return false;
     }
     static const char* const kWhat[kRecordKinds] = {"value", "options", "levels", "attributes",
@@ -295,44 +575,45 @@ bool ValueStore::checkpoint(std::string* error) {
 }
 
 bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::string* error) {
+    if (changes.empty()) {
+        return true;
+    }
     if (!exec("BEGIN IMMEDIATE", error)) {
         return false;
     }
-    // Statements by [is an override][is a reset]; values have no kind column.
-    static const char* const kSql[2][2] = {
-        {"INSERT OR REPLACE INTO setting(key, value) VALUES(?2, ?3)",
-         "DELETE FROM setting WHERE key = ?2"},
-        {"INSERT OR REPLACE INTO override(kind, key, value) VALUES(?1, ?2, ?3)",
-         "DELETE FROM override WHERE kind = ?1 AND key = ?2"}};
-    sqlite3_stmt* statements[2][2] = {};
     bool ok = true;
-    for (int i = 0; i < 4; ++i) {
-        ok = ok && sqlite3_prepare_v2(db_, kSql[i / 2][i % 2], -1, &statements[i / 2][i % 2],
-                                      nullptr) == SQLITE_OK;
-    }
+    std::string encoded;
     for (size_t i = 0; ok && i < changes.size(); ++i) {
         const StoredChange& change = *changes[i];
-        sqlite3_stmt* statement = statements[change.kind != RecordKind::kValue][change.reset];
-        std::string encoded = encodeValues(change.values);
+        const bool isValue = change.kind == RecordKind::kValue;
+        sqlite3_stmt* statement =
+            statements_[isValue ? (change.reset ? kResetValue : kSetValue)
+                                : (change.reset ? kResetOverride : kSetOverride)];
         sqlite3_reset(statement);
-        if (change.kind != RecordKind::kValue) {
+        if (!isValue) {
             sqlite3_bind_int(statement, 1, static_cast<int>(change.kind));
         }
         sqlite3_bind_text(statement, 2, change.key.data(), static_cast<int>(change.key.size()),
                           SQLITE_STATIC);
         if (!change.reset) {
+            encoded = encodeValues(change.values);
             sqlite3_bind_blob(statement, 3, encoded.data(), static_cast<int>(encoded.size()),
                               SQLITE_STATIC);
+            sqlite3_bind_int64(statement, 4,
+                               rowChecksum(static_cast<int>(change.kind), change.key, encoded));
         }
         ok = sqlite3_step(statement) == SQLITE_DONE;
+        sqlite3_reset(statement);  // lets go of the bound buffers before they change
+    }
+    sqlite3_stmt* count = statements_[kCountCommit];
+    if (ok) {
+        sqlite3_reset(count);
+        sqlite3_bind_int64(count, 1, static_cast<sqlite3_int64>(lastCommit_ + 1));
+        ok = sqlite3_step(count) == SQLITE_DONE;
+        sqlite3_reset(count);
     }
     if (!ok) {
         *error = sqlite3_errmsg(db_);
-    }
-    for (int i = 0; i < 4; ++i) {
-        sqlite3_finalize(statements[i / 2][i % 2]);
-    }
-    if (!ok) {
         std::string ignored;
         exec("ROLLBACK", &ignored);
         return false;
@@ -342,6 +623,8 @@ bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::st
         exec("ROLLBACK", &ignored);  // leaves no transaction open for the next batch
         return false;
     }
+    ++lastCommit_;
+    recordCommit();
     return true;
 }
 

@@ -166,7 +166,7 @@ TEST_F(ConfigServiceTest, WritesKeepInstancesApartAndSurviveReopening) {
 
 TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
     tamper(
-        "INSERT INTO setting VALUES('audio[3]/volume', '2:10'), ('audio[1]/volume', '3:101'),"
+        "INSERT INTO setting(key, value) VALUES('audio[3]/volume', '2:10'), ('audio[1]/volume', '3:101'),"
         "('system[1]/hostname', '')");
     for (int reopened = 0; reopened < 2; ++reopened) {  // still there for a model that takes them
         ASSERT_TRUE(reopen()) << error_;
@@ -184,10 +184,10 @@ TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
 
 TEST_F(ConfigServiceTest, StoredOverridesTheModelNoLongerTakesAreIgnoredButKept) {
     tamper(
-        "INSERT INTO override VALUES(3, 'audio.volume', '3:max3:120'), (3, 'audio.bass', ''),"
+        "INSERT INTO override(kind, key, value) VALUES(3, 'audio.volume', '3:max3:120'), (3, 'audio.bass', ''),"
         "(3, 'audio', '3:max1:3'), (3, 'video.brightness', '3:max2:10'),"
         "(1, 'audio[1]/volume', '1:01:a'), (2, 'audio[1]/mute', '6:kAdmin5:kRoot'), (9, 'x', '');"
-        "INSERT INTO setting VALUES('audio[1]/volume', '3:110')");
+        "INSERT INTO setting(key, value) VALUES('audio[1]/volume', '3:110')");
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_THAT(warnings_,
                 testing::UnorderedElementsAre(
@@ -204,10 +204,16 @@ TEST_F(ConfigServiceTest, StoredOverridesTheModelNoLongerTakesAreIgnoredButKept)
     EXPECT_EQ(valuesOf(read(kVolume)), Values{"110"});  // fits the stored maximum of 120
 }
 
-TEST_F(ConfigServiceTest, DatabaseOfTheValuesOnlyFormatIsTakenOverWithItsValues) {
-    tamper(
-        "DROP TABLE override; PRAGMA user_version=1;"
-        "INSERT INTO setting VALUES('audio[1]/volume', '2:10')");
+// Databases of the older formats: values only (1), and values and overrides without checksums
+// or a commit number (2).
+class OlderFormat : public ConfigServiceTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(OlderFormat, IsTakenOverWithItsValues) {
+    tamper(std::string("DROP TABLE commits; DROP TABLE setting;"
+                       "CREATE TABLE setting(key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL)"
+                       " WITHOUT ROWID; INSERT INTO setting VALUES('audio[1]/volume', '2:10');") +
+               GetParam(),
+           false);
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_EQ(valuesOf(read(kVolume)), Values{"10"});
     // The table of overrides was added: an override can be stored.
@@ -221,7 +227,18 @@ TEST_F(ConfigServiceTest, DatabaseOfTheValuesOnlyFormatIsTakenOverWithItsValues)
                        .message)
                   .error(),
               kErrNoError);
+    // Every row has its checksum now: one changed behind the service's back is found.
+    tamper("UPDATE setting SET value = '2:11'", false);
+    EXPECT_EQ(refusal(), database() + " is damaged (the value of 'audio[1]/volume' fails its "
+                                      "checksum); it was left as it is");
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, OlderFormat,
+    testing::Values("DROP TABLE override; PRAGMA user_version=1",
+                    "DROP TABLE override; CREATE TABLE override(kind INTEGER NOT NULL, key TEXT "
+                    "NOT NULL, value BLOB NOT NULL, PRIMARY KEY(kind, key)) WITHOUT ROWID;"
+                    "PRAGMA user_version=2"));
 
 TEST_F(ConfigServiceTest, ChangeThatCannotBeStoredIsAnsweredSoAndLeavesNoTrace) {
     sqlite3* other = nullptr;
@@ -259,18 +276,35 @@ TEST_P(DamagedDatabase, IsRefusedAndLeftAsItWas) {
 const Damage kDamages[] = {
     {"", " is damaged (file is not a database); it was left as it is"},
     {"PRAGMA application_id=7", " is not a database of this service; it was left as it is"},
-    {"PRAGMA user_version=3", " has format 3, this service reads 1 to 2; it was left as it is"},
-    {"INSERT INTO setting VALUES('audio[1]/volume', '9:1')",
+    {"PRAGMA user_version=4", " has format 4, this service reads 1 to 3; it was left as it is"},
+    {"INSERT INTO setting(key, value) VALUES('audio[1]/volume', '9:1')",
      " is damaged (the value of 'audio[1]/volume' does not decode); it was left as it is"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, DamagedDatabase, testing::ValuesIn(kDamages));
 
+// An empty file where the database should be, or a log without its database, is never taken for
+// a new database: the values it should hold would be lost, and the log overwritten.
+TEST_F(ConfigServiceTest, EmptyDatabaseOrLogWithoutOneIsRefused) {
+    tamper("SELECT 1");
+    std::filesystem::resize_file(database(), 0);
+    EXPECT_EQ(refusal(), database() + " is empty where a database of this service should be (its "
+                                      "values are lost or were never there); it was left as it is");
+    std::filesystem::remove(database());
+    ASSERT_TRUE(testsupport::writeFile(database() + "-wal", "a log"));
+    EXPECT_FALSE(reopen());
+    EXPECT_EQ(error_, database() + " is missing but its write-ahead log " + database() +
+                          "-wal is there; it was left as it is");
+    EXPECT_EQ(testsupport::readFile(database() + "-wal"), "a log");
+    EXPECT_FALSE(std::filesystem::exists(database()));
+}
+
 TEST_F(ConfigServiceTest, TruncatedDatabaseIsRefusedAndLeftAsItWas) {
     tamper(
         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
-        "INSERT INTO setting SELECT 'k' || i, zeroblob(200) FROM n;"
-        "PRAGMA wal_checkpoint(TRUNCATE)");
+        "INSERT INTO setting(key, value) SELECT 'k' || i, zeroblob(200) FROM n;"
+        "PRAGMA wal_checkpoint(TRUNCATE)",
+        false);
     size_t bytes = std::filesystem::file_size(database());
     ASSERT_GT(bytes, 8192u);
     std::filesystem::resize_file(database(), bytes / 2);

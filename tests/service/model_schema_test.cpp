@@ -61,6 +61,8 @@ TEST(ModelSchema, TakesTheExampleAndEveryFormTheLoaderTakes) {
         " list='true'/></device-model>",
         "<device-model><!-- a comment --><variable name='o' kind='option' default='a'>"
         "<option>a</option></variable></device-model>",
+        "<device-model><variable name='s' kind='string' default='a&#9;' max-length='9'"
+        " control-characters='true'/></device-model>",
     };
     for (const char* text : kGood) {
         const Checked checked = check(text);

@@ -104,13 +104,19 @@ class ConfigServiceTest : public testing::Test {
     std::string database() const { return folder_.file("values.db"); }
 
     // Closes the store and runs SQL on its database, as a damaged or foreign file would look.
-    void tamper(const std::string& sql) {
+    // Unless told not to, the rows then get their checksums, as if the service had written them.
+    void tamper(const std::string& sql, bool reseal = true) {
         service_.reset();
         state_.reset();
         store_.reset();
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(database().c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        ASSERT_TRUE(registerRowChecksum(db));
+        const std::string all =
+            sql + (reseal ? ";UPDATE setting SET checksum = row_checksum(0, key, value);"
+                            "UPDATE override SET checksum = row_checksum(kind, key, value)"
+                          : "");
+        EXPECT_EQ(sqlite3_exec(db, all.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
             << sqlite3_errmsg(db);
         sqlite3_close(db);
     }
