@@ -355,10 +355,15 @@ bool ValueStore::createDatabase(std::string* error) {
 bool ValueStore::checkExisting(long long* version, std::string* error) {
     bool content = true;
     std::string problem = quickCheck(db_, &content);
+    if (!problem.empty() && !content &&
+        faccessat(AT_FDCWD, folder_.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+        // The log and its index live beside the database: a folder we may not write is why.
+        problem = "the state folder " + folder_ + " cannot be written: " + std::strerror(errno);
+    }
     if (!problem.empty()) {
         *error = content ? path_ + " is damaged (" + problem + "); it was left as it is"
                          : "cannot examine " + path_ + ": " + problem +
-                               "; it was not found damaged and was left as it is";
+                               "; the database itself may well be sound, and was left as it is";
         return false;
     }
     long long applicationId = 0;

@@ -339,6 +339,33 @@ TEST_F(ConfigServiceTest, CommitterAnswersEveryWriteInOrderAndBoundsWhatIsPendin
     }
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_EQ(valuesOf(read(kVolume)), Values{"63"});  // the last one wins
+    // Commits are numbered durably: the batches of before, and one more for each batch after.
+    const uint64_t before = store_->lastCommit();
+    EXPECT_GE(before, 1u);
+    EXPECT_EQ(write(kVolume, {"1"}).error(), kErrNoError);
+    EXPECT_EQ(store_->lastCommit(), before + 1);
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_EQ(store_->lastCommit(), before + 1);
+}
+
+// Whether a write may be answered without the disk: only when it changes neither what is
+// committed nor what is on its way there.
+TEST(RecordStateTest, ChangesNothingOnlyWhereCommittedAndAcceptedAgree) {
+    Records committed;
+    committed.apply({RecordKind::kValue, "a", false, {"1"}});
+    RecordState state(committed);
+    const StoredChange setA1{RecordKind::kValue, "a", false, {"1"}};
+    const StoredChange setA2{RecordKind::kValue, "a", false, {"2"}};
+    const StoredChange resetB{RecordKind::kValue, "b", true, {}};
+    const StoredChange optionsA1{RecordKind::kOptions, "a", false, {"1"}};
+    EXPECT_TRUE(state.changesNothing({setA1, resetB}));
+    EXPECT_FALSE(state.changesNothing({setA2}));
+    EXPECT_FALSE(state.changesNothing({setA1, optionsA1})) << "another kind, another record";
+    state.accept({setA2});  // on its way to the disk
+    EXPECT_FALSE(state.changesNothing({setA2})) << "equal only to what is not durable yet";
+    EXPECT_FALSE(state.changesNothing({setA1})) << "would be ordered after the change on its way";
+    state.finish(true);
+    EXPECT_TRUE(state.changesNothing({setA2}));
 }
 
 }  // namespace
