@@ -163,7 +163,7 @@ void Server::dispatch(MSG_Msg* request) {
     }
     if (!ConfigService::serves(id)) {
         if (throttle_.admit(sender.uid)) {
-                logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
+            logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
                         static_cast<int>(sender.pid));
         }
         return;

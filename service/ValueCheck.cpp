@@ -81,8 +81,8 @@ bool isText(const std::string& value) {
 size_t findControl(const std::string& value) {
     for (size_t i = 0; i < value.size(); ++i) {
         const auto c = static_cast<unsigned char>(value[i]);
-        const bool c1 = c == 0xc2 && i + 1 < value.size() &&
-                        static_cast<unsigned char>(value[i + 1]) < 0xa0;
+        const bool c1 =
+            c == 0xc2 && i + 1 < value.size() && static_cast<unsigned char>(value[i + 1]) < 0xa0;
         if (c < 0x20 || c == 0x7f || c1) {
             return i;
         }

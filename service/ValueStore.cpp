@@ -315,7 +315,9 @@ void ValueStore::recordCommit() {
     }
 }
 
-bool ValueStore::exec(const char* sql, std::string* error) { return run(db_, sql, error); }
+bool ValueStore::exec(const char* sql, std::string* error) {
+    return run(db_, sql, error);
+}
 
 void ValueStore::failWith(const std::string& prefix, std::string* error) const {
     *error = prefix + ": " + reasonOf(db_);
@@ -451,8 +453,9 @@ bool ValueStore::openDatabase(std::string* error) {
         *error = path_ + " is not a regular file; it was left as it is";
         return false;
     } else if (info.st_size == 0) {
-        *error = path_ + " is empty where a database of this service should be (its values "
-                         "are lost or were never there); it was left as it is";
+        *error = path_ +
+                 " is empty where a database of this service should be (its values "
+                 "are lost or were never there); it was left as it is";
         return false;
     }
     if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW,

@@ -115,8 +115,8 @@ TEST_F(StoreStart, WhatTheSystemRefusesIsToldAsSuch) {
     ASSERT_TRUE(writeFile(model, readFile(testsupport::kExampleModel)));
     const std::string state = service_.state();
     const std::string chown = "chmod 755 " + service_.root() + " && chown -R 65534 " + state;
-    const std::string program = std::string(testsupport::kConfigsrvcBin) + " --log stderr --model " +
-                                model + " --state " + state;
+    const std::string program = std::string(testsupport::kConfigsrvcBin) +
+                                " --log stderr --model " + model + " --state " + state;
     const std::string asNobody = "setpriv --reuid=65534 --regid=65534 --clear-groups " + program;
     const std::string db = state + "/values.db";
     const std::pair<std::string, std::string> cases[] = {
@@ -127,14 +127,11 @@ TEST_F(StoreStart, WhatTheSystemRefusesIsToldAsSuch) {
          "cannot write " + db + " (owner uid 0, mode 0644; this service runs as uid 65534)"},
         // A disk with no room left: the database in a small memory disk that a file filled.
         {"chmod 755 " + state + " && chown -R 0 " + state + " && unshare --mount sh -c 'mount -t " +
-             "tmpfs -o size=256k none " + state + " && cp -a " + service_.root() + "/copy/. " + state +
-             " && (cat /dev/zero > " + state + "/filler 2>/dev/null; " + program + ")'",
+             "tmpfs -o size=256k none " + state + " && cp -a " + service_.root() + "/copy/. " +
+             state + " && (cat /dev/zero > " + state + "/filler 2>/dev/null; " + program + ")'",
          "cannot examine " + db + ": no space left on the disk"},
     };
-    ASSERT_EQ(testsupport::runShell("cp -a " + state + " " +
-                                    service_.root() + "/copy")
-                  .status,
-              0);
+    ASSERT_EQ(testsupport::runShell("cp -a " + state + " " + service_.root() + "/copy").status, 0);
     for (const auto& [command, reason] : cases) {
         const testsupport::Outcome started = testsupport::runShell(command);
         EXPECT_EQ(started.status, 1) << command << "\n" << started.err;

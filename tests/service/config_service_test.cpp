@@ -166,7 +166,8 @@ TEST_F(ConfigServiceTest, WritesKeepInstancesApartAndSurviveReopening) {
 
 TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
     tamper(
-        "INSERT INTO setting(key, value) VALUES('audio[3]/volume', '2:10'), ('audio[1]/volume', '3:101'),"
+        "INSERT INTO setting(key, value) VALUES('audio[3]/volume', '2:10'), ('audio[1]/volume', "
+        "'3:101'),"
         "('system[1]/hostname', '')");
     for (int reopened = 0; reopened < 2; ++reopened) {  // still there for a model that takes them
         ASSERT_TRUE(reopen()) << error_;
@@ -184,7 +185,8 @@ TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
 
 TEST_F(ConfigServiceTest, StoredOverridesTheModelNoLongerTakesAreIgnoredButKept) {
     tamper(
-        "INSERT INTO override(kind, key, value) VALUES(3, 'audio.volume', '3:max3:120'), (3, 'audio.bass', ''),"
+        "INSERT INTO override(kind, key, value) VALUES(3, 'audio.volume', '3:max3:120'), (3, "
+        "'audio.bass', ''),"
         "(3, 'audio', '3:max1:3'), (3, 'video.brightness', '3:max2:10'),"
         "(1, 'audio[1]/volume', '1:01:a'), (2, 'audio[1]/mute', '6:kAdmin5:kRoot'), (9, 'x', '');"
         "INSERT INTO setting(key, value) VALUES('audio[1]/volume', '3:110')");
@@ -229,8 +231,9 @@ TEST_P(OlderFormat, IsTakenOverWithItsValues) {
               kErrNoError);
     // Every row has its checksum now: one changed behind the service's back is found.
     tamper("UPDATE setting SET value = '2:11'", false);
-    EXPECT_EQ(refusal(), database() + " is damaged (the value of 'audio[1]/volume' fails its "
-                                      "checksum); it was left as it is");
+    EXPECT_EQ(refusal(), database() +
+                             " is damaged (the value of 'audio[1]/volume' fails its "
+                             "checksum); it was left as it is");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -288,8 +291,9 @@ INSTANTIATE_TEST_SUITE_P(Table, DamagedDatabase, testing::ValuesIn(kDamages));
 TEST_F(ConfigServiceTest, EmptyDatabaseOrLogWithoutOneIsRefused) {
     tamper("SELECT 1");
     std::filesystem::resize_file(database(), 0);
-    EXPECT_EQ(refusal(), database() + " is empty where a database of this service should be (its "
-                                      "values are lost or were never there); it was left as it is");
+    EXPECT_EQ(refusal(), database() +
+                             " is empty where a database of this service should be (its "
+                             "values are lost or were never there); it was left as it is");
     std::filesystem::remove(database());
     ASSERT_TRUE(testsupport::writeFile(database() + "-wal", "a log"));
     EXPECT_FALSE(reopen());
