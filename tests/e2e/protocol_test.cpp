@@ -1,8 +1,5 @@
 // The whole protocol through the client library against the real configsrvc: the sessions of
 // protocol_sessions.txt, and discovery of the example model over the protocol alone.
-#include <google/protobuf/descriptor.h>
-#include <google/protobuf/dynamic_message.h>
-#include <google/protobuf/text_format.h>
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -10,72 +7,20 @@
 #include <pugixml.hpp>
 
 #include <memory>
-#include <regex>
 #include <string>
 
 #include "CaseFile.h"
-#include "ConfigPath.h"
-#include "ConfigSession.h"
 #include "ModelLoader.h"
-#include "ServiceProcess.h"
+#include "ServiceClient.h"
 
 namespace {
 
 using configclient::ConfigSession;
 using google::protobuf::Message;
-
-constexpr int kConnectMs = 5000;
-constexpr int kAnswerMs = 10000;
+using testsupport::kAnswerMs;
+using testsupport::kConnectMs;
 // This process may claim up to kSystem, so that claims above it can be refused.
 constexpr char kOwnClaim[] = "kSystem";
-
-// A new message of the protocol's type `name` ("ReadReq").
-std::unique_ptr<Message> newMessage(const std::string& name) {
-    const google::protobuf::Descriptor* type =
-        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("ConfigIF." +
-                                                                                  name);
-    if (type == nullptr) {
-        return nullptr;
-    }
-    return std::unique_ptr<Message>(
-        google::protobuf::MessageFactory::generated_factory()->GetPrototype(type)->New());
-}
-
-// `text` with every match of `pattern` replaced by what `replace` makes of it, in one pass.
-template <typename Replace>
-std::string replaceAll(const std::string& text, const std::regex& pattern, Replace replace) {
-    std::string out;
-    auto last = text.cbegin();
-    for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it) {
-        out.append(last, (*it)[0].first);
-        out += replace(*it);
-        last = (*it)[0].second;
-    }
-    return out.append(last, text.cend());
-}
-
-// Text of a case with its shorthands written out: "{{a/b 2}}" is the nodes of that path (as
-// ConfigPath reads it), "<<N: text>>" is N copies of text, "$UID" this process's uid, "-" is
-// nothing.
-std::string expand(const std::string& text) {
-    if (text == "-") {
-        return "";
-    }
-    static const std::regex kRepeat(R"(<<(\d+): ([^>]*)>>)");
-    static const std::regex kPath(R"(\{\{([^}]*)\}\})");
-    // Paths first, so that a repeated text is expanded once and not once per copy.
-    const std::string paths = replaceAll(text, kPath, [](const std::smatch& match) {
-        return testsupport::instOf(match[1]).ShortDebugString();
-    });
-    const std::string repeated = replaceAll(paths, kRepeat, [](const std::smatch& match) {
-        std::string copies;
-        for (int i = std::stoi(match[1]); i > 0; --i) {
-            copies += match[2].str() + " ";
-        }
-        return copies;
-    });
-    return testsupport::replaced(repeated, "$UID", std::to_string(geteuid()));
-}
 
 class Protocol : public testing::Test {
   protected:
@@ -102,14 +47,11 @@ class Protocol : public testing::Test {
     void ask(const testsupport::CaseRow& row) {
         const std::string type = row[0].substr(0, row[0].find(' '));
         const std::string role = row[0].substr(type.size() + 1);
-        std::unique_ptr<Message> request = newMessage(type + "Req");
-        std::unique_ptr<Message> expected = newMessage(type + "Rsp");
-        std::unique_ptr<Message> answer = newMessage(type + "Rsp");
-        ASSERT_TRUE(request && expected) << "no request type " << type;
-        const std::string text = "name: \"t\" role: " + role + " " + expand(row[1]);
-        ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(text, request.get())) << text;
-        ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(expand(row[2]), expected.get()))
-            << row[2];
+        const std::unique_ptr<Message> request = testsupport::messageOf(
+            type + "Req", "name: \"t\" role: " + role + " " + testsupport::expandText(row[1]));
+        const std::unique_ptr<Message> expected = testsupport::messageOf(type + "Rsp", row[2]);
+        const std::unique_ptr<Message> answer = testsupport::messageOf(type + "Rsp", "");
+        ASSERT_TRUE(request && expected && answer);
         const uint32_t id = ConfigProtocol::messageIdOf(type + "Req");
         ASSERT_EQ(
             session_->call(id, *request, ConfigProtocol::responseIdOf(id), answer.get(), kAnswerMs),

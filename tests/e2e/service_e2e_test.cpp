@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,9 +14,7 @@
 #include <vector>
 
 #include "CaseFile.h"
-#include "ConfigPath.h"
-#include "ConfigSession.h"
-#include "ServiceProcess.h"
+#include "ServiceClient.h"
 
 namespace {
 
@@ -30,16 +27,10 @@ using testsupport::readRequest;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr int kConnectMs = 5000;
-constexpr int kAnswerMs = 10000;
+using testsupport::kAnswerMs;
+using testsupport::kConnectMs;
 
-class Service : public testing::Test {
-  protected:
-    void SetUp() override { ASSERT_TRUE(service_.start(&error_)) << error_; }
-
-    testsupport::ServiceProcess service_;
-    std::string error_;
-};
+using Service = testsupport::ServiceTest;
 
 const std::vector<CaseBlock>& sessions() {
     static const std::vector<CaseBlock> blocks = testsupport::readCaseFile(SETVANE_SESSIONS).blocks;
@@ -91,32 +82,6 @@ INSTANTIATE_TEST_SUITE_P(File, SetvaneSessions, testing::Range(size_t{0}, sessio
                          [](const testing::TestParamInfo<size_t>& info) {
                              return sessions()[info.param].head[0];
                          });
-
-// The service refuses to start, with a message that says why, and changes nothing.
-TEST(ServiceStart, BadModelOrDamagedStateIsRefused) {
-    testsupport::ServiceProcess sandbox;
-    const std::string model = sandbox.root() + "/bad.xml";
-    const std::string database = sandbox.state() + "/values.db";
-    const std::string example = testsupport::kExampleModel;
-    ASSERT_TRUE(testsupport::writeFile(model, "<model/>\n"));
-    mkdir(sandbox.state().c_str(), 0755);
-    ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
-    const std::pair<std::vector<std::string>, std::string> refusals[] = {
-        {{"--state", sandbox.root() + "/none", "--model", model},
-         model + ":1: the root element must be <device-model>, not <model>"},
-        {{"--model", example, "--state", sandbox.state()}, database + " is damaged"},
-        {{"--model", example}, "configsrvc: --model and --state are required"},
-        {{"--model", "a", "--state", "b", "--model", "c"}, "configsrvc: --model given twice"},
-    };
-    for (const auto& [options, reason] : refusals) {
-        std::vector<std::string> argv = {"configsrvc"};
-        argv.insert(argv.end(), options.begin(), options.end());
-        const Outcome refused = testsupport::runProgram(testsupport::kConfigsrvcBin, argv);
-        EXPECT_EQ(refused.status, 1) << reason;
-        EXPECT_THAT(refused.err, HasSubstr(reason));
-    }
-    EXPECT_EQ(testsupport::readFile(database), "SQLite format 3\nnot really");
-}
 
 // Each client owns a variable that takes a short text: every fourth request writes the next
 // value to it, two read another client's, and one reads an instance the model lacks.

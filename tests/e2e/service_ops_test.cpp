@@ -3,27 +3,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ConfigPath.h"
-#include "ConfigSession.h"
-#include "ServiceProcess.h"
+#include "ServiceClient.h"
 
 namespace {
 
 using namespace CommonIF;
-using configclient::ConfigSession;
 using testing::HasSubstr;
-using testsupport::readRequest;
-using testsupport::writeRequest;
-
-constexpr int kAnswerMs = 10000;
+using testsupport::ServiceClient;
 
 size_t occurrences(const std::string& text, const std::string& part) {
     size_t count = 0;
@@ -40,28 +36,11 @@ class Operated : public testing::Test {
         service_.model = service_.root() + "/model.xml";
         ASSERT_TRUE(testsupport::writeFile(service_.model, example_));
         ASSERT_TRUE(service_.start(&error_)) << error_;
-        ASSERT_EQ(client_.connect("ops", 5000), ConfigSession::kOk);
+        client_ = std::make_unique<ServiceClient>("ops");
     }
 
     // The value of `path` as the service's own user reads it, or the error's name.
-    std::string read(const std::string& path) {
-        ConfigIF::ReadRsp answer;
-        if (client_.read(readRequest(path, kStartup), &answer, kAnswerMs) != ConfigSession::kOk) {
-            return "(no answer)";
-        }
-        return answer.error() == kErrNoError && answer.value_size() == 1
-                   ? answer.value(0)
-                   : eErrorType_Name(answer.error());
-    }
-
-    eErrorType write(ConfigSession* client, const std::string& path, const std::string& value) {
-        ConfigIF::WriteRsp answer;
-        if (client->write(writeRequest(path, {value}, kAdmin), &answer, kAnswerMs) !=
-            ConfigSession::kOk) {
-            return kErrGenericError;
-        }
-        return answer.ret_message().error();
-    }
+    std::string read(const std::string& path) { return client_->value(path, kStartup); }
 
     // Rewrites the model file, sends SIGHUP and waits for the service to log `logged` once more.
     void reloadWith(const std::string& model, const std::string& logged) {
@@ -77,14 +56,14 @@ class Operated : public testing::Test {
 
     const std::string example_ = testsupport::readFile(testsupport::kExampleModel);
     testsupport::ServiceProcess service_;
-    ConfigSession client_;
+    std::unique_ptr<ServiceClient> client_;
     std::string error_;
 };
 
 // Off the device the log goes to standard error: each line as it happens, once, with the priority
 // prefix the journal reads; a file that takes it holds every line even after SIGKILL.
 TEST_F(Operated, LogLinesReachTheFileAsTheyHappenWithTheirPriority) {
-    ASSERT_EQ(client_.sendRaw(0x12345678, "abc"), ConfigSession::kOk);
+    ASSERT_EQ(client_->session.sendRaw(0x12345678, "abc"), configclient::ConfigSession::kOk);
     const std::string warning = "<4>configsrvc: server: unknown message id 0x12345678 from pid " +
                                 std::to_string(getpid()) + " dropped\n";
     EXPECT_TRUE(service_.waitForOutput(warning)) << service_.output();
@@ -100,7 +79,8 @@ TEST_F(Operated, LogLinesReachTheFileAsTheyHappenWithTheirPriority) {
 }
 
 // The command lines that end at once, and the log line a fatal error makes: each says what it has
-// to say once, where it belongs, and no state folder comes of any of them.
+// to say once, where it belongs, no state folder comes of any of them, and a damaged database is
+// left as it was.
 TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
     testsupport::ServiceProcess sandbox;
     const std::string bad = sandbox.root() + "/bad.xml";
@@ -108,6 +88,10 @@ TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
     const std::string state = sandbox.state();
     ASSERT_TRUE(testsupport::writeFile(bad, "<device-model>\n<nod/>\n</device-model>\n"));
     const std::string badReason = bad + ":2: unknown element <nod> in <device-model>\n";
+    // A state folder of its own whose database is damaged: refused, and left as it was.
+    const std::string damaged = sandbox.root() + "/damaged", database = damaged + "/values.db";
+    ASSERT_EQ(mkdir(damaged.c_str(), 0700), 0);
+    ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
     const struct {
         std::vector<std::string> args;
         int status;
@@ -133,6 +117,16 @@ TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
          1,
          "",
          "configsrvc: --log takes auto, device or stderr, not 'syslog'\nusage: "},
+        {{"--model", example, "--state", damaged},
+         1,
+         "",
+         "<3>configsrvc: main: " + database +
+             " is damaged (file is not a database); it was left as it is\n"},
+        {{"--model", example}, 1, "", "configsrvc: --model and --state are required\nusage: "},
+        {{"--model", "a", "--state", "b", "--model", "c"},
+         1,
+         "",
+         "configsrvc: --model given twice\nusage: "},
         {{"--version"}, 0, "configsrvc " CONFIGSRVC_VERSION "\n", ""},
     };
     for (const auto& c : kCases) {
@@ -146,13 +140,14 @@ TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
         EXPECT_EQ(usage ? run.err.substr(0, c.err.size()) : run.err, c.err);
     }
     EXPECT_FALSE(std::filesystem::exists(state));
+    EXPECT_EQ(testsupport::readFile(database), "SQLite format 3\nnot really");
 }
 
 // A reload serves the new model with the stored values checked against it as at start-up; a
 // model that is refused changes nothing; a value ignored for a while comes back with a model it
 // fits again.
 TEST_F(Operated, ReloadServesTheNewModelAndKeepsWhatItIgnores) {
-    ASSERT_EQ(write(&client_, "audio/volume", "80"), kErrNoError);
+    ASSERT_EQ(client_->write("audio/volume", {"80"}), kErrNoError);
     const std::string narrower = testsupport::replaced(
         example_, R"(min="0" max="100" default="50")", R"(min="0" max="60" default="50")");
     reloadWith(narrower, reloaded());
@@ -164,7 +159,7 @@ TEST_F(Operated, ReloadServesTheNewModelAndKeepsWhatItIgnores) {
                "<3>configsrvc: main: model not reloaded, still serving the one before: " +
                    service_.model + ":2: unknown element <nod> in <device-model>\n");
     EXPECT_EQ(read("audio/volume"), "50");
-    EXPECT_EQ(write(&client_, "audio/volume", "70"), kErrBadParameter) << "the narrower model";
+    EXPECT_EQ(client_->write("audio/volume", {"70"}), kErrBadParameter) << "the narrower model";
 
     reloadWith(example_, reloaded());
     EXPECT_EQ(read("audio/volume"), "80");
@@ -174,7 +169,7 @@ TEST_F(Operated, ReloadServesTheNewModelAndKeepsWhatItIgnores) {
 // A store that cannot be opened again at a reload, for the new model or the one before, ends the
 // service with the reason rather than leaving it serving nothing.
 TEST_F(Operated, ReloadThatCannotReopenTheStoreStopsTheService) {
-    ASSERT_EQ(write(&client_, "audio/volume", "80"), kErrNoError);
+    ASSERT_EQ(client_->write("audio/volume", {"80"}), kErrNoError);
     const std::string database = service_.state() + "/values.db";
     ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
     ASSERT_TRUE(service_.signal(SIGHUP));
@@ -196,13 +191,9 @@ TEST_F(Operated, WritesDuringReloadsAreAllAnsweredAndStored) {
     std::atomic<bool> stop{false};
     std::atomic<int> acked{-1}, failed{0};
     std::thread writer([&] {
-        ConfigSession client;
-        if (client.connect("writer", 5000) != ConfigSession::kOk) {
-            ++failed;
-            return;
-        }
+        ServiceClient client("writer");
         for (int i = 0; !stop; ++i) {
-            if (write(&client, "system/hostname", "h" + std::to_string(i)) != kErrNoError) {
+            if (client.write("system/hostname", {"h" + std::to_string(i)}) != kErrNoError) {
                 ++failed;
                 return;
             }
@@ -227,12 +218,7 @@ TEST_F(Operated, WritesDuringReloadsAreAllAnsweredAndStored) {
     EXPECT_EQ(read("system/hostname"), last);
     ASSERT_EQ(service_.stop(SIGKILL), 128 + SIGKILL);
     ASSERT_TRUE(service_.start(&error_)) << error_;
-    ConfigSession again;
-    ASSERT_EQ(again.connect("again", 5000), ConfigSession::kOk);
-    ConfigIF::ReadRsp stored;
-    ASSERT_EQ(again.read(readRequest("system/hostname", kUser), &stored, kAnswerMs),
-              ConfigSession::kOk);
-    EXPECT_THAT(stored.value(), testing::ElementsAre(last));
+    EXPECT_EQ(ServiceClient("again").value("system/hostname", kUser), last);
 }
 
 }  // namespace

@@ -219,15 +219,8 @@ TEST_P(OlderFormat, IsTakenOverWithItsValues) {
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_EQ(valuesOf(read(kVolume)), Values{"10"});
     // The table of overrides was added: an override can be stored.
-    ConfigIF::SetAttributeReq request;
-    request.set_name("t");
-    request.set_role(kAdmin);
-    request.set_node_name("audio.volume");
-    request.set_node_xml_attributes("<attributes max=\"90\"/>");
-    EXPECT_EQ(static_cast<const ConfigIF::SetAttributeRsp&>(
-                  *ask(ConfigProtocol::kSetAttributeReqMsgId, request.SerializeAsString(), kService)
-                       .message)
-                  .error(),
+    EXPECT_EQ(error("SetAttribute", kAdmin,
+                    "node_name: 'audio.volume' node_xml_attributes: '<attributes max=\"90\"/>'"),
               kErrNoError);
     // Every row has its checksum now: one changed behind the service's back is found.
     tamper("UPDATE setting SET value = '2:11'", false);
@@ -255,12 +248,7 @@ TEST_F(ConfigServiceTest, ChangeThatCannotBeStoredIsAnsweredSoAndLeavesNoTrace) 
                 ElementsAre("the change could not be stored: database is locked"));
     EXPECT_TRUE(read(kVolume).is_default());
     // Nothing of the failed write is left among what later changes are checked against.
-    ConfigIF::ResetValueReq reset;
-    reset.set_name("t");
-    reset.set_role(kAdmin);
-    *reset.mutable_instance() = testsupport::instOf(kVolume);
-    EXPECT_TRUE(ask(ConfigProtocol::kResetValueReqMsgId, reset.SerializeAsString(), kService)
-                    .changes.empty());
+    EXPECT_TRUE(ask("ResetValue", kAdmin, "instance { {{audio/volume}} }").changes.empty());
 }
 
 // SQL run on the database (none: text written over it), and the error after its path.

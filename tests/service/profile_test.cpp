@@ -16,22 +16,11 @@ constexpr char kSerial[] = "provisioning/serial-number";
 
 class ProfileTest : public ConfigServiceTest {
   protected:
-    template <typename Request, typename Response>
-    eErrorType profileRequest(uint32_t id, const std::string& name, eSecurityRole role) {
-        Request request;
-        request.set_name("test");
-        request.set_role(role);
-        request.set_file_location(name);
-        const Answer answer = ask(id, request.SerializeAsString(), kService);
-        return static_cast<const Response&>(*answer.message).error();
-    }
     eErrorType create(const std::string& name, eSecurityRole role = kAdmin) {
-        return profileRequest<ConfigIF::CreateProfileReq, ConfigIF::CreateProfileRsp>(
-            ConfigProtocol::kCreateProfileReqMsgId, name, role);
+        return error("CreateProfile", role, "file_location: '" + name + "'");
     }
     eErrorType apply(const std::string& name, eSecurityRole role = kAdmin) {
-        return profileRequest<ConfigIF::ApplyProfileReq, ConfigIF::ApplyProfileRsp>(
-            ConfigProtocol::kApplyProfileReqMsgId, name, role);
+        return error("ApplyProfile", role, "file_location: '" + name + "'");
     }
 
     void clearAll() {

@@ -77,6 +77,35 @@ class ConfigServiceTest : public testing::Test {
         return ask(requestId, payload, Sender{uid});
     }
 
+    // Answers the request of type `type` ("Submit" for a SubmitReq) of client name "test"
+    // claiming `role`, its other fields in protocol buffer text (testsupport::messageOf).
+    Answer ask(const std::string& type, eSecurityRole role, const std::string& fields,
+               const Sender& sender = Sender{kService}) {
+        const std::unique_ptr<google::protobuf::Message> request = testsupport::messageOf(
+            type + "Req", "name: 'test' role: " + eSecurityRole_Name(role) + " " + fields);
+        return ask(ConfigProtocol::messageIdOf(type + "Req"),
+                   request ? request->SerializePartialAsString() : "", sender);
+    }
+
+    // The error of the request's answer: the response's field `error`, or its ret_message's.
+    eErrorType error(const std::string& type, eSecurityRole role, const std::string& fields,
+                     const Sender& sender = Sender{kService}) {
+        return errorOf(*ask(type, role, fields, sender).message);
+    }
+
+    static eErrorType errorOf(const google::protobuf::Message& response) {
+        const google::protobuf::FieldDescriptor* field =
+            response.GetDescriptor()->FindFieldByName("error");
+        if (field == nullptr) {
+            const google::protobuf::FieldDescriptor* ret =
+                response.GetDescriptor()->FindFieldByName("ret_message");
+            EXPECT_NE(ret, nullptr) << response.GetTypeName() << " tells no error";
+            return ret == nullptr ? kErrGenericError
+                                  : errorOf(response.GetReflection()->GetMessage(response, ret));
+        }
+        return static_cast<eErrorType>(response.GetReflection()->GetEnumValue(response, field));
+    }
+
     ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {
         return static_cast<const ConfigIF::ReadRsp&>(
             *ask(ConfigProtocol::kReadReqMsgId, payload, uid).message);

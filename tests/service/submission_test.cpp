@@ -13,22 +13,15 @@ constexpr char kOtherMtu[] = "network/interface 1/mtu";
 
 class SubmissionTest : public ConfigServiceTest {
   protected:
-    eErrorType submit(const Sender& sender, const std::string& path, ConfigIF::SubmitType type) {
-        ConfigIF::SubmitReq request;
-        request.set_name("test");
-        request.set_role(kAdmin);
-        *request.mutable_instance() = testsupport::instOf(path);
-        request.set_type(type);
-        const Answer answer =
-            ask(ConfigProtocol::kSubmitReqMsgId, request.SerializeAsString(), sender);
-        return static_cast<const ConfigIF::SubmitRsp&>(*answer.message).error();
+    eErrorType submit(const Sender& sender, const std::string& path, const char* type) {
+        return error("Submit", kAdmin, "instance { {{" + path + "}} } type: " + type, sender);
     }
 
     eErrorType start(const Sender& sender, const std::string& path = kInterface) {
-        return submit(sender, path, ConfigIF::kSubmitStart);
+        return submit(sender, path, "kSubmitStart");
     }
     eErrorType end(const Sender& sender, const std::string& path = kInterface) {
-        return submit(sender, path, ConfigIF::kSubmitEnd);
+        return submit(sender, path, "kSubmitEnd");
     }
 
     // A write as `sender`; true when it was stored at once rather than staged.
@@ -94,12 +87,8 @@ TEST_F(SubmissionTest, WriteThatNoLongerPassesItsChecksAppliesNothing) {
     ASSERT_EQ(start(a_), kErrNoError);
     writeAs(a_, kMtu, {"1400"});
     writeAs(a_, "network/interface 2/gateway", {"10.0.0.1"});
-    ConfigIF::SetAccessLevelsReq raise;
-    raise.set_name("test");
-    raise.set_role(kProvisioning);
-    *raise.add_instance() = testsupport::instOf(kMtu);
-    raise.set_write_level(kSystem);
-    ask(ConfigProtocol::kSetAccessLevelsReqMsgId, raise.SerializeAsString(), kService);
+    ask("SetAccessLevels", kProvisioning,
+        "instance { {{" + std::string(kMtu) + "}} } write_level: kSystem");
     EXPECT_EQ(end(a_), kErrBadState);
     EXPECT_TRUE(read(kMtu).is_default());
     EXPECT_TRUE(read("network/interface 2/gateway").is_default());

@@ -1,10 +1,31 @@
 #include "ConfigPath.h"
 
+#include <google/protobuf/text_format.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <cstdlib>
+#include <regex>
 
 #include "TempDir.h"
 
 namespace testsupport {
+namespace {
+
+// `text` with every match of `pattern` replaced by what `replace` makes of it, in one pass.
+template <typename Replace>
+std::string replaceAll(const std::string& text, const std::regex& pattern, Replace replace) {
+    std::string out;
+    auto last = text.cbegin();
+    for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it) {
+        out.append(last, (*it)[0].first);
+        out += replace(*it);
+        last = (*it)[0].second;
+    }
+    return out.append(last, text.cend());
+}
+
+}  // namespace
 
 ConfigIF::Inst instOf(const std::string& path) {
     ConfigIF::Inst inst;
@@ -35,6 +56,54 @@ ConfigIF::WriteReq writeRequest(const std::string& path, const std::vector<std::
     *request.mutable_instance_val()->mutable_instance() = instOf(path);
     request.mutable_instance_val()->mutable_value()->Add(values.begin(), values.end());
     return request;
+}
+
+ConfigIF::SubmitReq submitRequest(const std::string& path, ConfigIF::SubmitType type,
+                                  CommonIF::eSecurityRole role) {
+    ConfigIF::SubmitReq request;
+    request.set_name("test");
+    request.set_role(role);
+    *request.mutable_instance() = instOf(path);
+    request.set_type(type);
+    return request;
+}
+
+std::string expandText(const std::string& text) {
+    if (text == "-") {
+        return "";
+    }
+    static const std::regex kRepeat(R"(<<(\d+): ([^>]*)>>)");
+    static const std::regex kPath(R"(\{\{([^}]*)\}\})");
+    // Paths first, so that a repeated text is expanded once and not once per copy.
+    const std::string paths = replaceAll(text, kPath, [](const std::smatch& match) {
+        return instOf(match[1]).ShortDebugString();
+    });
+    const std::string repeated = replaceAll(paths, kRepeat, [](const std::smatch& match) {
+        std::string copies;
+        for (int i = std::stoi(match[1]); i > 0; --i) {
+            copies += match[2].str() + " ";
+        }
+        return copies;
+    });
+    return replaced(repeated, "$UID", std::to_string(geteuid()));
+}
+
+std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
+                                                     const std::string& text) {
+    const google::protobuf::Descriptor* descriptor =
+        google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("ConfigIF." +
+                                                                                  type);
+    std::unique_ptr<google::protobuf::Message> message(
+        descriptor == nullptr
+            ? nullptr
+            : google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor)->New());
+    google::protobuf::TextFormat::Parser parser;
+    parser.AllowPartialMessage(true);
+    if (message == nullptr || !parser.ParseFromString(expandText(text), message.get())) {
+        ADD_FAILURE() << "no message " << type << " of: " << text;
+        return nullptr;
+    }
+    return message;
 }
 
 }  // namespace testsupport

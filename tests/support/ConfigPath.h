@@ -1,11 +1,15 @@
 // Requests as tests write them: a variable instance named by a path of node and variable names
 // separated by '/', each with an optional instance number after a blank, as a person types it:
-// "audio/microphone 2/gain". A name without a number is sent with instance 0.
+// "audio/microphone 2/gain". A name without a number is sent with instance 0. Whole messages are
+// written in protocol buffer text with shorthands (messageOf).
 #ifndef TESTS_SUPPORT_CONFIGPATH_H
 #define TESTS_SUPPORT_CONFIGPATH_H
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include <google/protobuf/message.h>
 
 #include "Common/protobuf/v3/configservice.pb.h"
 
@@ -19,6 +23,18 @@ ConfigIF::Inst instOf(const std::string& path);
 ConfigIF::ReadReq readRequest(const std::string& path, CommonIF::eSecurityRole role);
 ConfigIF::WriteReq writeRequest(const std::string& path, const std::vector<std::string>& values,
                                 CommonIF::eSecurityRole role);
+ConfigIF::SubmitReq submitRequest(const std::string& path, ConfigIF::SubmitType type,
+                                  CommonIF::eSecurityRole role);
+
+// `text` with its shorthands written out: "{{a/b 2}}" is the nodes of that path (instOf),
+// "<<N: text>> " N copies of text, "$UID" this process's uid; "-" alone is nothing.
+std::string expandText(const std::string& text);
+
+// A new message of the protocol's type `type` ("ReadReq") with the fields of `text` (shorthands
+// expanded; required fields may be missing). Null, with a test failure, when there is no such
+// type or the text does not parse.
+std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
+                                                     const std::string& text);
 
 }  // namespace testsupport
 

@@ -1,0 +1,54 @@
+#include "ServiceClient.h"
+
+#include <gtest/gtest.h>
+
+namespace testsupport {
+
+using configclient::ConfigSession;
+
+ServiceClient::ServiceClient(const std::string& name) {
+    EXPECT_EQ(session.connect(name, kConnectMs), ConfigSession::kOk) << name;
+}
+
+CommonIF::eErrorType ServiceClient::write(const std::string& path,
+                                          const std::vector<std::string>& values,
+                                          CommonIF::eSecurityRole role) {
+    ConfigIF::WriteRsp answer;
+    const bool answered =
+        session.write(writeRequest(path, values, role), &answer, kAnswerMs) == ConfigSession::kOk;
+    EXPECT_TRUE(answered) << "write " << path;
+    return answered ? answer.ret_message().error() : CommonIF::kErrGenericError;
+}
+
+CommonIF::eErrorType ServiceClient::submit(const std::string& path, ConfigIF::SubmitType type,
+                                           CommonIF::eSecurityRole role) {
+    ConfigIF::SubmitRsp answer;
+    const bool answered = session.submit(submitRequest(path, type, role), &answer, kAnswerMs) ==
+                          ConfigSession::kOk;
+    EXPECT_TRUE(answered) << "submit " << path;
+    return answered ? answer.error() : CommonIF::kErrGenericError;
+}
+
+std::vector<std::string> ServiceClient::values(const std::vector<std::string>& paths,
+                                               CommonIF::eSecurityRole role) {
+    ConfigIF::BatchReadReq request;
+    request.set_name("test");
+    request.set_role(role);
+    for (const std::string& path : paths) {
+        *request.add_instance() = instOf(path);
+    }
+    ConfigIF::BatchReadRsp answer;
+    if (session.batchRead(request, &answer, kAnswerMs) != ConfigSession::kOk) {
+        ADD_FAILURE() << "no answer to a batch read";
+        return std::vector<std::string>(paths.size(), "(no answer)");
+    }
+    std::vector<std::string> values;
+    for (const ConfigIF::ReadRsp& item : answer.response()) {
+        values.push_back(item.value_size() == 1 && item.error() == CommonIF::kErrNoError
+                             ? item.value(0)
+                             : CommonIF::eErrorType_Name(item.error()));
+    }
+    return values;
+}
+
+}  // namespace testsupport
