@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstring>
 
 #include "TempDir.h"
 
@@ -22,30 +23,11 @@ int hexDigit(char c) {
     return -1;
 }
 
-// The character of the escape `c` (after a backslash); 0 with *known false when there is none.
-char simpleEscape(char c, bool* known) {
-    *known = true;
-    switch (c) {
-        case 'n':
-            return '\n';
-        case 'r':
-            return '\r';
-        case 't':
-            return '\t';
-        case 'e':
-            return '\033';
-        case '0':
-            return '\0';
-        case '\\':
-            return '\\';
-        case '|':
-            return '|';
-        case ' ':
-            return ' ';
-        default:
-            *known = false;
-            return 0;
-    }
+// The character of the escape `c` (after a backslash), or -1 when there is none.
+int simpleEscape(char c) {
+    static const char kFrom[] = "nrte0\\| ", kTo[] = "\n\r\t\033\0\\| ";
+    const char* at = c != '\0' ? std::strchr(kFrom, c) : nullptr;
+    return at != nullptr ? kTo[at - kFrom] : -1;
 }
 
 // Splits at " | " outside escapes, keeping each field's escapes for unescape.
@@ -93,10 +75,9 @@ std::string unescape(const std::string& text) {
             out += text[i];
             continue;
         }
-        bool known = false;
-        const char simple = simpleEscape(text[i + 1], &known);
-        if (known) {
-            out += simple;
+        const int simple = simpleEscape(text[i + 1]);
+        if (simple >= 0) {
+            out += static_cast<char>(simple);
             ++i;
         } else if (text[i + 1] == '*' && i + 3 < text.size() && std::isdigit(text[i + 2]) != 0) {
             size_t digits = 0;

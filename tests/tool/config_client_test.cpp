@@ -113,14 +113,5 @@ TEST_F(ServiceTest, ReplyThatDoesNotParseEndsWithStatus255) {
     }
 }
 
-// With the real library and its real connect time-out (5 s), so this test takes that long.
-TEST(NoService, ConnectFailureEndsWithStatusOne) {
-    TempDir dir;
-    const Outcome run = runSetvane({"x"}, {{"MSGPASS_DIR", dir.path}});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out, "");
-    EXPECT_EQ(run.err, redLine("MSG_OpenRemoteSync() failed 304"));
-}
-
 }  // namespace
 }  // namespace testsupport
