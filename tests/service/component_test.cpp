@@ -15,9 +15,9 @@ class ComponentTest : public ConfigServiceTest {
     // The error of a ComponentChangeReq, and whether it changed anything.
     std::pair<eErrorType, bool> change(const std::string& component, bool detach,
                                        eSecurityRole role = kSystem) {
-        const Answer answer = ask("ComponentChange", role,
-                                  "component_name: '" + component +
-                                      "' detach: " + (detach ? "true" : "false"));
+        const Answer answer =
+            ask("ComponentChange", role,
+                "component_name: '" + component + "' detach: " + (detach ? "true" : "false"));
         return {errorOf(*answer.message), !answer.changes.empty()};
     }
 

@@ -75,9 +75,8 @@ std::string expandText(const std::string& text) {
     static const std::regex kRepeat(R"(<<(\d+): ([^>]*)>>)");
     static const std::regex kPath(R"(\{\{([^}]*)\}\})");
     // Paths first, so that a repeated text is expanded once and not once per copy.
-    const std::string paths = replaceAll(text, kPath, [](const std::smatch& match) {
-        return instOf(match[1]).ShortDebugString();
-    });
+    const std::string paths = replaceAll(
+        text, kPath, [](const std::smatch& match) { return instOf(match[1]).ShortDebugString(); });
     const std::string repeated = replaceAll(paths, kRepeat, [](const std::smatch& match) {
         std::string copies;
         for (int i = std::stoi(match[1]); i > 0; --i) {
@@ -94,9 +93,10 @@ std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
         google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName("ConfigIF." +
                                                                                   type);
     std::unique_ptr<google::protobuf::Message> message(
-        descriptor == nullptr
-            ? nullptr
-            : google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor)->New());
+        descriptor == nullptr ? nullptr
+                              : google::protobuf::MessageFactory::generated_factory()
+                                    ->GetPrototype(descriptor)
+                                    ->New());
     google::protobuf::TextFormat::Parser parser;
     parser.AllowPartialMessage(true);
     if (message == nullptr || !parser.ParseFromString(expandText(text), message.get())) {

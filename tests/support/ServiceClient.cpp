@@ -23,8 +23,8 @@ CommonIF::eErrorType ServiceClient::write(const std::string& path,
 CommonIF::eErrorType ServiceClient::submit(const std::string& path, ConfigIF::SubmitType type,
                                            CommonIF::eSecurityRole role) {
     ConfigIF::SubmitRsp answer;
-    const bool answered = session.submit(submitRequest(path, type, role), &answer, kAnswerMs) ==
-                          ConfigSession::kOk;
+    const bool answered =
+        session.submit(submitRequest(path, type, role), &answer, kAnswerMs) == ConfigSession::kOk;
     EXPECT_TRUE(answered) << "submit " << path;
     return answered ? answer.error() : CommonIF::kErrGenericError;
 }
