@@ -9,9 +9,14 @@
 // answers. SIGTERM and SIGINT stop it cleanly: writes already accepted are committed and
 // answered before the endpoint closes. SIGHUP reloads the model file (see Serving.h): a model
 // that is refused changes nothing and the service goes on serving the one it had.
+//
+// Under a service manager (NOTIFY_SOCKET set) it reports itself ready once the endpoint is open,
+// reloading for the length of a reload, and stopping once serving ends; elsewhere sd_notify does
+// nothing.
 #include <fcntl.h>
 #include <google/protobuf/stubs/logging.h>
 #include <signal.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -186,6 +191,17 @@ class Reloader : public Server::Pause {
         while (read(reloadPipe[0], bytes, sizeof bytes) > 0) {
             // Signals that arrived together make one reload.
         }
+        sd_notify(0, "RELOADING=1");
+        const bool serving = reload(server);
+        if (serving) {
+            sd_notify(0, "READY=1");
+        }
+        return serving;
+    }
+
+  private:
+    // False when the store can be opened for neither model, which ends serving.
+    bool reload(Server* server) {
         std::unique_ptr<Serving> previous;
         std::vector<std::string> warnings;
         std::string error;
@@ -217,7 +233,6 @@ class Reloader : public Server::Pause {
         return true;
     }
 
-  private:
     std::string modelPath_;
     ServingSettings settings_;
     std::unique_ptr<Serving>* serving_;
@@ -269,8 +284,11 @@ int main(int argc, char** argv) {
     }
     logmsg_info(kLogModule, "model %s, values in %s\n", options.model.c_str(),
                 serving->databasePath().c_str());
+    sd_notify(0, "READY=1");
     Reloader reloader(options.model, settings, &serving);
-    if (!server.run(stopPipe[0], &reloader)) {
+    const bool served = server.run(stopPipe[0], &reloader);
+    sd_notify(0, "STOPPING=1");
+    if (!served) {
         return fail("stopped: serving could not go on");
     }
     logmsg_info(kLogModule, "stopped\n");
