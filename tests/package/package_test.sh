@@ -5,7 +5,7 @@
 # directories, its manual pages; that it is enabled; that the service started as the unit starts
 # it answers the packaged setvane; and that a purge takes it all away again.
 #
-# The clean root is a debootstrap minbase root, made once (network, a few minutes) and kept in
+# The clean root is a debootstrap minbase root with systemd, made once (network, a few minutes) and kept in
 # build/package/debian12 with the packages apt fetched for it; each run installs into a fresh copy.
 # Skipped, with the reason, where that cannot be done: not root, no debootstrap, no network for
 # the first root.
@@ -37,6 +37,7 @@ in_root() {
     ' _ "$root" "$@"
 }
 
+trap 'echo "package test FAILED at line $LINENO" >&2' ERR
 [[ $(id -u) -eq 0 ]] || skip "it needs root to make and enter a chroot"
 command -v debootstrap >/dev/null || skip "debootstrap is not installed (scripts/bootstrap)"
 shopt -s nullglob
@@ -46,7 +47,8 @@ packages=("$debs"/*.deb)
 if [[ ! -d $base ]]; then
     echo "package test: making a Debian 12 minbase root in $base (once)"
     rm -rf "$base.partial"
-    if ! debootstrap --variant=minbase bookworm "$base.partial" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" \
+    # Debian 12 as it boots: minbase and systemd, which also brings the unit's targets.
+    if ! debootstrap --variant=minbase --include=systemd bookworm "$base.partial" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" \
         >"$work/debootstrap.log" 2>&1; then
         umount -R "$base.partial/proc" 2>/dev/null || true
         skip "debootstrap could not make a Debian 12 root (no network?), see $work/debootstrap.log"
@@ -90,7 +92,9 @@ program=${exec_start[0]}
 option() { # the value after option $1 on the ExecStart line
     local i
     for ((i = 1; i < ${#exec_start[@]} - 1; i++)); do
-        [[ ${exec_start[i]} == "$1" ]] && echo "${exec_start[i + 1]}"
+        if [[ ${exec_start[i]} == "$1" ]]; then
+            echo "${exec_start[i + 1]}"
+        fi
     done
 }
 model=$(option --model)
@@ -110,7 +114,7 @@ done
 [[ -L $root/etc/systemd/system/multi-user.target.wants/configsrvc.service ]] ||
     fail "configsrvc.service is not enabled"
 if command -v systemd-analyze >/dev/null; then
-    systemd-analyze verify --root="$root" "$unit" >"$work/verify.log" 2>&1 ||
+    systemd-analyze verify --man=no --root="$root" "$unit" >"$work/verify.log" 2>&1 ||
         { cat "$work/verify.log"; fail "systemd-analyze verify $unit"; }
 fi
 
