@@ -104,7 +104,7 @@ void Committer::run() {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             for (PendingWrite& write : batch) {
-                finished_.push_back({std::move(write), committed, error});
+                finished_.push_back({std::move(write), committed, error, store_->lastCommit()});
             }
         }
         batch.clear();

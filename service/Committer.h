@@ -34,7 +34,8 @@ struct PendingWrite {
 struct FinishedWrite {
     PendingWrite write;
     bool committed = false;
-    std::string error;  // why it was not, when it was not; or why its checkpoint failed
+    std::string error;      // why it was not, when it was not; or why its checkpoint failed
+    uint64_t sequence = 0;  // the number of the commit that stored it (ValueStore::lastCommit())
 };
 
 class Committer {

@@ -111,6 +111,9 @@ const ConfigService::Command ConfigService::kCommands[] = {
     CONFIG_COMMAND(CreateProfile, createProfile),
     CONFIG_COMMAND(ApplyProfile, applyProfile),
     CONFIG_COMMAND(ComponentChange, componentChange),
+    CONFIG_COMMAND(RegisterClientCallback, registerCallback),
+    CONFIG_COMMAND(UnregisterClientCallback, unregisterCallback),
+    CONFIG_COMMAND(UnregisterAllClientCallbacks, unregisterAllCallbacks),
 };
 
 #undef CONFIG_COMMAND
@@ -255,9 +258,11 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
         error = CommonIF::kErrBadParameter;
     } else {
         const FieldDescriptor* role = request->GetDescriptor()->FindFieldByName("role");
-        error = checkClaim(
-            static_cast<eSecurityRole>(request->GetReflection()->GetEnumValue(*request, role)),
-            sender.uid, &reason);
+        if (role != nullptr) {
+            answer->role =
+                static_cast<eSecurityRole>(request->GetReflection()->GetEnumValue(*request, role));
+            error = checkClaim(answer->role, sender.uid, &reason);
+        }
     }
     if (const FieldDescriptor* name = request->GetDescriptor()->FindFieldByName("name")) {
         answer->requester = printable(request->GetReflection()->GetString(*request, name), 64);
@@ -516,8 +521,10 @@ void ConfigService::write(const ConfigIF::WriteReq& request, const Sender& sende
 void ConfigService::validate(const ConfigIF::ValidateReq& request, const Sender& sender,
                              ConfigIF::ValidateRsp* response, Answer* answer) const {
     StoredChange unstored;
-    answerWriteChecks(request.instance_val(), request.role(), false, sender.uid,
-                      response->mutable_ret_message(), answer, &unstored);
+    if (answerWriteChecks(request.instance_val(), request.role(), false, sender.uid,
+                          response->mutable_ret_message(), answer, &unstored)) {
+        answer->proposed.push_back(std::move(unstored));
+    }
 }
 
 void ConfigService::resetValue(const ConfigIF::ResetValueReq& request, const Sender&,

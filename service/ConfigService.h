@@ -27,6 +27,7 @@
 
 #include <google/protobuf/arena.h>
 
+#include "Callbacks.h"
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "DeviceModel.h"
 #include "Profiles.h"
@@ -51,6 +52,9 @@ struct Sender {
     uid_t uid = 0;                       // its kernel uid
     uint32_t connection = 0;             // the connection it came on; 0: none, so no submission
     Submissions* submissions = nullptr;  // the open submissions, kept by whoever serves
+    Callbacks* callbacks = nullptr;      // the registered callbacks, kept by whoever serves
+    uint64_t changeIndex = 0;            // where the change log ends now: a new registration's
+                                         // first change
 };
 
 // What one request comes to.
@@ -61,6 +65,11 @@ struct Answer {
     std::vector<std::string> refusals;  // why the request, or items of it, were refused
     std::string requester;              // the name the request gave (printable), or
     bool checkpoint = false;            // once the changes are stored, checkpoint the database
+    CommonIF::eSecurityRole role = CommonIF::kUser;  // the role the request claimed
+    // What a validation would change, for the validators to be asked (nothing is stored).
+    std::vector<StoredChange> proposed;
+    // For the end of a submission: its scope, a serialised ConfigIF::Inst ("" otherwise).
+    std::string submitScope;
 };
 
 class ConfigService {
@@ -105,6 +114,14 @@ class ConfigService {
 
     // Turns the answer to a change into the answer for when storing it failed with `error`.
     static void answerUnstored(const std::string& error, google::protobuf::Message* response);
+
+    // Whether a sender running as `senderUid` may claim `role`, else the reason.
+    bool mayClaim(CommonIF::eSecurityRole role, uid_t senderUid, std::string* reason) const {
+        return checkClaim(role, senderUid, reason) == CommonIF::kErrNoError;
+    }
+
+    const DeviceModel& model() const { return model_; }
+    const RecordState& state() const { return state_; }
 
   private:
     struct Command;
@@ -233,6 +250,18 @@ class ConfigService {
                     Answer*) const;
     void resetNodeValue(const ConfigIF::ResetNodeValueReq&, const Sender&,
                         ConfigIF::ResetNodeValueRsp*, Answer*) const;
+    void registerCallback(const ConfigIF::RegisterClientCallbackReq&, const Sender&,
+                          ConfigIF::RegisterClientCallbackRsp*, Answer*) const;
+    void unregisterCallback(const ConfigIF::UnregisterClientCallbackReq&, const Sender&,
+                            ConfigIF::UnregisterClientCallbackRsp*, Answer*) const;
+    void unregisterAllCallbacks(const ConfigIF::UnregisterAllClientCallbacksReq&, const Sender&,
+                                ConfigIF::UnregisterAllClientCallbacksRsp*, Answer*) const;
+    // The registration a register or unregister request names, checked against the model and
+    // the claimed role.
+    CommonIF::eErrorType callbackOf(const std::string& name, CommonIF::eSecurityRole role,
+                                    const std::string& path, int32_t instance,
+                                    ConfigIF::CallbackType type, const Sender& sender,
+                                    Registration* registration, std::string* reason) const;
 
     const DeviceModel& model_;
     const RecordState& state_;

@@ -35,14 +35,16 @@ enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPauseSlot, kPollSlotCo
 }  // namespace
 
 Server::Server(const ConfigService& service, RecordState* state, Committer* committer,
-               const std::string& endpoint)
+               const std::string& endpoint, const CallbackSettings& callbacks)
     : service_(&service),
       state_(state),
       committer_(committer),
       endpoint_(endpoint),
       arenaBlock_(kArenaBlockBytes),
       throttle_([](const std::string& line) { logmsg_warn(kLogModule, "%s\n", line.c_str()); },
-                kLinesPerSender, kSenderWindow) {
+                kLinesPerSender, kSenderWindow),
+      settings_(callbacks),
+      log_(callbacks.lastCommit, callbacks.retainedChanges) {
     google::protobuf::ArenaOptions options;
     options.initial_block = arenaBlock_.data();
     options.initial_block_size = arenaBlock_.size();
@@ -131,27 +133,39 @@ void Server::logRefusals(uint32_t requestId, const MSG_Sender& sender, const Ans
     }
 }
 
-void Server::submit(const MSG_Sender& sender, Answer* answer) {
+Server::Change Server::keep(const MSG_Sender& sender, Answer* answer, bool validateOnly) {
+    Change change;
+    change.address = sender.address;
+    change.pid = sender.pid;
+    change.msgId = answer->msgId;
+    if (answer->message != nullptr) {
+        change.message.reset(answer->message->New());
+        change.message->CopyFrom(*answer->message);
+    }
+    change.changes = std::move(validateOnly ? answer->proposed : answer->changes);
+    change.checkpoint = answer->checkpoint;
+    change.validateOnly = validateOnly;
+    change.requester = answer->requester;
+    change.role = answer->role;
+    change.submitScope = std::move(answer->submitScope);
+    return change;
+}
+
+void Server::submit(Change change) {
     const uint64_t ticket = nextTicket_++;
-    if (!committer_->submit({answer->changes, ticket, answer->checkpoint})) {
+    if (!committer_->submit({change.changes, ticket, change.checkpoint})) {
         logmsg_warn(kLogModule, "change from pid %d refused: too many changes pending\n",
-                    static_cast<int>(sender.pid));
-        if (answer->message != nullptr) {
+                    static_cast<int>(change.pid));
+        if (change.message != nullptr) {
             ConfigService::answerUnstored("too many changes are waiting for the disk; try again",
-                                          answer->message);
-            setError(CommonIF::kErrOutOfResources, "", answer->message);
-            send(sender.address, answer->msgId, *answer->message);
+                                          change.message.get());
+            setError(CommonIF::kErrOutOfResources, "", change.message.get());
+            send(change.address, change.msgId, *change.message);
         }
         return;
     }
-    state_->accept(answer->changes);
-    // The answer waits for the disk beyond this request's arena.
-    std::unique_ptr<google::protobuf::Message> kept;
-    if (answer->message != nullptr) {
-        kept.reset(answer->message->New());
-        kept->CopyFrom(*answer->message);
-    }
-    waiting_.push_back({ticket, sender.address, answer->msgId, std::move(kept)});
+    state_->accept(change.changes);
+    waiting_.push_back({ticket, std::move(change)});
 }
 
 void Server::dispatch(MSG_Msg* request) {
@@ -161,6 +175,18 @@ void Server::dispatch(MSG_Msg* request) {
         logmsg_warn(kLogModule, "message 0x%08x without a sender dropped\n", id);
         return;
     }
+    serve(id, sender, MSG_GetPayload(request), static_cast<size_t>(MSG_GetPayloadBytes(request)));
+}
+
+void Server::serve(uint32_t id, const MSG_Sender& sender, const void* payload, size_t bytes) {
+    if (id == ConfigProtocol::kDynamicValidateRspMsgId || id == ConfigProtocol::kOnChangeRspMsgId) {
+        takeCallbackAnswer(sender, id, payload, bytes);
+        return;
+    }
+    if (id == ConfigProtocol::kWatchResumeReqMsgId) {
+        resume(sender, payload, bytes);
+        return;
+    }
     if (!ConfigService::serves(id)) {
         if (throttle_.admit(sender.uid)) {
             logmsg_warn(kLogModule, "unknown message id 0x%08x from pid %d dropped\n", id,
@@ -168,10 +194,11 @@ void Server::dispatch(MSG_Msg* request) {
         }
         return;
     }
+    if (deferIfBlocked(id, sender, payload, bytes, nullptr)) {
+        return;
+    }
     Answer answer;
-    const void* payload = MSG_GetPayload(request);
-    const auto bytes = static_cast<size_t>(MSG_GetPayloadBytes(request));
-    const Sender from{sender.uid, sender.address, &submissions_};
+    const Sender from{sender.uid, sender.address, &submissions_, &callbacks_, log_.end()};
     if (id == ConfigProtocol::kBatchReadReqMsgId &&
         service_->answerBatchReadFromWire(payload, bytes, from, &encoded_, &answer)) {
         sendEncoded(sender.address, answer.msgId, encoded_);
@@ -184,34 +211,70 @@ void Server::dispatch(MSG_Msg* request) {
                     ConfigProtocol::messageNameOf(id), static_cast<int>(sender.pid),
                     static_cast<unsigned>(sender.uid));
     }
-    // A write that changes nothing is answered without waiting for the disk: nothing commits.
-    if (!answer.checkpoint && state_->changesNothing(answer.changes)) {
-        if (answer.message != nullptr) {
-            send(sender.address, answer.msgId, *answer.message);
+    if (id == ConfigProtocol::kRegisterClientCallbackReqMsgId && answer.refusals.empty()) {
+        subscribe(sender);
+    }
+    if (!deferIfBlocked(id, sender, payload, bytes, &answer)) {
+        const bool validateOnly = answer.changes.empty() && !answer.proposed.empty();
+        // A write that changes nothing is answered without waiting for the disk: nothing
+        // commits, so there is nothing to validate or tell either.
+        if (!validateOnly && !answer.checkpoint && state_->changesNothing(answer.changes)) {
+            if (answer.message != nullptr) {
+                send(sender.address, answer.msgId, *answer.message);
+            }
+        } else {
+            Change change = keep(sender, &answer, validateOnly);
+            if (!askValidators(&change)) {
+                if (validateOnly) {
+                    reply(change);
+                } else {
+                    submit(std::move(change));
+                }
+            }
         }
-    } else {
-        submit(sender, &answer);
     }
     arena_->Reset();
 }
 
-void Server::endSubmissionsOfClosedConnections() {
+void Server::forgetClosedConnections() {
     uint32_t closed[64];
     int taken = 0;
     do {
         if (MSG_TakeClosed(endpoint_.c_str(), closed, 64, &taken) != MSG_OK) {
             return;
         }
-        for (int i = 0; i < taken && submissions_.open() > 0; ++i) {
-            const Submission* gone = submissions_.find(closed[i]);
-            if (gone != nullptr) {
-                logmsg_info(kLogModule,
-                            "submission under '%s' ended unapplied: its connection closed\n",
-                            gone->instance.c_str());
-                submissions_.end(closed[i]);
-            }
+        for (int i = 0; i < taken; ++i) {
+            forgetConnection(closed[i]);
         }
     } while (taken == 64);
+}
+
+void Server::forgetConnection(uint32_t address) {
+    const Submission* gone = submissions_.find(address);
+    if (gone != nullptr) {
+        logmsg_info(kLogModule, "submission under '%s' ended unapplied: its connection closed\n",
+                    gone->instance.c_str());
+        submissions_.end(address);
+    }
+    callbacks_.dropConnection(address);
+    subscribers_.erase(address);
+    auto asked = asks_.find(address);
+    if (asked == asks_.end()) {
+        return;
+    }
+    // A callback whose connection went stops counting at once: the change goes on without it.
+    std::vector<uint64_t> affected(asked->second.begin(), asked->second.end());
+    asks_.erase(asked);
+    for (uint64_t id : affected) {
+        auto it = asked_.find(id);
+        if (it != asked_.end() && it->second.due.erase(address) > 0) {
+            logmsg_warn(kLogModule,
+                        "callback client %u went away before answering about a "
+                        "change from '%s': it no longer counts\n",
+                        address, it->second.change.requester.c_str());
+            settle(id);
+        }
+    }
 }
 
 void Server::endIdleSubmissions() {
@@ -240,27 +303,47 @@ void Server::finishWrites() {
     finished_.clear();
     committer_->takeFinished(&finished_);
     for (const FinishedWrite& done : finished_) {
-        state_->finish(done.committed);
         if (waiting_.empty() || waiting_.front().ticket != done.write.ticket) {
+            state_->finish(done.committed);
             logmsg_crit(kLogModule, "a stored change has no answer waiting\n");
             continue;
         }
-        Waiting waiting = std::move(waiting_.front());
+        Change change = std::move(waiting_.front().change);
         waiting_.pop_front();
-        if (!done.committed) {
-            logmsg_err(kLogModule, "change for client %u not stored: %s\n", waiting.address,
-                       done.error.c_str());
-        } else if (!done.error.empty()) {
-            logmsg_err(kLogModule, "%s\n", done.error.c_str());
-        }
-        if (waiting.message == nullptr) {
-            continue;  // a bare command: nobody waits for an answer
-        }
-        if (!done.committed) {
-            ConfigService::answerUnstored(done.error, waiting.message.get());
-        }
-        send(waiting.address, waiting.msgId, *waiting.message);
+        finishWrite(done, std::move(change));
     }
+    pumpAll();
+}
+
+void Server::finishWrite(const FinishedWrite& done, Change change) {
+    // What each record held before, for telling what really changed.
+    std::vector<const std::vector<std::string>*> before;
+    std::vector<std::vector<std::string>> copies;
+    copies.reserve(change.changes.size());
+    for (const StoredChange& one : change.changes) {
+        const std::vector<std::string>* held = state_->committed().find(one.kind, one.key);
+        copies.push_back(held != nullptr ? *held : std::vector<std::string>());
+        before.push_back(held != nullptr ? &copies.back() : nullptr);
+    }
+    state_->finish(done.committed);
+    if (!done.committed) {
+        logmsg_err(kLogModule, "change for client %u not stored: %s\n", change.address,
+                   done.error.c_str());
+    } else if (!done.error.empty()) {
+        logmsg_err(kLogModule, "%s\n", done.error.c_str());
+    }
+    if (done.committed) {
+        logCommit(done, change, before);
+    }
+    if (change.message == nullptr) {
+        return;  // a bare command: nobody waits for an answer
+    }
+    if (!done.committed) {
+        ConfigService::answerUnstored(done.error, change.message.get());
+    } else if (askAppliers(&change)) {
+        return;  // answered once the appliers have
+    }
+    reply(change);
 }
 
 void Server::serveFrom(const ConfigService& service, RecordState* state, Committer* committer) {
@@ -272,6 +355,11 @@ void Server::serveFrom(const ConfigService& service, RecordState* state, Committ
     for (const std::string& instance : submissions_.endAll()) {
         logmsg_info(kLogModule, "submission under '%s' ended unapplied: the model was reloaded\n",
                     instance.c_str());
+    }
+    // Changes under validation were checked against the model from before.
+    while (!asked_.empty() && !asked_.begin()->second.applying) {
+        veto(asked_.begin()->first, CommonIF::kErrBadState,
+             {"the model was reloaded while the change was being validated; try again"});
     }
 }
 
@@ -302,7 +390,8 @@ bool Server::run(int stopFd, Pause* pause) {
     bool moreRequests = false;
     bool healthy = true;
     for (;;) {
-        int ready = poll(watched, kPollSlotCount, moreRequests ? 0 : kIdlePollMs);
+        int ready =
+            poll(watched, kPollSlotCount, moreRequests ? 0 : msUntilNextDeadline(kIdlePollMs));
         if (ready < 0 && errno != EINTR) {
             logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
             healthy = false;
@@ -323,9 +412,11 @@ bool Server::run(int stopFd, Pause* pause) {
         }
         endIdleSubmissions();
         throttle_.tick();
+        expireAsks();
         // Served after the writes, and with a cap: neither kind of work can starve the other.
         moreRequests = serveRequests();
-        endSubmissionsOfClosedConnections();
+        forgetClosedConnections();
+        pumpAll();
     }
     logmsg_info(kLogModule, "stopping: answering the writes already submitted\n");
     committer_->stop();

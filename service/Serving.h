@@ -56,6 +56,8 @@ class Serving {
     RecordState* state() { return state_.get(); }
     Committer* committer() { return committer_.get(); }
     const std::string& databasePath() const { return databasePath_; }
+    // The store's latest commit number; call before anything is submitted.
+    uint64_t lastCommit() const { return store_->lastCommit(); }
 
   private:
     Serving() = default;

@@ -98,6 +98,7 @@ eErrorType ConfigService::endSubmission(const ConfigIF::Inst& instance, const Se
         changes.push_back(write.change);
     }
     answer->changes = std::move(changes);
+    answer->submitScope = instance.SerializePartialAsString();
     sender.submissions->end(sender.connection);
     return CommonIF::kErrNoError;
 }

@@ -47,6 +47,7 @@ constexpr size_t kMaxPendingWrites = 4096;
 
 constexpr char kUsage[] =
     "usage: configsrvc --model FILE --state DIR [--endpoint NAME] [--log TARGET]\n"
+    "                  [--callback-timeout MS] [--retain-changes N]\n"
     "       configsrvc --check-model FILE\n"
     "       configsrvc --version\n"
     "  --model FILE        device model (XML) declaring the variables served\n"
@@ -56,6 +57,10 @@ constexpr char kUsage[] =
     "  --log TARGET        auto (default): the log device " LOGMSG_DEVICE_PATH
     " when there is one,\n"
     "                      else standard error; or device, or stderr\n"
+    "  --callback-timeout MS  how long validators and appliers may take to answer\n"
+    "                      (default 1000, at most 10000)\n"
+    "  --retain-changes N  notifications kept for subscribers that fall behind or\n"
+    "                      reconnect (default 65536)\n"
     "  --check-model FILE  check a model file and exit: 0 when it is good, else 1 and\n"
     "                      FILE:LINE: REASON on standard error\n"
     "Endpoints live in $MSGPASS_DIR when it is set. SIGHUP reloads the model.\n";
@@ -66,8 +71,19 @@ struct Options {
     std::string endpoint = ConfigProtocol::kServiceEndpoint;
     std::string log = "auto";
     std::string checkModel;
+    std::string callbackTimeout;
+    std::string retainChanges;
     LogTarget logTarget = LogTarget::kAuto;
+    CallbackSettings callbacks;
 };
+
+// A whole decimal number from `min` to `max`, else false.
+bool parseBounded(const std::string& text, long long min, long long max, long long* value) {
+    char* end = nullptr;
+    errno = 0;
+    *value = std::strtoll(text.c_str(), &end, 10);
+    return !text.empty() && *end == '\0' && errno == 0 && *value >= min && *value <= max;
+}
 
 // Written to by the signal handlers, read by the event loop.
 int stopPipe[2] = {-1, -1};
@@ -99,12 +115,14 @@ int parseOptions(int argc, char** argv, Options* options) {
             std::fputs(" " CONFIGSRVC_VERSION "\n", stdout);
             return 0;
         }
-        std::string* target = word == "--model"         ? &options->model
-                              : word == "--state"       ? &options->state
-                              : word == "--endpoint"    ? &options->endpoint
-                              : word == "--log"         ? &options->log
-                              : word == "--check-model" ? &options->checkModel
-                                                        : nullptr;
+        std::string* target = word == "--model"              ? &options->model
+                              : word == "--state"            ? &options->state
+                              : word == "--endpoint"         ? &options->endpoint
+                              : word == "--log"              ? &options->log
+                              : word == "--check-model"      ? &options->checkModel
+                              : word == "--callback-timeout" ? &options->callbackTimeout
+                              : word == "--retain-changes"   ? &options->retainChanges
+                                                             : nullptr;
         if (target == nullptr) {
             return usageError("unknown option '" + word + "'");
         }
@@ -122,6 +140,20 @@ int parseOptions(int argc, char** argv, Options* options) {
     }
     if (!parseLogTarget(options->log, &options->logTarget)) {
         return usageError("--log takes auto, device or stderr, not '" + options->log + "'");
+    }
+    long long number = 0;
+    if (!options->callbackTimeout.empty()) {
+        if (!parseBounded(options->callbackTimeout, 1, kMaxCallbackDeadlineMs, &number)) {
+            return usageError("--callback-timeout takes 1 to " +
+                              std::to_string(kMaxCallbackDeadlineMs) + " milliseconds");
+        }
+        options->callbacks.deadlineMs = static_cast<int>(number);
+    }
+    if (!options->retainChanges.empty()) {
+        if (!parseBounded(options->retainChanges, 1, kMaxRetainedChanges, &number)) {
+            return usageError("--retain-changes takes 1 to " + std::to_string(kMaxRetainedChanges));
+        }
+        options->callbacks.retainedChanges = static_cast<size_t>(number);
     }
     if (options->model.empty() || options->state.empty()) {
         return usageError("--model and --state are required");
@@ -278,7 +310,10 @@ int main(int argc, char** argv) {
         return fail(error);
     }
     logWarnings(warnings);
-    Server server(serving->service(), serving->state(), serving->committer(), options.endpoint);
+    CallbackSettings callbacks = options.callbacks;
+    callbacks.lastCommit = serving->lastCommit();
+    Server server(serving->service(), serving->state(), serving->committer(), options.endpoint,
+                  callbacks);
     if (!server.open(&error)) {
         return fail(error);
     }

@@ -172,11 +172,28 @@ MSG_EXPORT int MSG_TakeClosed(const char* localName, uint32_t* addresses, int ma
     pthread_mutex_lock(&ep->lock);
     int count = ep->gone_count < max ? ep->gone_count : max;
     memcpy(addresses, ep->gone, (size_t)count * sizeof addresses[0]);
-    memmove(ep->gone, ep->gone + count,
-            (size_t)(ep->gone_count - count) * sizeof ep->gone[0]);
+    memmove(ep->gone, ep->gone + count, (size_t)(ep->gone_count - count) * sizeof ep->gone[0]);
     ep->gone_count -= count;
     pthread_mutex_unlock(&ep->lock);
     msg_endpoint_put(ep);
     *taken = count;
     return MSG_OK;
+}
+
+MSG_EXPORT int MSG_CloseConnection(const char* localName, uint32_t remoteAddress) {
+    struct msg_endpoint* ep;
+    int status = msg_endpoint_lookup(localName, &ep);
+    if (status != MSG_OK) {
+        return status;
+    }
+    pthread_mutex_lock(&ep->lock);
+    struct msg_conn* conn = ep->closed ? NULL : msg_conn_find(ep, remoteAddress);
+    if (conn) {
+        msg_conn_drop(ep, conn);
+    } else {
+        status = MSG_ERR_NO_ROUTE;
+    }
+    pthread_mutex_unlock(&ep->lock);
+    msg_endpoint_put(ep);
+    return status;
 }

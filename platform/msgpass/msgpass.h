@@ -252,6 +252,13 @@ int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
  * The descriptor stays owned by the library and is closed with the endpoint. */
 int MSG_GetPollFd(const char* localName);
 
+/* Closes connection `remoteAddress` of `localName` from this end, as the library does with a peer
+ * that breaks the rules: what waits in its send queue is dropped, the peer sees the connection
+ * end, and the address is noted for MSG_TakeClosed. For a service that must stop serving one
+ * client (one that fell too far behind, say). MSG_ERR_NO_ROUTE for an address that names no
+ * open connection. */
+int MSG_CloseConnection(const char* localName, uint32_t remoteAddress);
+
 /* Most addresses of closed connections an endpoint keeps for MSG_TakeClosed. */
 #define MSG_MAX_CLOSED_NOTED 256
 

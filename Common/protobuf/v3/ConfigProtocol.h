@@ -24,6 +24,7 @@ constexpr char kServiceEndpoint[] = CONFIG_SERVICE_ENDPOINT;
 
 #define CONFIG_PROTOCOL_CONSTANT(type, id) constexpr uint32_t k##type##MsgId = id;
 CONFIG_PROTOCOL_MESSAGES(CONFIG_PROTOCOL_CONSTANT)
+CONFIG_WATCH_MESSAGES(CONFIG_PROTOCOL_CONSTANT)
 #undef CONFIG_PROTOCOL_CONSTANT
 
 // Every message type with its id, in the order of the list.
@@ -33,11 +34,19 @@ struct MessageType {
 };
 #define CONFIG_PROTOCOL_ENTRY(type, id) {#type, id},
 constexpr MessageType kMessageTypes[] = {CONFIG_PROTOCOL_MESSAGES(CONFIG_PROTOCOL_ENTRY)};
+// The same for the extension of configwatch.proto (package ConfigWatch).
+constexpr MessageType kWatchMessageTypes[] = {CONFIG_WATCH_MESSAGES(CONFIG_PROTOCOL_ENTRY)};
 #undef CONFIG_PROTOCOL_ENTRY
 
-// The id of the message type called `name` ("ReadRsp"), or 0 when the protocol has none.
+// The id of the message type called `name` ("ReadRsp"), in either list, or 0 when the protocol
+// has none.
 inline uint32_t messageIdOf(const std::string& name) {
     for (const MessageType& type : kMessageTypes) {
+        if (name == type.name) {
+            return type.id;
+        }
+    }
+    for (const MessageType& type : kWatchMessageTypes) {
         if (name == type.name) {
             return type.id;
         }
@@ -48,6 +57,11 @@ inline uint32_t messageIdOf(const std::string& name) {
 // The name of the message type of id `msgId`, or null when the protocol has none.
 inline const char* messageNameOf(uint32_t msgId) {
     for (const MessageType& type : kMessageTypes) {
+        if (type.id == msgId) {
+            return type.name;
+        }
+    }
+    for (const MessageType& type : kWatchMessageTypes) {
         if (type.id == msgId) {
             return type.name;
         }

@@ -77,10 +77,20 @@
     X(AccessLevelChangedNtfy, 0x001A1036u)          \
     X(SubmitNtfy, 0x001A1037u)
 
+/* CONFIG_WATCH_MESSAGES(X): the same for configwatch.proto, the service's own extension for
+ * watching changes without a gap (sequence numbers, resuming after a reconnect). Its ids are
+ * 0x001A2000 plus the place in this list, and are fixed as well. */
+#define CONFIG_WATCH_MESSAGES(X)      \
+    X(CommitMarkNtfy, 0x001A2001u)    \
+    X(WatchResumeReq, 0x001A2002u)    \
+    X(WatchResumeRsp, 0x001A2003u)    \
+    X(ResyncNtfy, 0x001A2004u)
+
 /* For C: enumerators kReadReqMsgId, kReadRspMsgId, ... */
 #ifndef __cplusplus
 #define CONFIG_PROTOCOL_ENUMERATOR(type, id) k##type##MsgId = id,
 enum { CONFIG_PROTOCOL_MESSAGES(CONFIG_PROTOCOL_ENUMERATOR) };
+enum { CONFIG_WATCH_MESSAGES(CONFIG_PROTOCOL_ENUMERATOR) };
 #undef CONFIG_PROTOCOL_ENUMERATOR
 #endif
 
