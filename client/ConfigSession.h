@@ -81,6 +81,9 @@ class ConfigSession {
     Status connect(const std::string& clientName, int timeoutMs,
                    const std::string& serviceName = ConfigProtocol::kServiceEndpoint);
     bool connected() const { return address_ != 0; }
+    // The local endpoint's name (that of connect()), and the connection's libmsgpass address.
+    const std::string& name() const { return name_; }
+    uint32_t address() const { return address_; }
 
     // Sends `request` under `requestId` and waits up to `timeoutMs` for the message of
     // `responseId`, parsed into *response. kBadAnswer leaves *response partly filled.

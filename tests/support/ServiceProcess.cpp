@@ -40,10 +40,9 @@ std::string ServiceProcess::endpointPath() const {
 
 bool ServiceProcess::start(std::string* error) {
     stop(SIGKILL);
-    process_ = std::make_unique<Background>(
-        kConfigsrvcBin,
-        std::vector<std::string>{"configsrvc", "--model", model, "--state", state()}, Environment{},
-        logPath());
+    std::vector<std::string> argv{"configsrvc", "--model", model, "--state", state()};
+    argv.insert(argv.end(), options.begin(), options.end());
+    process_ = std::make_unique<Background>(kConfigsrvcBin, argv, Environment{}, logPath());
     const std::string probe = "probe-" + std::to_string(getpid());
     const bool up = process_->waitUntil(
         [&] {
@@ -71,6 +70,10 @@ bool ServiceProcess::waitForOutput(const std::string& text, int times, int timeo
         return count >= times;
     };
     return process_ && process_->waitUntil(seen, timeoutMs);
+}
+
+pid_t ServiceProcess::pid() const {
+    return process_ ? process_->pid : -1;
 }
 
 int ServiceProcess::stop(int signal) {

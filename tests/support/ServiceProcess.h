@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Process.h"
 #include "TempDir.h"
@@ -55,6 +56,9 @@ class ServiceProcess {
     std::string endpointPath() const;
 
     std::string model = kExampleModel;
+    std::vector<std::string> options;  // further options of configsrvc
+    // The service's process id while it runs, else -1.
+    pid_t pid() const;
 
   private:
     TempDir dir_;
