@@ -137,8 +137,9 @@ int runExport(Service& service, const Output& output, const std::string& file) {
         }
     }
     const int written = writeFileDurably(file, text);
-    if (written == 0 && output.json) {
-        printJson({{"file", file == "-" ? "(standard output)" : file}, {"values", count}});
+    // Exported to standard output, the lines are the output.
+    if (written == 0 && output.json && file != "-") {
+        printJson({{"file", file}, {"values", count}});
     }
     return written;
 }

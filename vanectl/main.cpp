@@ -236,7 +236,7 @@ int main(int argc, char** argv) {
                    "vanectl-PID)");
     app.add_option("--timeout", request.timeoutMs,
                    "Milliseconds to wait for the service to accept and for each answer")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1, 3600000))
         ->default_val(10000);
     defineCommands(app, request);
     try {
