@@ -104,7 +104,7 @@ class VanectlSessions : public testing::TestWithParam<size_t> {
 
 // Each row runs a command and gives its exit status, standard output and standard error;
 // "(file NAME) | CONTENT" writes a file into the session's folder first, "(stop)" stops the
-// service.
+// service, "(pause)" and "(resume)" hold it (SIGSTOP) and let it go on.
 TEST_P(VanectlSessions, PrintAndEndAsListed) {
     for (const CaseRow& row : sessions()[GetParam()].body) {
         SCOPED_TRACE(row.where);
@@ -113,6 +113,8 @@ TEST_P(VanectlSessions, PrintAndEndAsListed) {
             ASSERT_TRUE(testsupport::writeFile(service_.root() + "/" + name, row[1]));
         } else if (row[0] == "(stop)") {
             ASSERT_EQ(service_.stop(SIGINT), 0) << service_.output();
+        } else if (row[0] == "(pause)" || row[0] == "(resume)") {
+            ASSERT_TRUE(service_.signal(row[0] == "(pause)" ? SIGSTOP : SIGCONT));
         } else {
             check(row);
         }
