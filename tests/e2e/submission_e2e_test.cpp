@@ -1,5 +1,6 @@
-// Submissions and bare commands through the client library against the real configsrvc: all or
-// nothing across SIGKILL, clients that overlap or go away, commands from users who may not.
+// Submissions, profiles and bare commands through the client library against the real configsrvc:
+// all or nothing across SIGKILL, clients that overlap or go away, profiles where the service keeps
+// them, commands from users who may not.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +18,9 @@
 namespace {
 
 using namespace CommonIF;
+using testsupport::readFile;
 using testsupport::ServiceClient;
+using testsupport::writeFile;
 using Session = configclient::ConfigSession;
 
 constexpr int kInterfaces = 3;  // of the example model
@@ -102,6 +105,21 @@ TEST_F(Submissions, ReloadEndsTheOpenOnes) {
     EXPECT_TRUE(service_.waitForOutput("ended unapplied: the model was reloaded"));
     EXPECT_EQ(reloaded.submit("network", ConfigIF::kSubmitEnd), kErrBadState);
     EXPECT_EQ(reloaded.value(mtuOf(1)), "1500");
+}
+
+// Profiles are files of the state folder's profiles/: one edited to hold a value the model refuses
+// applies nothing, and the service logs why.
+TEST_F(Submissions, ProfilesAreFilesOfTheStateFolder) {
+    ServiceClient client("profiles");
+    ASSERT_EQ(client.write(mtuOf(2), {"1400"}), kErrNoError);
+    ASSERT_EQ(client.call("CreateProfile", kAdmin, "file_location: 'saved'"), kErrNoError);
+    const std::string file = service_.state() + "/profiles/saved", text = readFile(file);
+    ASSERT_NE(text.find("\"1400\""), std::string::npos) << text;
+    ASSERT_TRUE(writeFile(file, testsupport::replaced(text, "\"1400\"", "\"9001\"")));
+    ASSERT_EQ(client.write(mtuOf(1), {"1300"}), kErrNoError);
+    EXPECT_EQ(client.call("ApplyProfile", kAdmin, "file_location: 'saved'"), kErrBadParameter);
+    EXPECT_EQ(client.values({mtuOf(1), mtuOf(2)}), (Values{"1300", "1400"}));
+    EXPECT_TRUE(service_.waitForOutput("above the maximum 9000"));
 }
 
 // A bare command from a user who may not claim every role changes nothing; from root it does.

@@ -18,7 +18,7 @@ class ComponentTest : public ConfigServiceTest {
         const Answer answer =
             ask("ComponentChange", role,
                 "component_name: '" + component + "' detach: " + (detach ? "true" : "false"));
-        return {errorOf(*answer.message), !answer.changes.empty()};
+        return {testsupport::errorOf(*answer.message), !answer.changes.empty()};
     }
 
     // The error of each request that names something inside the video component.
@@ -47,6 +47,7 @@ TEST_F(ComponentTest, DetachedOneAnswersNotEnabledKeepsItsValuesAndComesBackAtta
     std::vector<eErrorType> expected(7, kNotEnabled);
     expected[2] = kErrNoError;  // audio/volume, beside it in the batch
     EXPECT_EQ(errorsInside(), expected);
+    EXPECT_EQ(read(kResolution).ShortDebugString(), "error: kNotEnabled") << "no value leaks";
     EXPECT_THAT(write(kResolution, {"1"}).error_message(),
                 testing::ElementsAre("the component 'video' is detached"));
     ASSERT_TRUE(reopen()) << error_;

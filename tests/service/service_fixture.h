@@ -90,20 +90,7 @@ class ConfigServiceTest : public testing::Test {
     // The error of the request's answer: the response's field `error`, or its ret_message's.
     eErrorType error(const std::string& type, eSecurityRole role, const std::string& fields,
                      const Sender& sender = Sender{kService}) {
-        return errorOf(*ask(type, role, fields, sender).message);
-    }
-
-    static eErrorType errorOf(const google::protobuf::Message& response) {
-        const google::protobuf::FieldDescriptor* field =
-            response.GetDescriptor()->FindFieldByName("error");
-        if (field == nullptr) {
-            const google::protobuf::FieldDescriptor* ret =
-                response.GetDescriptor()->FindFieldByName("ret_message");
-            EXPECT_NE(ret, nullptr) << response.GetTypeName() << " tells no error";
-            return ret == nullptr ? kErrGenericError
-                                  : errorOf(response.GetReflection()->GetMessage(response, ret));
-        }
-        return static_cast<eErrorType>(response.GetReflection()->GetEnumValue(response, field));
+        return testsupport::errorOf(*ask(type, role, fields, sender).message);
     }
 
     ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {

@@ -106,4 +106,16 @@ std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
     return message;
 }
 
+CommonIF::eErrorType errorOf(const google::protobuf::Message& response) {
+    const google::protobuf::Descriptor* type = response.GetDescriptor();
+    if (const google::protobuf::FieldDescriptor* error = type->FindFieldByName("error")) {
+        return static_cast<CommonIF::eErrorType>(
+            response.GetReflection()->GetEnumValue(response, error));
+    }
+    const google::protobuf::FieldDescriptor* ret = type->FindFieldByName("ret_message");
+    EXPECT_NE(ret, nullptr) << response.GetTypeName() << " tells no error";
+    return ret == nullptr ? CommonIF::kErrGenericError
+                          : errorOf(response.GetReflection()->GetMessage(response, ret));
+}
+
 }  // namespace testsupport

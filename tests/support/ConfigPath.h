@@ -36,6 +36,10 @@ std::string expandText(const std::string& text);
 std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
                                                      const std::string& text);
 
+// The error a response carries: its field `error`, or its ret_message's (a test failure when it
+// has neither).
+CommonIF::eErrorType errorOf(const google::protobuf::Message& response);
+
 }  // namespace testsupport
 
 #endif  // TESTS_SUPPORT_CONFIGPATH_H

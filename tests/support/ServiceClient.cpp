@@ -20,6 +20,19 @@ CommonIF::eErrorType ServiceClient::write(const std::string& path,
     return answered ? answer.ret_message().error() : CommonIF::kErrGenericError;
 }
 
+CommonIF::eErrorType ServiceClient::call(const std::string& type, CommonIF::eSecurityRole role,
+                                         const std::string& fields) {
+    const auto request = messageOf(
+        type + "Req", "name: 'test' role: " + CommonIF::eSecurityRole_Name(role) + " " + fields);
+    const auto response = messageOf(type + "Rsp", "");
+    const uint32_t id = ConfigProtocol::messageIdOf(type + "Req");
+    const bool answered = request && response &&
+                          session.call(id, *request, ConfigProtocol::responseIdOf(id),
+                                       response.get(), kAnswerMs) == ConfigSession::kOk;
+    EXPECT_TRUE(answered) << type << " " << fields;
+    return answered ? errorOf(*response) : CommonIF::kErrGenericError;
+}
+
 CommonIF::eErrorType ServiceClient::submit(const std::string& path, ConfigIF::SubmitType type,
                                            CommonIF::eSecurityRole role) {
     ConfigIF::SubmitRsp answer;

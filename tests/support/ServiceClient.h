@@ -28,6 +28,10 @@ class ServiceClient {
     // The error of the answer, or kErrGenericError when none came (a test failure).
     CommonIF::eErrorType write(const std::string& path, const std::vector<std::string>& values,
                                CommonIF::eSecurityRole role = CommonIF::kAdmin);
+    // The request of type `type` ("CreateProfile") claiming `role`, its other fields in protocol
+    // buffer text (messageOf).
+    CommonIF::eErrorType call(const std::string& type, CommonIF::eSecurityRole role,
+                              const std::string& fields);
     CommonIF::eErrorType submit(const std::string& path, ConfigIF::SubmitType type,
                                 CommonIF::eSecurityRole role = CommonIF::kAdmin);
     // Each path's single value, read in one batch, or else the name of the item's error
