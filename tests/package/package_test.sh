@@ -47,10 +47,11 @@ packages=("$debs"/*.deb)
 if [[ ! -d $base ]]; then
     echo "package test: making a Debian 12 minbase root in $base (once)"
     rm -rf "$base.partial"
-    # Debian 12 as it boots: minbase and systemd, which also brings the unit's targets.
-    if ! debootstrap --variant=minbase --include=systemd bookworm "$base.partial" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" \
+    # Debian 12 as it boots: minbase and systemd, which also brings the unit's targets. In a
+    # mount namespace of its own, so that what it mounts in the root goes with it, also on failure.
+    if ! unshare --mount --propagation private -- debootstrap --variant=minbase --include=systemd \
+        bookworm "$base.partial" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" \
         >"$work/debootstrap.log" 2>&1; then
-        umount -R "$base.partial/proc" 2>/dev/null || true
         skip "debootstrap could not make a Debian 12 root (no network?), see $work/debootstrap.log"
     fi
     root=$base.partial in_root apt-get update -qq >>"$work/debootstrap.log" 2>&1 ||
