@@ -10,10 +10,11 @@
 // Watching without a gap: resume() asks the service for commit marks. After the notifications
 // of every commit up to a number, the handler's committed() is called with it; a program that
 // must not lose or repeat a change across a crash records that number together with what it did
-// with the notifications before it. After a reconnect (a new session, its callbacks registered
-// again), resume() with that number has the service send every notification after it; when the
-// service no longer has them all, the handler's resyncNeeded() says so instead, and the program
-// reads the state afresh.
+// with the notifications before it. After a reconnect (a new session), resume() with that number
+// and then registering the callbacks again has the service send every notification after it;
+// when the service no longer has them all, the handler's resyncNeeded() says so instead, and the
+// program reads the state afresh. Resume before registering: what a registration was sent before
+// the resume would come again.
 //
 // Calls made on the session while callback requests wait (a validator that reads, say) are
 // fine: other messages are kept for dispatch(), in order. A validator must not change what it is
@@ -24,6 +25,8 @@
 #ifndef CLIENT_CALLBACKDISPATCHER_H
 #define CLIENT_CALLBACKDISPATCHER_H
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -105,25 +108,44 @@ class CallbackDispatcher {
     int pollFd() const { return MSG_GetPollFd(session_->name().c_str()); }
 
     // Handles every message waiting, waiting up to `timeoutMs` for the first (0: only what is
-    // there). The number handled, or -1 when the connection to the service is gone.
+    // there; negative: until one comes). The number handled, or -1 when none came and the
+    // connection to the service is gone.
     int dispatch(int timeoutMs) {
+        const auto start = std::chrono::steady_clock::now();
         int handled = 0;
-        for (MSG_Msg* message; (message = MSG_RecvAny(session_->name().c_str(),
-                                                      handled == 0 ? timeoutMs : 0)) != nullptr;
-             ++handled) {
-            handle(message);
-            MSG_ReleaseMsg(message);
+        for (;;) {
+            // In slices: a receive of any message does not end when the service goes away.
+            const long long waited = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now() - start)
+                                         .count();
+            const long long left = timeoutMs < 0 ? kSliceMs : std::max(0LL, timeoutMs - waited);
+            MSG_Msg* message =
+                MSG_RecvAny(session_->name().c_str(),
+                            handled > 0 ? 0 : static_cast<int>(std::min(left, kSliceMs)));
+            if (message != nullptr) {
+                handle(message);
+                MSG_ReleaseMsg(message);
+                ++handled;
+                continue;
+            }
+            if (handled > 0) {
+                return handled;
+            }
+            if (!stillConnected()) {
+                return -1;
+            }
+            if (timeoutMs >= 0 && left <= kSliceMs) {
+                return 0;
+            }
         }
-        if (handled == 0 && !stillConnected()) {
-            return -1;
-        }
-        return handled;
     }
 
     // The commit number of the last mark handed over; 0 before the first.
     uint64_t lastCommit() const { return lastCommit_; }
 
   private:
+    static constexpr long long kSliceMs = 200;
+
     template <typename Message>
     static bool parse(MSG_Msg* handle, Message* message) {
         return ConfigProtocol::decodeMessage(handle, message);

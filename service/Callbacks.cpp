@@ -102,4 +102,10 @@ bool Callbacks::holds(uint32_t connection, ConfigIF::CallbackType type) const {
                        });
 }
 
+bool Callbacks::holdsAny(uint32_t connection) const {
+    return std::any_of(
+        registrations_.begin(), registrations_.end(),
+        [&](const Registration& existing) { return existing.connection == connection; });
+}
+
 }  // namespace configsrvc

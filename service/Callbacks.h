@@ -78,6 +78,8 @@ class Callbacks {
     bool any(ConfigIF::CallbackType type) const;
     // Whether `connection` holds a registration of `type`.
     bool holds(uint32_t connection, ConfigIF::CallbackType type) const;
+    // Whether `connection` holds any registration.
+    bool holdsAny(uint32_t connection) const;
 
   private:
     std::vector<Registration> registrations_;  // in registration order

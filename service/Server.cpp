@@ -198,7 +198,13 @@ void Server::serve(uint32_t id, const MSG_Sender& sender, const void* payload, s
         return;
     }
     Answer answer;
-    const Sender from{sender.uid, sender.address, &submissions_, &callbacks_, log_.end()};
+    // A connection that resumed registers from its resume point on, so that its registrations
+    // are sent what it missed; any other from the changes still to come.
+    auto subscriber = subscribers_.find(sender.address);
+    const uint64_t firstChange = subscriber != subscribers_.end() && subscriber->second.marks
+                                     ? subscriber->second.cursor
+                                     : log_.end();
+    const Sender from{sender.uid, sender.address, &submissions_, &callbacks_, firstChange};
     if (id == ConfigProtocol::kBatchReadReqMsgId &&
         service_->answerBatchReadFromWire(payload, bytes, from, &encoded_, &answer)) {
         sendEncoded(sender.address, answer.msgId, encoded_);

@@ -468,7 +468,9 @@ void Server::pump(uint32_t address, Subscriber* subscriber) {
             sendEncoded(address, held.msgId, held.encoded);
             subscriber->answers.pop_front();
         }
-        if (subscriber->cursor >= log_.end()) {
+        // Without registrations it waits where it is: a connection that resumed registers
+        // next, and its registrations are to see what it missed.
+        if (subscriber->cursor >= log_.end() || !callbacks_.holdsAny(address)) {
             break;
         }
         if (subscriber->cursor < log_.begin()) {

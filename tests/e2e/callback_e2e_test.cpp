@@ -7,9 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -234,6 +237,178 @@ TEST_F(Callbacks, RegistrationsGoWithTheirConnection) {
     EXPECT_EQ(write(session_.get(), "refused").error(), kErrBadParameter);
     validator->stop(SIGKILL);
     EXPECT_EQ(write(session_.get(), "accepted").error(), kErrNoError);
+}
+
+// Writes `count` distinct values to system/location from `threads` connections at once (their
+// commits share syncs); each value says its thread and its number there: "PREFIX-T-I".
+void writeMany(int count, int threads, const std::string& prefix) {
+    std::vector<std::thread> writers;
+    for (int t = 0; t < threads; ++t) {
+        writers.emplace_back([=] {
+            ConfigSession session;
+            ASSERT_EQ(session.connect(prefix + "-writer-" + std::to_string(t), kAnswerMs),
+                      ConfigSession::kOk);
+            for (int i = t; i < count; i += threads) {
+                ConfigIF::WriteRsp response;
+                ASSERT_EQ(
+                    session.write(testsupport::writeRequest(kLocation,
+                                                            {prefix + "-" + std::to_string(t) +
+                                                             "-" + std::to_string(i / threads)},
+                                                            kAdmin),
+                                  &response, kAnswerMs),
+                    ConfigSession::kOk);
+                ASSERT_EQ(response.ret_message().error(), kErrNoError);
+            }
+        });
+    }
+    for (std::thread& writer : writers) {
+        writer.join();
+    }
+}
+
+// Whether `seen` ("v system.location VALUE" lines) holds the `count` values of writeMany() with
+// `prefix` exactly once each, every thread's in its order.
+::testing::AssertionResult holdsEveryWriteOnceInOrder(const std::vector<std::string>& seen,
+                                                      const std::string& prefix, int count,
+                                                      int threads) {
+    std::map<int, int> next;  // thread -> its next number
+    int matched = 0;
+    const std::string head = "v system.location " + prefix + "-";
+    for (const std::string& line : seen) {
+        if (line.rfind(head, 0) != 0) {
+            continue;
+        }
+        int thread = -1;
+        int number = -1;
+        std::sscanf(line.c_str() + head.size(), "%d-%d", &thread, &number);
+        if (number != next[thread]) {
+            return ::testing::AssertionFailure()
+                   << "thread " << thread << ": got " << number << ", expected " << next[thread];
+        }
+        ++next[thread];
+        ++matched;
+    }
+    if (matched != count) {
+        return ::testing::AssertionFailure() << matched << " of " << count << " writes seen";
+    }
+    (void)threads;
+    return ::testing::AssertionSuccess();
+}
+
+// Waits until `subscriber` has printed `count` values of writeMany() with `prefix`.
+bool seesAll(Background* subscriber, const std::string& prefix, int count) {
+    return subscriber->waitUntil(
+        [&] {
+            return linesOf(subscriber->log(), "v system.location " + prefix + "-").size() >=
+                   static_cast<size_t>(count);
+        },
+        20000);
+}
+
+long residentKiB(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return -1;
+}
+
+// A subscriber that reads nothing (stopped) costs the others nothing and the service less than
+// 1 MiB while 10,000 commits pass it by; once it reads again it gets every one of them, in order.
+TEST_F(Callbacks, ASubscriberFarBehindCostsNothingAndGetsEverything) {
+    constexpr int kBehind = 10000;
+    // The log reaches its bound first: from then on what it keeps no longer grows.
+    service_.stop(SIGKILL);
+    service_.options = {"--retain-changes", std::to_string(kBehind + 2000)};
+    ASSERT_TRUE(service_.start(&error_)) << error_;
+    auto slow = client("watch", "slow", "system.location");
+    auto other = client("watch", "other", "system.location");
+    writeMany(kBehind + 2000, 8, "warm");
+    ASSERT_TRUE(other->waitForLog("warm-7-1499")) << "the warm-up did not reach the subscribers";
+    ASSERT_EQ(kill(slow->pid, SIGSTOP), 0);
+    const long before = residentKiB(service_.pid());
+    writeMany(kBehind, 8, "behind");
+    const long after = residentKiB(service_.pid());
+    EXPECT_LT(after - before, 1024) << before << " KiB before, " << after << " KiB after";
+    EXPECT_TRUE(seesAll(other.get(), "behind", kBehind));
+    EXPECT_TRUE(holdsEveryWriteOnceInOrder(linesOf(other->log(), "v "), "behind", kBehind, 8));
+    ASSERT_EQ(kill(slow->pid, SIGCONT), 0);
+    EXPECT_TRUE(seesAll(slow.get(), "behind", kBehind));
+    EXPECT_TRUE(holdsEveryWriteOnceInOrder(linesOf(slow->log(), "v "), "behind", kBehind, 8));
+}
+
+// A subscriber that falls behind what the log keeps is disconnected, with a line naming it,
+// never left with a gap it cannot see.
+TEST_F(Callbacks, ASubscriberBeyondTheLogIsDisconnectedNotSkipped) {
+    service_.stop(SIGKILL);
+    service_.options = {"--retain-changes", "100"};
+    ASSERT_TRUE(service_.start(&error_)) << error_;
+    session_ = connect("writer");
+    auto slow = client("watch", "slow", "system.location");
+    ASSERT_EQ(kill(slow->pid, SIGSTOP), 0);
+    // Long values, so that what the connection holds fills well before 4,000 are written.
+    const std::string padding(200, 'p');
+    for (int i = 0; i < 4000 && service_.output().find("fell more than") == std::string::npos;
+         ++i) {
+        ASSERT_EQ(write(session_.get(), padding + std::to_string(i)).error(), kErrNoError);
+    }
+    EXPECT_TRUE(service_.waitForOutput("fell more than 100 notifications behind: disconnected"));
+    ASSERT_EQ(kill(slow->pid, SIGCONT), 0);
+    const long long resumed = testsupport::monotonicNs();
+    while (slow->running() && testsupport::msSince(resumed) < 5000) {
+        usleep(10000);
+    }
+    EXPECT_FALSE(slow->running()) << "it reads the end of its connection, and stops";
+    // What it got before is a run without gaps, from the first write on.
+    const std::vector<std::string> seen = linesOf(slow->log(), "v ");
+    for (size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_EQ(seen[i], "v system.location " + padding + std::to_string(i));
+    }
+}
+
+// A subscriber killed and restarted 1,000 times under a stream of writes, resuming each time
+// after the last commit it recorded: in the end it recorded every write once, in order.
+TEST_F(Callbacks, ASubscriberKilledAThousandTimesResumesWithoutGapsOrRepeats) {
+    constexpr int kCycles = 1000;
+    const std::string file = service_.root() + "/seen";
+    auto first = client("resume", "resumer", "system.location", file);
+    std::atomic<bool> stop{false};
+    std::atomic<int> written{0};
+    std::thread writer([&] {
+        ConfigSession session;
+        ASSERT_EQ(session.connect("stream", kAnswerMs), ConfigSession::kOk);
+        while (!stop) {
+            ConfigIF::WriteRsp response;
+            ASSERT_EQ(session.write(testsupport::writeRequest(
+                                        kLocation, {"s-0-" + std::to_string(written)}, kAdmin),
+                                    &response, kAnswerMs),
+                      ConfigSession::kOk);
+            ASSERT_EQ(response.ret_message().error(), kErrNoError);
+            ++written;
+        }
+    });
+    ASSERT_TRUE(first->waitUntil(
+        [&] { return testsupport::readFile(file).find("mark") != std::string::npos; }));
+    first->stop(SIGKILL);
+    std::mt19937 random(20261123);
+    for (int cycle = 0; cycle < kCycles && !HasFailure(); ++cycle) {
+        Background subscriber(WATCH_CLIENT_BIN,
+                              {"watch_client", "resume", "resumer", "system.location", file});
+        usleep(random() % 4000);
+        subscriber.stop(SIGKILL);
+    }
+    stop = true;
+    writer.join();
+    EXPECT_GT(written, kCycles / 10) << "too few writes to tell anything";
+    const std::string last = "v system.location s-0-" + std::to_string(written - 1);
+    auto final = client("resume", "resumer", "system.location", file);
+    EXPECT_TRUE(final->waitUntil(
+        [&] { return testsupport::readFile(file).find(last) != std::string::npos; }, 10000));
+    EXPECT_EQ(final->log().find("resync"), std::string::npos);
+    EXPECT_TRUE(
+        holdsEveryWriteOnceInOrder(linesOf(testsupport::readFile(file), "v "), "s", written, 1));
 }
 
 }  // namespace

@@ -152,6 +152,19 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot connect\n");
         return 2;
     }
+    Client client(mode, name, &session, file);
+    configclient::CallbackDispatcher dispatcher(&session, &client);
+    if (mode == "resume") {
+        const uint64_t after = lastMark(file);
+        CommonIF::eErrorType error = CommonIF::kErrNoError;
+        uint64_t sequence = 0;
+        if (dispatcher.resume(name, CommonIF::kAdmin, after != 0 ? &after : nullptr, 5000, &error,
+                              &sequence) != ConfigSession::kOk ||
+            error != CommonIF::kErrNoError) {
+            std::fprintf(stderr, "cannot resume\n");
+            return 2;
+        }
+    }
     ConfigIF::RegisterClientCallbackReq request;
     request.set_name(name);
     request.set_role(CommonIF::kAdmin);
@@ -166,19 +179,6 @@ int main(int argc, char** argv) {
         registered.error() != CommonIF::kErrNoError) {
         std::fprintf(stderr, "cannot register: %d\n", static_cast<int>(registered.error()));
         return 2;
-    }
-    Client client(mode, name, &session, file);
-    configclient::CallbackDispatcher dispatcher(&session, &client);
-    if (mode == "resume") {
-        const uint64_t after = lastMark(file);
-        CommonIF::eErrorType error = CommonIF::kErrNoError;
-        uint64_t sequence = 0;
-        if (dispatcher.resume(name, CommonIF::kAdmin, after != 0 ? &after : nullptr, 5000, &error,
-                              &sequence) != ConfigSession::kOk ||
-            error != CommonIF::kErrNoError) {
-            std::fprintf(stderr, "cannot resume\n");
-            return 2;
-        }
     }
     std::printf("ready\n");
     std::fflush(stdout);
