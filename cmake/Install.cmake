@@ -34,6 +34,8 @@ endfunction()
 # header, the link name and the pkg-config file into <name>-dev; the target into the export set
 # <name>Targets (see install_cmake_package).
 function(install_shared_library target pc_template)
+    # It finds the project's libraries it needs beside itself, as the programs do.
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
     install(TARGETS ${target} EXPORT ${target}Targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
             COMPONENT ${target}-runtime NAMELINK_COMPONENT ${target}-dev

@@ -44,13 +44,16 @@ setvane_package(configclient-dev libconfigclient-dev libdevel
     "client library of the device configuration service: development files and schema")
 setvane_package(setvane setvane admin "libmsgpass1 ${exact}"
     "read or write one variable of the device configuration service")
+setvane_package(vanectl vanectl admin "libconfigclient1 ${exact}, libmsgpass1 ${exact}"
+    "administer the device configuration service")
 # deb-systemd-helper, which the maintainer scripts call, is in init-system-helpers; the unit
 # reloads the model with /bin/kill, which is in procps.
 setvane_package(configsrvc configsrvc admin
     "libmsgpass1 ${exact}, init-system-helpers (>= 1.54~), procps"
     "device configuration service")
-set(CPACK_DEBIAN_CONFIGSRVC_PACKAGE_RECOMMENDS "setvane")
-set(CPACK_DEBIAN_SETVANE_PACKAGE_RECOMMENDS "bash-completion")
+set(CPACK_DEBIAN_CONFIGSRVC_PACKAGE_RECOMMENDS "setvane, vanectl")
+set(CPACK_DEBIAN_SETVANE_PACKAGE_RECOMMENDS "bash-completion, vanectl")
+set(CPACK_DEBIAN_VANECTL_PACKAGE_RECOMMENDS "bash-completion")
 
 # The service is enabled and started on installation, stopped on removal, as Debian does for
 # every service: the scripts are the ones debhelper writes for a unit.

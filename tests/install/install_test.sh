@@ -29,7 +29,7 @@ source=$(sed -n "s/^setvane_SOURCE_DIR:[A-Z]*=//p" "$build/CMakeCache.txt")
 
 # --- every file where it belongs
 expected=(
-    bin/setvane sbin/configsrvc
+    bin/setvane bin/vanectl sbin/configsrvc
     "$libdir/libmsgpass.so.1" "$libdir/libmsgpass.so" "$libdir/libconfigclient.so.1"
     "$libdir/libconfigclient.so" "$libdir/liblogmsg.a" "$libdir/libconfigif_proto.a"
     include/msgpass.h include/logmsg.h include/ConfigSession.h
@@ -38,8 +38,9 @@ expected=(
     "$libdir/pkgconfig/msgpass.pc" "$libdir/pkgconfig/logmsg.pc" "$libdir/pkgconfig/configclient.pc"
     "$libdir/cmake/msgpass/msgpassConfig.cmake" "$libdir/cmake/logmsg/logmsgConfig.cmake"
     "$libdir/cmake/configclient/configclientConfig.cmake"
-    share/man/man1/setvane.1 share/man/man8/configsrvc.8 share/man/man5/configsrvc-model.5
-    share/bash-completion/completions/setvane share/bash-completion/completions/configsrvc
+    share/man/man1/setvane.1 share/man/man1/vanectl.1 share/man/man8/configsrvc.8
+    share/man/man5/configsrvc-model.5 share/bash-completion/completions/setvane
+    share/bash-completion/completions/vanectl share/bash-completion/completions/configsrvc
     etc/configsrvc/model.xml lib/systemd/system/configsrvc.service
     share/configsrvc/models/example-device.xml share/configsrvc/models/device-model.rng
 )
@@ -52,7 +53,7 @@ if grep -rlI -e "$build" -e "$source" "$prefix" >"$scratch/leaks"; then
 fi
 
 # --- the programs find their library beside them, not in the build tree
-for program in bin/setvane sbin/configsrvc; do
+for program in bin/setvane bin/vanectl sbin/configsrvc; do
     found=$(ldd "$prefix/$program" | sed -n 's/.*libmsgpass.so.1 => \([^ ]*\).*/\1/p')
     [[ $(realpath "$found") == $(realpath "$prefix/$libdir/libmsgpass.so.1") ]] ||
         fail "$program loads libmsgpass from '$found'"
@@ -82,6 +83,26 @@ for kind in pc cm; do
         fail "$kind logmsg_user wrote '$err'"
 done
 
+# Completion as bash runs it: the candidates for the last word of a command line.
+completions=$prefix/share/bash-completion/completions
+complete_words() { # PROGRAM WORD... : the completions of the last word
+    bash -c '
+        source /usr/share/bash-completion/bash_completion
+        source "$1/$2"
+        shift
+        COMP_WORDS=("${@:2}"); COMP_CWORD=$(($# - 2)); COMP_LINE="${*:2}"; COMP_POINT=${#COMP_LINE}
+        "_$1" "$1" "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
+        printf "%s\n" "${COMPREPLY[@]}" | sort | tr "\n" " "
+    ' _ "$completions" "$@"
+}
+check_completion() { # EXPECTED PROGRAM WORD...
+    local expected=$1
+    shift
+    local got
+    got=$(complete_words "$@")
+    [[ $got == "$expected" ]] || fail "completing '$*': '$got', expected '$expected'"
+}
+
 # --- the installed service, serving the installed model, answers the installed tool and library
 export MSGPASS_DIR=$scratch/ep
 mkdir -m 0755 "$MSGPASS_DIR"
@@ -104,6 +125,13 @@ done
 status=0
 "$setvane" system no-such-variable 2>/dev/null || status=$?
 [[ $status == 249 ]] || fail "unknown variable: status $status, not 249"
+[[ $("$prefix/bin/vanectl" get system.hostname) == installed-unit ]] || fail "vanectl get"
+
+# --- completion of path words, asked of the running service through the installed vanectl
+PATH=$prefix/bin:$PATH check_completion "1 2 3 address dhcp dns enabled gateway mtu netmask " \
+    setvane setvane network interface ""
+PATH=$prefix/bin:$PATH check_completion "mtu " setvane setvane -r kAdmin network interface 2 m
+PATH=$prefix/bin:$PATH check_completion "audio.microphone audio.mute " vanectl vanectl get audio.m
 kill -TERM "$service_pid"
 wait "$service_pid" || fail "configsrvc stopped with status $?"
 service_pid=
@@ -119,24 +147,6 @@ for page in "$prefix"/share/man/man*/*; do
 done
 
 # --- completion: role names, options, and files for the service's model
-completions=$prefix/share/bash-completion/completions
-complete_words() { # PROGRAM WORD... : the completions of the last word
-    bash -c '
-        source /usr/share/bash-completion/bash_completion
-        source "$1/$2"
-        shift
-        COMP_WORDS=("${@:2}"); COMP_CWORD=$(($# - 2)); COMP_LINE="${*:2}"; COMP_POINT=${#COMP_LINE}
-        "_$1" "$1" "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
-        printf "%s\n" "${COMPREPLY[@]}" | sort | tr "\n" " "
-    ' _ "$completions" "$@"
-}
-check_completion() { # EXPECTED PROGRAM WORD...
-    local expected=$1
-    shift
-    local got
-    got=$(complete_words "$@")
-    [[ $got == "$expected" ]] || fail "completing '$*': '$got', expected '$expected'"
-}
 check_completion "kStartup kSystem " setvane setvane -r kS
 check_completion "--read --role " setvane setvane --r
 check_completion "auto device stderr " configsrvc configsrvc --log ""

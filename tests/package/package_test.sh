@@ -119,7 +119,7 @@ if command -v systemd-analyze >/dev/null; then
         { cat "$work/verify.log"; fail "systemd-analyze verify $unit"; }
 fi
 
-# --- started as the unit starts it, the service answers the packaged tool
+# --- started as the unit starts it, the service answers the packaged tools
 in_root sh -c '
     mkdir -p -m 0755 /run/'"$(setting RuntimeDirectory)"'
     mkdir -p -m 0700 '"$state"'
@@ -134,6 +134,7 @@ in_root sh -c '
     [ "$(setvane system hostname)" = room-unit ]
     setvane system hostname -v packaged
     [ "$(setvane system hostname)" = packaged ]
+    [ "$(vanectl get system.hostname)" = packaged ]
     kill -TERM $service
     wait $service
 ' >"$work/service.log" 2>&1 || { cat "$work/service.log"; fail "the packaged service did not serve setvane"; }
