@@ -190,7 +190,11 @@ TEST_F(Callbacks, AHungValidatorHoldsOnlyItsChange) {
     auto validator = client("hang", "hung", "system.location");
     auto reader = connect("reader");
     ConfigIF::ReturnMessage result;
-    std::thread writer([&] { result = write(session_.get(), "held"); });
+    long long answered = 0;
+    std::thread writer([&] {
+        result = write(session_.get(), "held");
+        answered = testsupport::monotonicNs();
+    });
     ASSERT_TRUE(validator->waitForLog("asked held"));
     for (int i = 0; i < 20; ++i) {
         const long long start = testsupport::monotonicNs();
@@ -200,9 +204,9 @@ TEST_F(Callbacks, AHungValidatorHoldsOnlyItsChange) {
         EXPECT_LT(testsupport::msSince(start), 50);
     }
     const long long killed = testsupport::monotonicNs();
-    validator->stop(SIGKILL);
+    ASSERT_EQ(kill(validator->pid, SIGKILL), 0);
     writer.join();
-    EXPECT_LT(testsupport::msSince(killed), 50) << "the write waited on for a validator gone";
+    EXPECT_LT((answered - killed) / 1000000, 50) << "the write waited on for a validator gone";
     EXPECT_EQ(result.error(), kErrNoError);
     ConfigIF::ReadRsp response;
     ASSERT_EQ(reader->read(testsupport::readRequest(kLocation, kAdmin), &response, kAnswerMs),

@@ -63,9 +63,9 @@ TEST_F(ConfigServiceTest, RegistrationsAreCheckedAgainstTheModelTheRoleAndEachOt
     EXPECT_EQ(callbacks.all().size(), 3u);
     ConfigIF::UnregisterAllClientCallbacksReq all;  // the one request without a role
     all.set_name("test");
-    EXPECT_EQ(errorOf(*ask(ConfigProtocol::kUnregisterAllClientCallbacksReqMsgId,
-                           all.SerializeAsString(), sender)
-                           .message),
+    EXPECT_EQ(testsupport::errorOf(*ask(ConfigProtocol::kUnregisterAllClientCallbacksReqMsgId,
+                                        all.SerializeAsString(), sender)
+                                        .message),
               kErrNoError);
     EXPECT_TRUE(callbacks.all().empty());
     // The bound is per connection: another connection may still register.
