@@ -120,10 +120,16 @@ if command -v systemd-analyze >/dev/null; then
 fi
 
 # --- started as the unit starts it, the service answers the packaged tools
+# As far as the unit's sandbox can be had without systemd: no capabilities, no new privileges, a
+# network namespace of its own, the unit's umask.
+[[ $(setting CapabilityBoundingSet) == "" && $(setting PrivateNetwork) == yes ]] ||
+    fail "the unit's sandbox changed: make the start below do as it does"
+sandbox="unshare --net -- setpriv --no-new-privs --bounding-set=-all --inh-caps=-all --"
 in_root sh -c '
     mkdir -p -m 0755 /run/'"$(setting RuntimeDirectory)"'
     mkdir -p -m 0700 '"$state"'
-    '"${exec_start[*]}"' 2>/tmp/service.log &
+    umask '"$(setting UMask)"'
+    '"$sandbox ${exec_start[*]}"' 2>/tmp/service.log &
     service=$!
     i=0
     until [ -S /run/msgpass/ConfigSrvc ]; do
@@ -135,6 +141,8 @@ in_root sh -c '
     setvane system hostname -v packaged
     [ "$(setvane system hostname)" = packaged ]
     [ "$(vanectl get system.hostname)" = packaged ]
+    # Any user reads what kUser may read.
+    [ "$(setpriv --reuid=65534 --regid=65534 --clear-groups setvane system hostname)" = packaged ]
     kill -TERM $service
     wait $service
 ' >"$work/service.log" 2>&1 || { cat "$work/service.log"; fail "the packaged service did not serve setvane"; }
