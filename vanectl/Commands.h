@@ -23,6 +23,10 @@ int runDescribe(Service& service, const Output& output, const std::string& path)
 int runList(Service& service, const Output& output, const std::string& path);
 int runTree(Service& service, const Output& output, const std::string& path);
 
+// One line (or JSON document) per changed value under `path` until SIGINT or SIGTERM (then 0), or
+// until the service goes (kTransportStatus).
+int runWatch(Service& service, const Output& output, const std::string& path);
+
 // Changing one thing.
 int runSet(Service& service, const Output& output, const std::string& path,
            const std::vector<std::string>& values);

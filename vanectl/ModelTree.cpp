@@ -46,8 +46,8 @@ std::string labelOf(const ConfigIF::Inst& inst) {
     return last.instance() == 0 ? last.name() : last.name() + "." + std::to_string(last.instance());
 }
 
-// Asks for the element `nodeName`: a failed exchange is reported and returned, the service's
-// refusal is left in *error unreported.
+}  // namespace
+
 int fetchElement(Service& service, const std::string& nodeName, const std::string& subject,
                  ModelElement* element, int* error) {
     ConfigIF::GetAttributeReq request;
@@ -65,6 +65,8 @@ int fetchElement(Service& service, const std::string& nodeName, const std::strin
     }
     return 0;
 }
+
+namespace {
 
 class TreeWalk {
   public:

@@ -27,6 +27,10 @@ struct ModelElement {
 // naming `subject`.
 int describeElement(Service& service, const std::string& nodeName, const std::string& subject,
                     ModelElement* element);
+// The same, quiet about the service's refusal: a failed exchange is reported and returned, the
+// service's error is left in *error.
+int fetchElement(Service& service, const std::string& nodeName, const std::string& subject,
+                 ModelElement* element, int* error);
 
 // One line of a walk over the tree: a node instance or a variable instance, in model order,
 // parents before children.

@@ -26,8 +26,8 @@ const char kFooter[] =
     "Paths: the words of a setvane command line joined by '.', e.g. network.interface.2.dns; a\n"
     "node without a number is its instance 1, and \".\" is the whole tree.\n"
     "\n"
-    "Roles: reading claims kUser, changing kAdmin, export and import kAdmin, component kSystem,\n"
-    "unless --role says otherwise.\n"
+    "Roles: reading and watching claim kUser, changing kAdmin, export and import kAdmin,\n"
+    "component kSystem, unless --role says otherwise.\n"
     "\n"
     "Exit status: 0 success; 1 usage errors and no connection to the service; 255 no answer;\n"
     "otherwise the service's error code as setvane ends with it (249 kErrItemNotFound, 248\n"
@@ -152,6 +152,10 @@ void defineCommands(CLI::App& app, Request& request) {
                               "readable value to its default, all in one submission"),
                    request, "The exported file, or - for standard input",
                    "Check every change and report each problem; change nothing");
+    addCommand(app, "watch",
+               "Print a line (PATH VALUE..., as list writes them) for every change of a value "
+               "under PATH as it happens, until interrupted")
+        ->add_option("PATH", request.path, "What to watch (default: the whole tree)");
     CLI::App* levels = addCommand(
         app, "levels", "Show the read and write levels of a variable instance, or set them");
     levels->add_option("PATH", request.path, kPathHelp)->required();
@@ -205,6 +209,9 @@ int dispatch(const std::string& command, Service& service, const Request& reques
     }
     if (command == "import") {
         return vanectl::runImport(service, output, request.file, request.dryRun);
+    }
+    if (command == "watch") {
+        return vanectl::runWatch(service, output, request.path);
     }
     if (command == "levels") {
         return vanectl::runLevels(service, output, request.path, read, write);

@@ -4,6 +4,9 @@
 
 #include <csignal>
 
+#include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -98,13 +101,64 @@ class VanectlSessions : public testing::TestWithParam<size_t> {
         EXPECT_EQ(outcome.err, expand(row[3]));
     }
 
+    // Starts `vanectl WORDS` in the background as the watcher `name`, and returns once it sees
+    // changes: `probe` (a string variable it watches) is written until a change of it shows.
+    void startWatch(const std::string& name, const std::string& words, const std::string& probe) {
+        std::vector<std::string> argv = wordsOf(expand(words));
+        argv.insert(argv.begin(), VANECTL_BIN);
+        if (words.find("--json") != std::string::npos) {
+            json_.insert(name);
+        }
+        auto& watcher = watchers_[name];
+        watcher = std::make_unique<testsupport::Background>(
+            VANECTL_BIN, argv, testsupport::Environment{}, service_.root() + "/" + name);
+        for (int attempt = 1; attempt <= 50; ++attempt) {
+            const std::string value = "probe-" + std::to_string(attempt);
+            ASSERT_EQ(run("set " + probe + " " + value).status, 0);
+            if (watcher->waitForLog(value, 100)) {
+                return;
+            }
+        }
+        FAIL() << "the watcher never saw a change: " << watcher->log();
+    }
+
+    // Ends the watcher `name` as a user does (SIGINT) once it printed `expected` (the probes left
+    // out), or waits for it to end by itself when `byItself`; then checks what it printed.
+    void endWatch(const std::string& name, const CaseRow& row, bool byItself) {
+        testsupport::Background& watcher = *watchers_.at(name);
+        const std::string expected = expand(row[2]);
+        const auto printed = [&] {
+            std::string lines;
+            for (const std::string& line : testsupport::split(watcher.log(), "\n")) {
+                const bool probe = line.find("probe-") != std::string::npos;
+                lines += probe || line.empty() ? "" : line + "\n";
+            }
+            return lines;
+        };
+        if (byItself) {
+            watcher.waitUntil([] { return false; });
+        } else {
+            watcher.waitUntil([&] { return printed().size() >= expected.size(); });
+        }
+        EXPECT_EQ(std::to_string(watcher.stop(SIGINT)), row[1]);
+        if (json_.count(name) != 0) {
+            EXPECT_EQ(documentsOf(printed()), documentsOf(expected)) << printed();
+        } else {
+            EXPECT_EQ(printed(), expected);
+        }
+    }
+
     testsupport::ServiceProcess service_;
     std::string error_;
+    std::map<std::string, std::unique_ptr<testsupport::Background>> watchers_;
+    std::set<std::string> json_;  // the watchers that print JSON
 };
 
 // Each row runs a command and gives its exit status, standard output and standard error;
 // "(file NAME) | CONTENT" writes a file into the session's folder first, "(stop)" stops the
-// service, "(pause)" and "(resume)" hold it (SIGSTOP) and let it go on.
+// service, "(pause)" and "(resume)" hold it (SIGSTOP) and let it go on. "(watch NAME) WORDS |
+// PROBE" starts a watcher; "(end NAME)" interrupts it and "(gone NAME)" waits for its end, each
+// with its status and everything it printed (both streams, its probes left out).
 TEST_P(VanectlSessions, PrintAndEndAsListed) {
     for (const CaseRow& row : sessions()[GetParam()].body) {
         SCOPED_TRACE(row.where);
@@ -113,6 +167,12 @@ TEST_P(VanectlSessions, PrintAndEndAsListed) {
             ASSERT_TRUE(testsupport::writeFile(service_.root() + "/" + name, row[1]));
         } else if (row[0] == "(stop)") {
             ASSERT_EQ(service_.stop(SIGINT), 0) << service_.output();
+        } else if (row[0].rfind("(watch ", 0) == 0) {
+            const size_t close = row[0].find(')');
+            startWatch(row[0].substr(7, close - 7), row[0].substr(close + 2), row[1]);
+        } else if (row[0].rfind("(end ", 0) == 0 || row[0].rfind("(gone ", 0) == 0) {
+            const bool gone = row[0][1] == 'g';
+            endWatch(row[0].substr(gone ? 6 : 5, row[0].size() - (gone ? 7 : 6)), row, gone);
         } else if (row[0] == "(pause)" || row[0] == "(resume)") {
             ASSERT_TRUE(service_.signal(row[0] == "(pause)" ? SIGSTOP : SIGCONT));
         } else {
@@ -128,8 +188,9 @@ INSTANTIATE_TEST_SUITE_P(File, VanectlSessions, testing::Range(size_t{0}, sessio
 
 // Every subcommand explains itself, and help is not an error.
 TEST(VanectlHelp, EverySubcommandHasItsOwnHelp) {
-    for (const char* command : {"get", "set", "validate", "reset", "describe", "list", "tree",
-                                "apply", "export", "import", "levels", "options", "component"}) {
+    for (const char* command :
+         {"get", "set", "validate", "reset", "describe", "list", "tree", "watch", "apply", "export",
+          "import", "levels", "options", "component"}) {
         SCOPED_TRACE(command);
         const Outcome help = testsupport::runProgram(VANECTL_BIN, {"vanectl", command, "--help"});
         EXPECT_EQ(help.status, 0);
