@@ -157,8 +157,9 @@ class VanectlSessions : public testing::TestWithParam<size_t> {
 // Each row runs a command and gives its exit status, standard output and standard error;
 // "(file NAME) | CONTENT" writes a file into the session's folder first, "(stop)" stops the
 // service, "(pause)" and "(resume)" hold it (SIGSTOP) and let it go on. "(watch NAME) WORDS |
-// PROBE" starts a watcher; "(end NAME)" interrupts it and "(gone NAME)" waits for its end, each
-// with its status and everything it printed (both streams, its probes left out).
+// PROBE" starts a watcher; "(log) | TEXT" waits for TEXT in the service's log; "(end NAME)"
+// interrupts it and "(gone NAME)" waits for its end, each with its status and everything it printed
+// (both streams, its probes left out).
 TEST_P(VanectlSessions, PrintAndEndAsListed) {
     for (const CaseRow& row : sessions()[GetParam()].body) {
         SCOPED_TRACE(row.where);
@@ -173,6 +174,8 @@ TEST_P(VanectlSessions, PrintAndEndAsListed) {
         } else if (row[0].rfind("(end ", 0) == 0 || row[0].rfind("(gone ", 0) == 0) {
             const bool gone = row[0][1] == 'g';
             endWatch(row[0].substr(gone ? 6 : 5, row[0].size() - (gone ? 7 : 6)), row, gone);
+        } else if (row[0] == "(log)") {
+            EXPECT_TRUE(service_.waitForOutput(row[1])) << service_.output();
         } else if (row[0] == "(pause)" || row[0] == "(resume)") {
             ASSERT_TRUE(service_.signal(row[0] == "(pause)" ? SIGSTOP : SIGCONT));
         } else {
