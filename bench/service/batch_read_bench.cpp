@@ -20,6 +20,7 @@
 
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "ConfigSession.h"
+#include "bench_options.h"
 #include "service_runner.h"
 
 namespace {
@@ -181,33 +182,16 @@ Round measureRound(ConfigSession* session, const Requests& requests, int repeats
     return round;
 }
 
-bool parse(int argc, char** argv, Settings* settings) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string option = argv[i];
-        const bool hasValue = i + 1 < argc;
-        if (option == "--check") {
-            settings->check = true;
-        } else if (option == "--rounds" && hasValue) {
-            settings->rounds = std::max(1, std::atoi(argv[++i]));
-        } else if (option == "--repeats" && hasValue) {
-            settings->repeats = std::max(1, std::atoi(argv[++i]));
-        } else if (option == "--dir" && hasValue) {
-            settings->dir = argv[++i];
-        } else {
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     Settings settings;
-    if (!parse(argc, argv, &settings)) {
-        std::fprintf(stderr,
-                     "usage: configsrvc_batch_bench [--rounds N] [--repeats R] [--dir DIR] "
-                     "[--check]\n");
+    servicebench::BenchOptions options("configsrvc_batch_bench");
+    options.add("--rounds", "N", &settings.rounds, 1);
+    options.add("--repeats", "R", &settings.repeats, 1);
+    options.add("--dir", "DIR", &settings.dir);
+    options.addFlag("--check", &settings.check);
+    if (!options.parseOrExplain(argc, argv)) {
         return 2;
     }
     const servicebench::ScratchDir dir(settings.dir);

@@ -20,6 +20,7 @@
 
 #include "Common/protobuf/v3/configservice.pb.h"
 #include "ConfigSession.h"
+#include "bench_options.h"
 #include "service_runner.h"
 
 namespace {
@@ -171,15 +172,12 @@ Result measure(int clients, bool writes, double seconds) {
 
 int main(int argc, char** argv) {
     Settings settings;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string option = argv[i];
-        if (option == "--rounds") {
-            settings.rounds = std::max(1, std::atoi(argv[i + 1]));
-        } else if (option == "--seconds") {
-            settings.seconds = std::max(0.1, std::atof(argv[i + 1]));
-        } else if (option == "--dir") {
-            settings.dir = argv[i + 1];
-        }
+    servicebench::BenchOptions options("configsrvc_bench");
+    options.add("--rounds", "N", &settings.rounds, 1);
+    options.add("--seconds", "S", &settings.seconds, 0.1);
+    options.add("--dir", "DIR", &settings.dir);
+    if (!options.parseOrExplain(argc, argv)) {
+        return 2;
     }
     const servicebench::ScratchDir dir(settings.dir);
 
