@@ -6,7 +6,6 @@
 // The service's state and the fsync probe both live under DIR (default: a fresh folder in
 // /tmp). The one-client runs pin the service and this program to CPU 0, so the latency measured
 // is the service's and not the scheduler's.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,28 +42,6 @@ double percentile(std::vector<double>& sorted, double p) {
     }
     size_t index = static_cast<size_t>(p * static_cast<double>(sorted.size() - 1));
     return sorted[index];
-}
-
-// Median time of writing a small block and fdatasync-ing it, in milliseconds.
-double fsyncCostMs(const std::string& dir, int samples) {
-    std::string path = dir + "/fsync-probe";
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) {
-        return -1;
-    }
-    char block[512] = {};
-    std::vector<double> times;
-    for (int i = 0; i < samples; ++i) {
-        auto start = Clock::now();
-        if (pwrite(fd, block, sizeof block, (i % 64) * 512) < 0 || fdatasync(fd) != 0) {
-            close(fd);
-            return -1;
-        }
-        times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-    }
-    close(fd);
-    unlink(path.c_str());
-    return median(times);
 }
 
 // One request/response on `session`; false on any failure or error answer.
@@ -181,7 +158,7 @@ int main(int argc, char** argv) {
     }
     const servicebench::ScratchDir dir(settings.dir);
 
-    double fsyncMs = fsyncCostMs(dir.path(), 200);
+    double fsyncMs = servicebench::fsyncCostMs(dir.path(), 200);
     std::printf("fsync (512 bytes + fdatasync) on %s: median %.3f ms\n\n", dir.path().c_str(),
                 fsyncMs);
     std::printf("%-6s %-8s %12s %9s %9s %9s   (%d rounds of %.1f s; median rate)\n", "op",

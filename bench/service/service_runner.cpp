@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -101,6 +102,29 @@ double median(std::vector<double> values) {
     }
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];
+}
+
+double fsyncCostMs(const std::string& dir, int samples) {
+    std::string path = dir + "/fsync-probe";
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) {
+        return -1;
+    }
+    char block[512] = {};
+    std::vector<double> times;
+    for (int i = 0; i < samples; ++i) {
+        auto start = std::chrono::steady_clock::now();
+        if (pwrite(fd, block, sizeof block, (i % 64) * 512) < 0 || fdatasync(fd) != 0) {
+            close(fd);
+            return -1;
+        }
+        times.push_back(
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                .count());
+    }
+    close(fd);
+    unlink(path.c_str());
+    return median(times);
 }
 
 }  // namespace servicebench

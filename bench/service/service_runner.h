@@ -1,5 +1,6 @@
 // What the configsrvc benchmarks share: a scratch folder for the service's state and endpoints,
-// starting and stopping the real configsrvc with the example model, CPU pinning and medians.
+// starting and stopping the real configsrvc with the example model, CPU pinning, medians and
+// the cost of one fsync.
 #ifndef BENCH_SERVICE_SERVICE_RUNNER_H
 #define BENCH_SERVICE_SERVICE_RUNNER_H
 
@@ -43,6 +44,10 @@ void pinToCpu0();
 void unpin();
 
 double median(std::vector<double> values);
+
+// The median time, in milliseconds, of writing 512 bytes to a file in `dir` and fdatasync-ing
+// it, over `samples`: the floor of a durable write there. -1 when the file cannot be written.
+double fsyncCostMs(const std::string& dir, int samples);
 
 }  // namespace servicebench
 
