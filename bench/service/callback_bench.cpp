@@ -58,7 +58,7 @@ constexpr double kTargetExtraMs = 0.2;  // validated write median over the plain
 struct Settings {
     int rounds = 5;
     double seconds = 0.5;
-    int writers = 4;
+    int writers = 8;
     int writes = 200;
     std::string dir;
     bool check = false;
@@ -369,7 +369,7 @@ bool deliveredExactly(const Writes& writes, const SubscriberReport* reports, int
     return ok;
 }
 
-FanOutRound fanOutRound(int subscribers, const Settings& settings, SubscriberReport* reports,
+FanOutRound fanOutRound(int subscribers, int writers, double seconds, SubscriberReport* reports,
                         Latencies* latencies) {
     FanOutRound round;
     const std::vector<pid_t> pids = startSubscribers(subscribers, reports);
@@ -379,12 +379,12 @@ FanOutRound fanOutRound(int subscribers, const Settings& settings, SubscriberRep
     }
     // Connected after the fork, so that no subscriber holds a copy of a writer's connection.
     std::vector<std::unique_ptr<ConfigSession>> sessions;
-    for (int w = 0; w < settings.writers; ++w) {
+    for (int w = 0; w < writers; ++w) {
         sessions.push_back(connected("writer" + std::to_string(w)));
     }
     Writes writes;
     if (std::all_of(sessions.begin(), sessions.end(), [](const auto& s) { return s != nullptr; })) {
-        writes = writeFor(sessions, settings.seconds);
+        writes = writeFor(sessions, seconds);
     } else {
         writes.failed = 1;
         for (const auto& session : sessions) {
@@ -418,7 +418,9 @@ struct FanOut {
 
 FanOut fanOut(int subscribers, const Settings& settings, const std::string& state,
               SubscriberReport* reports) {
+    // One subscriber is the latency line: one writer connection, and everything on CPU 0.
     const bool pinned = subscribers == 1;
+    const int writers = pinned ? 1 : settings.writers;
     FanOut result;
     const pid_t service = servicebench::startService(state, pinned);
     if (service < 0) {
@@ -433,7 +435,8 @@ FanOut fanOut(int subscribers, const Settings& settings, const std::string& stat
     std::vector<double> rates;
     Latencies latencies;
     for (int r = 0; r < settings.rounds && result.ok; ++r) {
-        const FanOutRound round = fanOutRound(subscribers, settings, reports, &latencies);
+        const FanOutRound round =
+            fanOutRound(subscribers, writers, settings.seconds, reports, &latencies);
         result.ok = round.ok;
         writeRates.push_back(round.writesPerSecond);
         rates.push_back(round.notificationsPerSecond);
@@ -443,8 +446,8 @@ FanOut fanOut(int subscribers, const Settings& settings, const std::string& stat
     result.notificationsPerSecond = servicebench::median(rates);
     result.p99FromSendMs = percentile(&latencies.fromSend, 0.99);
     result.p99FromAnswerMs = percentile(&latencies.fromAnswer, 0.99);
-    std::printf("%-11s %9.0f %15.0f %8.3f %8.3f %8.3f %8.3f %8.3f %8.3f\n",
-                (std::to_string(subscribers) + (pinned ? " CPU 0" : "")).c_str(),
+    std::printf("%-11d %-7s %9.0f %15.0f %8.3f %8.3f %8.3f %8.3f %8.3f %8.3f\n", subscribers,
+                (std::to_string(writers) + (pinned ? " CPU 0" : "")).c_str(),
                 servicebench::median(writeRates), result.notificationsPerSecond,
                 percentile(&latencies.writes, 0.5), percentile(&latencies.fromSend, 0.5),
                 result.p99FromSendMs, percentile(&latencies.fromAnswer, 0.5),
@@ -631,16 +634,16 @@ int main(int argc, char** argv) {
     std::printf("fsync (512 bytes + fdatasync) on %s: median %.3f ms\n\n", dir.path().c_str(),
                 servicebench::fsyncCostMs(dir.path(), 200));
     std::printf(
-        "fan-out: %s written by 1 process over %d connections, one write in flight on "
+        "fan-out: %s written by 1 process over 1 or %d connections, one write in flight on "
         "each; %d rounds of %.1f s; rates: median of the rounds\n",
         kVariable, settings.writers, settings.rounds, settings.seconds);
     std::printf(
         "delivery latency from the write's send (its durable commit included) and from "
         "its answer (sent once committed, just before the notifications)\n\n");
-    std::printf("%-11s %9s %15s %8s %17s %26s\n", "", "", "", "write", "from send ms",
+    std::printf("%-11s %-7s %9s %15s %8s %17s %26s\n", "", "", "", "", "write", "from send ms",
                 "from answer ms");
-    std::printf("%-11s %9s %15s %8s %8s %8s %8s %8s %8s\n", "subscribers", "writes/s",
-                "notifications/s", "p50 ms", "p50", "p99", "p50", "p90", "p99");
+    std::printf("%-11s %-7s %9s %15s %8s %8s %8s %8s %8s %8s\n", "subscribers", "writers",
+                "writes/s", "notifications/s", "p50 ms", "p50", "p99", "p50", "p90", "p99");
     bool ok = true;
     FanOut eight;
     for (int subscribers : {1, 8, kMaxSubscribers}) {
