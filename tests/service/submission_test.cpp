@@ -104,6 +104,10 @@ TEST_F(SubmissionTest, MisuseIsABadStateAndLeavesTheOpenSubmissionAsItWas) {
     EXPECT_EQ(start(a_, "audio"), kErrBadState) << "second start elsewhere";
     EXPECT_EQ(end(a_, "network/interface 1"), kErrBadState) << "end under another instance";
     EXPECT_EQ(end(b_), kErrBadState) << "end from another connection";
+    EXPECT_EQ(error("Write", kAdmin,
+                    "instance_val { instance { {{network/interface 2/mtu}} } value: '99999' }", a_),
+              kErrBadParameter)
+        << "a staged value is checked as it is written";
     EXPECT_EQ(readAs(a_, kMtu), Values{"1400"});
     EXPECT_EQ(end(a_), kErrNoError);
     EXPECT_EQ(readAs(b_, kMtu), Values{"1400"});
