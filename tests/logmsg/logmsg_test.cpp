@@ -39,57 +39,45 @@ ProbeRun runProbe(const std::vector<std::string>& args, bool device = true,
     return run;
 }
 
-// A case of the file: the probe's arguments, and each other key's rows joined.
-struct Case {
-    std::string name;
+const std::vector<CaseBlock>& cases() {
+    static const std::vector<CaseBlock> blocks = readCaseFile(LOGMSG_CASES_PATH).blocks;
+    return blocks;
+}
+
+class Logmsg : public ::testing::TestWithParam<size_t> {};
+
+// The case of logmsg_cases.txt numbered by the parameter: the probe's arguments from its "run"
+// rows, and each other key's rows joined.
+TEST_P(Logmsg, WritesExactlyTheseBytes) {
     std::vector<std::string> args;
     std::map<std::string, std::string> fields;
-};
-
-std::vector<Case> loadCases() {
-    std::vector<Case> cases;
-    for (const CaseBlock& block : readCaseFile(LOGMSG_CASES_PATH).blocks) {
-        Case c{block.head[0], {}, {}};
-        for (const CaseRow& row : block.body) {
-            if (row[0] == "run") {
-                c.args.insert(c.args.end(), row.fields.begin() + 1, row.fields.end());
-            } else if (std::string(" argv0 nodevice status device out err ")
-                           .find(" " + row[0] + " ") != std::string::npos) {
-                c.fields[row[0]] += row[1];
-            } else {
-                ADD_FAILURE() << row.where << ": unknown key '" << row[0] << "'";
-            }
+    for (const CaseRow& row : cases()[GetParam()].body) {
+        if (row[0] == "run") {
+            args.insert(args.end(), row.fields.begin() + 1, row.fields.end());
+        } else if (std::string(" argv0 nodevice status device out err ").find(" " + row[0] + " ") !=
+                   std::string::npos) {
+            fields[row[0]] += row[1];
+        } else {
+            ADD_FAILURE() << row.where << ": unknown key '" << row[0] << "'";
         }
-        cases.push_back(c);
     }
-    return cases;
-}
-
-void PrintTo(const Case& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class Logmsg : public ::testing::TestWithParam<Case> {};
-
-TEST_P(Logmsg, WritesExactlyTheseBytes) {
-    Case c = GetParam();
-    std::replace(c.args.begin(), c.args.end(), std::string("@loadable"),
+    std::replace(args.begin(), args.end(), std::string("@loadable"),
                  std::string(LOGMSG_LOADABLE_PATH));
-    const std::string argv0 = c.fields["argv0"];
-    const ProbeRun run = runProbe(c.args, c.fields.count("nodevice") == 0,
-                                  argv0.empty() ? "/probes/logmsg_probe" : argv0);
+    const ProbeRun run =
+        runProbe(args, fields.count("nodevice") == 0,
+                 fields["argv0"].empty() ? "/probes/logmsg_probe" : fields["argv0"]);
     if (run.outcome.status == 77) {
         GTEST_SKIP() << "the probe cannot do this in this build";
     }
-    EXPECT_EQ(run.outcome.status, std::atoi(c.fields["status"].c_str()));
-    EXPECT_EQ(run.device, c.fields["device"]);
-    EXPECT_EQ(run.outcome.out, c.fields["out"]);
-    EXPECT_EQ(run.outcome.err, c.fields["err"]);
+    EXPECT_EQ(run.outcome.status, std::atoi(fields["status"].c_str()));
+    EXPECT_EQ(run.device, fields["device"]);
+    EXPECT_EQ(run.outcome.out, fields["out"]);
+    EXPECT_EQ(run.outcome.err, fields["err"]);
 }
 
-INSTANTIATE_TEST_SUITE_P(Case, Logmsg, ::testing::ValuesIn(loadCases()),
-                         [](const ::testing::TestParamInfo<Case>& info) {
-                             return info.param.name;
+INSTANTIATE_TEST_SUITE_P(Case, Logmsg, ::testing::Range(size_t{0}, cases().size()),
+                         [](const ::testing::TestParamInfo<size_t>& info) {
+                             return cases()[info.param].head[0];
                          });
 
 // Records of equal length, so that each starts at a multiple of it.
