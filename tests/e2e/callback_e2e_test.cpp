@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "CallbackDispatcher.h"
 #include "ConfigPath.h"
 #include "ConfigSession.h"
 #include "ServiceProcess.h"
@@ -413,6 +414,38 @@ TEST_F(Callbacks, ASubscriberKilledAThousandTimesResumesWithoutGapsOrRepeats) {
     EXPECT_EQ(final->log().find("resync"), std::string::npos);
     EXPECT_TRUE(
         holdsEveryWriteOnceInOrder(linesOf(testsupport::readFile(file), "v "), "s", written, 1));
+}
+
+// A writer that also watches gets the notification of its own change before the answer to its
+// write: once the answer is in, the notification is there already.
+TEST_F(Callbacks, AWriterThatWatchesHearsOfItsChangeBeforeItsAnswer) {
+    struct Counter : configclient::CallbackHandler {
+        void configChanged(const ConfigIF::ConfigChangedNtfy& notice) override {
+            seen.push_back(notice.instance_val().value(0));
+        }
+        std::vector<std::string> seen;
+    } counter;
+    configclient::CallbackDispatcher dispatcher(session_.get(), &counter);
+    ConfigIF::RegisterClientCallbackReq request;
+    request.set_name("test");
+    request.set_role(kAdmin);
+    request.set_node_name("system.location");
+    request.set_type(ConfigIF::kChangeNotify);
+    request.set_user_context("mine");
+    ConfigIF::RegisterClientCallbackRsp registered;
+    ASSERT_EQ(session_->registerClientCallback(request, &registered, kAnswerMs),
+              ConfigSession::kOk);
+    ASSERT_EQ(registered.error(), kErrNoError);
+    for (int i = 0; i < 20; ++i) {
+        const std::string value = "own-" + std::to_string(i);
+        ASSERT_EQ(write(session_.get(), value).error(), kErrNoError);
+        EXPECT_EQ(dispatcher.dispatch(0), 1);
+        ASSERT_FALSE(counter.seen.empty());
+        EXPECT_EQ(counter.seen.back(), value);
+    }
+    // Writing what is stored already changes nothing, and tells nothing.
+    ASSERT_EQ(write(session_.get(), "own-19").error(), kErrNoError);
+    EXPECT_EQ(dispatcher.dispatch(50), 0);
 }
 
 }  // namespace
