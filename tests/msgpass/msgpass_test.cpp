@@ -289,6 +289,25 @@ TEST_F(MsgPassTest, ClosedConnectionsAreToldOnce) {
     EXPECT_EQ(taken, 0);
 }
 
+// A service that closes one connection itself: the peer sees it end, the address is told like
+// any other, and the endpoint's other connections go on.
+TEST_F(MsgPassTest, AServiceClosesOneConnection) {
+    connectPair();
+    uint32_t other = 0;
+    const int raw = rawPeer("server", &other);
+    EXPECT_EQ(MSG_CloseConnection("server", toClient_ + 1000), MSG_ERR_NO_ROUTE);
+    ASSERT_EQ(MSG_CloseConnection("server", toClient_), MSG_OK);
+    EXPECT_EQ(MSG_RecvMsg("client", 1, 1000), nullptr);  // at once: its only peer is gone
+    EXPECT_EQ(MSG_SendMsg("server", toClient_, makeMsg(2, "late")), MSG_ERR_NO_ROUTE);
+    uint32_t gone[4] = {};
+    int taken = 0;
+    ASSERT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_OK);
+    ASSERT_EQ(taken, 1);
+    EXPECT_EQ(gone[0], toClient_);
+    EXPECT_EQ(MSG_SendMsg("server", other, makeMsg(3, "still")), MSG_OK);
+    close(raw);
+}
+
 // Each wait gives up when its caller's time-out has passed: not sooner, and not much later.
 TEST_F(MsgPassTest, WaitsEndAtTheirTimeOut) {
     connectPair();
