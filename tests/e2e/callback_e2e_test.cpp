@@ -32,6 +32,13 @@ using namespace CommonIF;
 constexpr int kAnswerMs = 10000;
 constexpr int kDeadlineMs = 300;  // the service's callback deadline in these tests
 constexpr char kLocation[] = "system/location";
+// How soon a write is answered once the only validator it waits for is killed: 50 ms, and more
+// under the sanitizers, which make every step of the service several times slower.
+#ifdef __SANITIZE_ADDRESS__
+constexpr long kReleasedWithinMs = 250;
+#else
+constexpr long kReleasedWithinMs = 50;
+#endif
 
 std::vector<std::string> linesOf(const std::string& text, const std::string& prefix) {
     std::vector<std::string> lines;
@@ -207,7 +214,8 @@ TEST_F(Callbacks, AHungValidatorHoldsOnlyItsChange) {
     const long long killed = testsupport::monotonicNs();
     ASSERT_EQ(kill(validator->pid, SIGKILL), 0);
     writer.join();
-    EXPECT_LT((answered - killed) / 1000000, 50) << "the write waited on for a validator gone";
+    EXPECT_LT((answered - killed) / 1000000, kReleasedWithinMs)
+        << "the write waited on for a validator gone";
     EXPECT_EQ(result.error(), kErrNoError);
     ConfigIF::ReadRsp response;
     ASSERT_EQ(reader->read(testsupport::readRequest(kLocation, kAdmin), &response, kAnswerMs),
@@ -336,7 +344,13 @@ TEST_F(Callbacks, ASubscriberFarBehindCostsNothingAndGetsEverything) {
     const long before = residentKiB(service_.pid());
     writeMany(kBehind, 8, "behind");
     const long after = residentKiB(service_.pid());
+#ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(after - before, 1024) << before << " KiB before, " << after << " KiB after";
+#else
+    // The sanitizer's allocator holds freed memory back on purpose: its size says nothing here.
+    (void)before;
+    (void)after;
+#endif
     EXPECT_TRUE(seesAll(other.get(), "behind", kBehind));
     EXPECT_TRUE(holdsEveryWriteOnceInOrder(linesOf(other->log(), "v "), "behind", kBehind, 8));
     ASSERT_EQ(kill(slow->pid, SIGCONT), 0);
