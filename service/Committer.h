@@ -51,8 +51,12 @@ class Committer {
     // Commits what was submitted, then stops the thread. What it finished can still be taken.
     void stop();
 
-    // Queues a write; false when `maxPending` writes are in the pipeline already.
+    // Queues a write; false when `maxPending` writes are in the pipeline already. The committer
+    // takes queued writes once release() is called, so writes that arrive together (a round of
+    // requests) go to the disk together rather than the first one alone.
     bool submit(PendingWrite write);
+    // Lets the committer take what was queued.
+    void release();
     // Readable while finished writes wait to be taken.
     int readyFd() const { return readyFd_; }
     // Moves every finished write, in submission order, to the end of *finished.
@@ -68,6 +72,7 @@ class Committer {
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
+    bool released_ = false;  // release() was called since the committer last took writes
     size_t inPipeline_ = 0;  // queued + committing + finished but not taken
     std::deque<PendingWrite> queued_;
     std::vector<FinishedWrite> finished_;

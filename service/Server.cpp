@@ -371,6 +371,7 @@ void Server::serveFrom(const ConfigService& service, RecordState* state, Committ
 
 bool Server::drainWrites() {
     while (!waiting_.empty()) {
+        committer_->release();
         pollfd committed = {committer_->readyFd(), POLLIN, 0};
         if (poll(&committed, 1, -1) < 0 && errno != EINTR) {
             logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
@@ -423,6 +424,8 @@ bool Server::run(int stopFd, Pause* pause) {
         moreRequests = serveRequests();
         forgetClosedConnections();
         pumpAll();
+        // Whatever this round submitted goes to the disk together.
+        committer_->release();
     }
     logmsg_info(kLogModule, "stopping: answering the writes already submitted\n");
     committer_->stop();
