@@ -1,9 +1,10 @@
 // The client side of bench/service/compare_kv: N client processes that each make one request at
 // a time, for a fixed time, against configsrvc or a key-value server speaking the RESP protocol
-// over a Unix socket. Both are asked the same: read one value of PAYLOAD bytes, or write a new
-// one (every write differs from the one before, so each one must reach the disk).
+// over a Unix socket. Both are asked the same: read one value of PAYLOAD bytes, write a new one
+// (every write differs from the one before, so each one must reach the disk), or write the value
+// that is already there (same).
 //
-//   configsrvc_kv_client --target service|kv [--socket PATH] --op read|write --clients N
+//   configsrvc_kv_client --target service|kv [--socket PATH] --op read|write|same --clients N
 //                        --seconds S --payload B
 //
 // The service is found through $MSGPASS_DIR. Prints "RATE FAILURES": requests answered per
@@ -45,6 +46,7 @@ struct Settings {
     std::string target;
     std::string socket;
     bool writes = false;
+    bool same = false;  // every write stores the value already there
     int clients = 1;
     double seconds = 1;
     size_t payload = 32;
@@ -162,9 +164,11 @@ class Client {
     Tally run(Clock::time_point until) {
         Tally tally;
         for (long i = 0; Clock::now() < until; ++i) {
-            const bool ok = settings_.writes
-                                ? writeOnce(valueOf(client_, i, settings_.payload))
-                                : readOnce();
+            const bool ok =
+                settings_.writes
+                    ? writeOnce(settings_.same ? valueOf(0, 0, settings_.payload)
+                                               : valueOf(client_, i, settings_.payload))
+                    : readOnce();
             ++(ok ? tally.answered : tally.failed);
         }
         return tally;
@@ -188,7 +192,8 @@ bool parse(int argc, char** argv, Settings* settings) {
         } else if (option == "--socket") {
             settings->socket = value;
         } else if (option == "--op") {
-            settings->writes = std::strcmp(value, "write") == 0;
+            settings->writes = std::strcmp(value, "write") == 0 || std::strcmp(value, "same") == 0;
+            settings->same = std::strcmp(value, "same") == 0;
         } else if (option == "--clients") {
             settings->clients = std::atoi(value);
         } else if (option == "--seconds") {
@@ -210,7 +215,7 @@ int main(int argc, char** argv) {
     if (!parse(argc, argv, &settings)) {
         std::fprintf(stderr,
                      "usage: configsrvc_kv_client --target service|kv [--socket PATH] "
-                     "--op read|write --clients N --seconds S --payload B (B >= 16)\n");
+                     "--op read|write|same --clients N --seconds S --payload B (B >= 16)\n");
         return 2;
     }
     {
