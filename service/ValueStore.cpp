@@ -299,6 +299,7 @@ bool ValueStore::openCommitFile(std::string* error) {
         return false;
     }
     acknowledged_ = std::strtoull(text, nullptr, 10);
+    recorded_ = acknowledged_;
     return true;
 }
 
@@ -420,7 +421,6 @@ bool ValueStore::checkLog(std::string* error) {
         return false;
     }
     lastCommit_ = static_cast<uint64_t>(last);
-    recorded_ = acknowledged_;
     if (lastCommit_ >= acknowledged_) {
         return true;
     }

@@ -99,6 +99,13 @@ TEST_F(StoreStart, LogThatLostAcknowledgedCommitsIsRefusedAndKept) {
     ASSERT_EQ(client.read(testsupport::readRequest("system/location", kUser), &read, kAnswerMs),
               ConfigSession::kOk);
     EXPECT_THAT(read.value(), testing::ElementsAre("v39"));
+    // An operator who removes the database starts anew, and the count with it.
+    ASSERT_EQ(service_.stop(SIGTERM), 0);
+    std::filesystem::remove(file("values.db"));
+    for (int start = 0; start < 2; ++start) {
+        ASSERT_TRUE(service_.start(&error_)) << error_;
+        ASSERT_EQ(service_.stop(SIGTERM), 0);
+    }
 }
 
 // A sound database is never called damaged when the system is what stands in the way, and one
