@@ -92,7 +92,7 @@ void Committer::takeFinished(std::vector<FinishedWrite>* finished) {
 void Committer::run() {
     std::vector<PendingWrite> batch;
     std::vector<const StoredChange*> changes;
-    size_t expected = 0;                 // writes the next batch waits for
+    size_t expected = 0;                    // writes the next batch waits for
     std::chrono::microseconds patience{0};  // how long it waits for them at most
     for (;;) {
         {
@@ -105,8 +105,7 @@ void Committer::run() {
             // what is queued the moment it is there would split them from those already waiting
             // into two groups that take turns at the disk, each paying a sync for half of them;
             // a moment's wait for them keeps them one group and one sync.
-            wake_.wait_for(lock, patience,
-                           [&] { return stopping_ || queued_.size() >= expected; });
+            wake_.wait_for(lock, patience, [&] { return stopping_ || queued_.size() >= expected; });
             released_ = false;
             while (!queued_.empty() && batch.size() < kMaxBatch) {
                 batch.push_back(std::move(queued_.front()));

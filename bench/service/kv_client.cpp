@@ -164,11 +164,10 @@ class Client {
     Tally run(Clock::time_point until) {
         Tally tally;
         for (long i = 0; Clock::now() < until; ++i) {
-            const bool ok =
-                settings_.writes
-                    ? writeOnce(settings_.same ? valueOf(0, 0, settings_.payload)
-                                               : valueOf(client_, i, settings_.payload))
-                    : readOnce();
+            const bool ok = settings_.writes
+                                ? writeOnce(settings_.same ? valueOf(0, 0, settings_.payload)
+                                                           : valueOf(client_, i, settings_.payload))
+                                : readOnce();
             ++(ok ? tally.answered : tally.failed);
         }
         return tally;
@@ -204,8 +203,8 @@ bool parse(int argc, char** argv, Settings* settings) {
             return false;
         }
     }
-    return (settings->target == "service" || settings->target == "kv") &&
-           settings->clients > 0 && settings->seconds > 0 && settings->payload >= 16;
+    return (settings->target == "service" || settings->target == "kv") && settings->clients > 0 &&
+           settings->seconds > 0 && settings->payload >= 16;
 }
 
 }  // namespace
