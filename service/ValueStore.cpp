@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -208,6 +209,13 @@ constexpr char kSettingTable[] =
 constexpr char kOverrideTable[] =
     "CREATE TABLE override(kind INTEGER NOT NULL, key TEXT NOT NULL, value BLOB NOT NULL,"
     " checksum INTEGER NOT NULL DEFAULT 0, PRIMARY KEY(kind, key)) WITHOUT ROWID;";
+// Pages of 1 KiB: a commit appends each page it changed to the log, and the log is synced before
+// the commit is answered, so the fewer bytes a small change writes, the sooner it is durable.
+constexpr char kPageSize[] = "PRAGMA page_size=1024;";
+// What the log takes before the database carries it over (every 1000 pages, SQLite's default),
+// each page with its frame header, and the log's own header; a little more for the commit that
+// crosses the line.
+constexpr off_t kLogBytes = 32 + 1100 * (1024 + 24);
 constexpr char kCommitsTable[] =
     "CREATE TABLE commits(last INTEGER NOT NULL); INSERT INTO commits VALUES(0);";
 
@@ -253,6 +261,7 @@ bool ValueStore::open(const std::string& folder, const DeviceModel& model,
     // Everything was checked: from now on closing may carry the log into the database again.
     sqlite3_db_config(opened->db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
     opened->recordCommit();
+    opened->preallocateLog();
     *store = std::move(opened);
     return true;
 }
@@ -316,6 +325,35 @@ void ValueStore::recordCommit() {
     }
 }
 
+// Gives the log its full size at once, in blocks of zeros that are on disk; the database starts
+// it over from its beginning once it carried it over, and never shrinks it while it is open. A
+// commit then overwrites blocks the file already has, and its sync carries the commit's bytes
+// alone, not also the file's new size and blocks. Zeros after the log's last commit read as its
+// end. Best effort: a log that could not be grown grows commit by commit, as it would anyway.
+void ValueStore::preallocateLog() {
+    const std::string log = path_ + "-wal";
+    int fd = ::open(log.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        if (fd >= 0) {
+            close(fd);
+        }
+        return;
+    }
+    static const char kZeros[64 * 1024] = {};
+    bool written = true;
+    off_t size = info.st_size;
+    while (written && size < kLogBytes) {
+        const size_t chunk = static_cast<size_t>(std::min<off_t>(sizeof kZeros, kLogBytes - size));
+        written = pwrite(fd, kZeros, chunk, size) == static_cast<ssize_t>(chunk);
+        size += static_cast<off_t>(chunk);
+    }
+    if (size > info.st_size) {
+        fdatasync(fd);
+    }
+    close(fd);
+}
+
 bool ValueStore::exec(const char* sql, std::string* error) {
     return run(db_, sql, error);
 }
@@ -332,8 +370,8 @@ bool ValueStore::createDatabase(std::string* error) {
         unlink((fresh + suffix).c_str());  // what a crash while creating left
     }
     sqlite3* db = nullptr;
-    std::string sql = std::string("BEGIN;") + kSettingTable + kOverrideTable + kCommitsTable +
-                      "PRAGMA application_id=" + std::to_string(kApplicationId) +
+    std::string sql = std::string(kPageSize) + "BEGIN;" + kSettingTable + kOverrideTable +
+                      kCommitsTable + "PRAGMA application_id=" + std::to_string(kApplicationId) +
                       ";PRAGMA user_version=" + std::to_string(kFormatVersion) + ";COMMIT;";
     bool made = sqlite3_open_v2(fresh.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                                 nullptr) == SQLITE_OK &&
@@ -577,7 +615,8 @@ bool ValueStore::load(const DeviceModel& model, Records* records,
 }
 
 bool ValueStore::checkpoint(std::string* error) {
-    if (sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) !=
+    // RESTART, not TRUNCATE: the log keeps its blocks (see preallocateLog()).
+    if (sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr) !=
         SQLITE_OK) {
         *error = std::string("checkpoint: ") + sqlite3_errmsg(db_);
         return false;

@@ -64,7 +64,7 @@ class ValueStore {
     uint64_t lastCommit() const { return lastCommit_; }
 
     // Disk side: carries every committed change from the write-ahead log into the database
-    // file itself (which then holds everything on its own), and empties the log.
+    // file itself (which then holds everything on its own); the next commit starts the log over.
     bool checkpoint(std::string* error);
 
     const std::string& databasePath() const { return path_; }
@@ -77,6 +77,7 @@ class ValueStore {
     bool lockFolder(const std::string& folder, std::string* error);
     bool openCommitFile(std::string* error);
     void recordCommit();
+    void preallocateLog();
     bool createDatabase(std::string* error);
     bool openDatabase(std::string* error);
     bool checkExisting(long long* version, std::string* error);

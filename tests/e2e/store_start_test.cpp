@@ -27,6 +27,21 @@ using testsupport::writeFile;
 constexpr int kAnswerMs = 10000;
 const char* const kStateFiles[] = {"values.db", "values.db-wal", "values.commit"};
 
+// Where the last frame of a write-ahead log starts: frames follow the 32-byte header, each a
+// 24-byte header and a page, and belong to the log while they carry the salts of its header.
+size_t lastFrame(const std::string& wal) {
+    const auto byte = [&](size_t at) { return static_cast<size_t>(static_cast<uint8_t>(wal[at])); };
+    const size_t frameBytes = 24 + (byte(8) << 24 | byte(9) << 16 | byte(10) << 8 | byte(11));
+    size_t last = 0;
+    for (size_t at = 32; at + frameBytes <= wal.size(); at += frameBytes) {
+        if (wal.compare(at + 8, 8, wal, 16, 8) != 0) {
+            break;
+        }
+        last = at;
+    }
+    return last;
+}
+
 class StoreStart : public testing::Test {
   protected:
     std::string file(const char* name) const { return service_.state() + "/" + name; }
@@ -72,10 +87,11 @@ TEST_F(StoreStart, LogThatLostAcknowledgedCommitsIsRefusedAndKept) {
     writeThenKill(40);
     const std::string log = readFile(file("values.db-wal"));
     const std::string database = readFile(file("values.db"));
-    ASSERT_GT(log.size(), 4096u * 40);
+    const size_t last = lastFrame(log);
+    ASSERT_GT(last, 40u * 1024) << "fewer frames than the writes made";
     const std::pair<const char*, std::function<void(std::string*)>> damages[] = {
         {"a bit of the first commit", [](std::string* wal) { (*wal)[32 + 24 + 100] ^= 0x10; }},
-        {"a bit of the last commit", [](std::string* wal) { (*wal)[wal->size() - 100] ^= 1; }},
+        {"a bit of the last commit", [&](std::string* wal) { (*wal)[last + 24 + 200] ^= 1; }},
         {"a bit of the log's header", [](std::string* wal) { (*wal)[12] ^= 4; }},
     };
     const std::string reason = file("values.db") + " lost acknowledged changes";
@@ -99,9 +115,10 @@ TEST_F(StoreStart, LogThatLostAcknowledgedCommitsIsRefusedAndKept) {
     ASSERT_EQ(client.read(testsupport::readRequest("system/location", kUser), &read, kAnswerMs),
               ConfigSession::kOk);
     EXPECT_THAT(read.value(), testing::ElementsAre("v39"));
-    // An operator who removes the database starts anew, and the count with it.
+    // An operator who removes the database and its log starts anew, and the count with it.
     ASSERT_EQ(service_.stop(SIGTERM), 0);
     std::filesystem::remove(file("values.db"));
+    std::filesystem::remove(file("values.db-wal"));
     for (int start = 0; start < 2; ++start) {
         ASSERT_TRUE(service_.start(&error_)) << error_;
         ASSERT_EQ(service_.stop(SIGTERM), 0);
@@ -117,6 +134,11 @@ TEST_F(StoreStart, WhatTheSystemRefusesIsToldAsSuch) {
     writeThenKill(3);
     ASSERT_TRUE(service_.start(&error_)) << error_;
     ASSERT_EQ(service_.stop(SIGTERM), 0);
+    // A sound database alone, as a clean stop of an older service left it: SQLite must create
+    // its log and index beside it.
+    for (const char* log : {"values.db-wal", "values.db-shm"}) {
+        std::filesystem::remove(file(log));
+    }
     // The service as uid 65534, with a model it can read; `setup` runs first, as root.
     const std::string model = service_.root() + "/model.xml";
     ASSERT_TRUE(writeFile(model, readFile(testsupport::kExampleModel)));
@@ -134,7 +156,7 @@ TEST_F(StoreStart, WhatTheSystemRefusesIsToldAsSuch) {
          "cannot write " + db + " (owner uid 0, mode 0644; this service runs as uid 65534)"},
         // A disk with no room left: the database in a small memory disk that a file filled.
         {"chmod 755 " + state + " && chown -R 0 " + state + " && unshare --mount sh -c 'mount -t " +
-             "tmpfs -o size=256k none " + state + " && cp -a " + service_.root() + "/copy/. " +
+             "tmpfs -o size=1m none " + state + " && cp -a " + service_.root() + "/copy/. " +
              state + " && (cat /dev/zero > " + state + "/filler 2>/dev/null; " + program + ")'",
          "cannot examine " + db + ": no space left on the disk"},
     };

@@ -204,7 +204,6 @@ TEST_F(ConfigServiceTest, BareCommandsAreObeyedOnlyFromUidsThatMayClaimEveryRole
 TEST_F(ConfigServiceTest, CheckpointLeavesEverythingInTheDatabaseFile) {
     ASSERT_EQ(write(kMtu, {"1400"}).error(), kErrNoError);
     ASSERT_TRUE(store_->checkpoint(&error_)) << error_;
-    EXPECT_EQ(std::filesystem::file_size(database() + "-wal"), 0u);
     testsupport::TempDir copy{"configsrvc-checkpoint"};
     std::filesystem::copy_file(database(), copy.file("values.db"));
     std::unique_ptr<ValueStore> store;
