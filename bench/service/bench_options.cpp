@@ -7,6 +7,18 @@
 
 namespace servicebench {
 
+namespace {
+
+constexpr double kMostInt = 1e9;  // whole numbers beyond this are typing errors, not settings
+
+std::string shortNumber(double number) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.15g", number);
+    return text;
+}
+
+}  // namespace
+
 void BenchOptions::add(const char* name, const char* meta, int* target, int least) {
     options_.push_back({name, meta, Kind::kInt, target, static_cast<double>(least)});
 }
@@ -38,10 +50,12 @@ bool BenchOptions::store(const Option& option, const std::string& value,
         *problem = option.name + " takes a number, not '" + value + "'";
         return false;
     }
-    if (number < option.least || (option.kind == Kind::kInt && number > 1e9)) {
-        char least[32];
-        std::snprintf(least, sizeof least, "%g", option.least);
-        *problem = option.name + " takes at least " + least + ", not " + value;
+    if (number < option.least) {
+        *problem = option.name + " takes at least " + shortNumber(option.least) + ", not " + value;
+        return false;
+    }
+    if (option.kind == Kind::kInt && number > kMostInt) {
+        *problem = option.name + " takes at most " + shortNumber(kMostInt) + ", not " + value;
         return false;
     }
     if (option.kind == Kind::kInt) {
