@@ -22,7 +22,7 @@ const std::string& endpointPath() {
         char dir[] = "/tmp/fuzz-msgpass-XXXXXX";
         FUZZ_CHECK(mkdtemp(dir) != nullptr);
         setenv("MSGPASS_DIR", dir, 1);
-        FUZZ_CHECK(MSG_OpenLocal(kEndpoint) == MSG_OK);
+        FUZZ_CHECK(MSG_OpenService(kEndpoint) == MSG_OK);
         return new std::string(std::string(dir) + "/" + kEndpoint);
     }();
     return *path;

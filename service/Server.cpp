@@ -283,6 +283,17 @@ void Server::forgetConnection(uint32_t address) {
     }
 }
 
+bool Server::stillReachable() {
+    // The library puts a removed socket file back; when it cannot, no new client will ever
+    // find us, and a restart by the supervisor is the way back.
+    const int status = MSG_CheckPublished(endpoint_.c_str());
+    if (status != MSG_OK) {
+        logmsg_err(kLogModule, "the endpoint %s can no longer be reached: %s; stopping\n",
+                   endpoint_.c_str(), MSG_StatusText(status));
+    }
+    return status == MSG_OK;
+}
+
 void Server::endIdleSubmissions() {
     if (submissions_.open() == 0) {
         return;
@@ -426,6 +437,11 @@ bool Server::run(int stopFd, Pause* pause) {
         pumpAll();
         // Whatever this round submitted goes to the disk together.
         committer_->release();
+
+        if (!stillReachable()) {
+            healthy = false;
+            break;
+        }
     }
     logmsg_info(kLogModule, "stopping: answering the writes already submitted\n");
     committer_->stop();

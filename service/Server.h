@@ -142,6 +142,8 @@ class Server {
     // Forgets what was kept for the connections that closed since the last look.
     void forgetClosedConnections();
     void forgetConnection(uint32_t address);
+    // False, said in the log, when the endpoint's name was taken away for good.
+    bool stillReachable();
     // Waits until every submitted write is committed and answered; false when waiting failed.
     bool drainWrites();
     void send(uint32_t address, uint32_t msgId, const google::protobuf::MessageLite& message);

@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
             recordPath = argv[i + 1];
         }
     }
-    if (MSG_OpenLocal(kServiceName) != MSG_OK) {
+    if (MSG_OpenService(kServiceName) != MSG_OK) {
         std::fprintf(stderr, "standin_service: cannot open %s\n", kServiceName);
         return 1;
     }

@@ -162,7 +162,7 @@ MSG_Msg* makeMessage(uint32_t id) {
 
 // Answers pings, counts data messages and acknowledges a stop, like a service would.
 int msgpassService() {
-    if (MSG_OpenLocal(kServiceName) != MSG_OK) {
+    if (MSG_OpenService(kServiceName) != MSG_OK) {
         return 1;
     }
     for (;;) {

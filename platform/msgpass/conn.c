@@ -30,6 +30,9 @@ static uint32_t next_free_address(struct msg_endpoint* ep) {
  * than asking for no events, which also silences the hang-up reports that epoll gives whatever
  * was asked. */
 static int rewatch(struct msg_endpoint* ep, struct msg_conn* conn) {
+    if (ep->wait_fd < 0) {
+        return 0; /* no wait set yet: it takes every connection in when it is made */
+    }
     uint32_t wanted = 0;
     if (!conn->dropped) {
         wanted = (conn->paused ? 0 : EPOLLIN) | (conn->want_output ? EPOLLOUT : 0);
@@ -59,7 +62,7 @@ static int read_peer_credentials(int fd, MSG_Sender* peer) {
     return 0;
 }
 
-int msg_conn_add(struct msg_endpoint* ep, int fd, uint32_t* address) {
+int msg_conn_add(struct msg_endpoint* ep, int fd, const struct ucred* peer, uint32_t* address) {
     struct msg_conn* conn = calloc(1, sizeof(*conn));
     if (!conn) {
         close(fd);
@@ -70,7 +73,12 @@ int msg_conn_add(struct msg_endpoint* ep, int fd, uint32_t* address) {
     conn->address = next_free_address(ep);
     conn->peer.address = conn->address;
     pthread_mutex_init(&conn->write_lock, NULL);
-    if (read_peer_credentials(fd, &conn->peer) != 0 || rewatch(ep, conn) != 0) {
+    if (peer) {
+        conn->peer.pid = peer->pid;
+        conn->peer.uid = peer->uid;
+        conn->peer.gid = peer->gid;
+    }
+    if ((!peer && read_peer_credentials(fd, &conn->peer) != 0) || rewatch(ep, conn) != 0) {
         int saved = errno;
         msg_conn_unref(conn);
         errno = saved;
@@ -148,6 +156,15 @@ void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn) {
     if (rewatch(ep, conn) != 0) {
         conn->paused = 1; /* tried again when the next queued message is taken */
     }
+}
+
+int msg_conn_watch_all(struct msg_endpoint* ep) {
+    for (struct msg_conn* conn = ep->conns; conn; conn = conn->next) {
+        if (rewatch(ep, conn) != 0) {
+            return -1;
+        }
+    }
+    return 0;
 }
 
 int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int want) {

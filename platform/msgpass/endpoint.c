@@ -21,6 +21,41 @@ enum { kTempNameAttempts = 16 };
 /* From bind_temporary: the directory's path leaves no room for a temporary name in it. */
 enum { kNoRoomForTemp = -1 };
 
+/* Opens the socket file just bound at `path` to change its mode, without following a link and
+ * only when it is a socket of ours with no other name: in a directory that others may write to,
+ * someone could have put a link to a file of root's in its place between bind and chmod. */
+static int open_to_make_public(const char* path) {
+    int fd = open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISSOCK(st.st_mode) || st.st_uid != geteuid() ||
+                    st.st_nlink != 1)) {
+        close(fd);
+        errno = EPERM;
+        return -1;
+    }
+    return fd;
+}
+
+/* Anyone may connect: services judge their clients by SO_PEERCRED, not by file modes. The mode
+ * is changed through the descriptor (by its name in /proc), so the checked file is the one
+ * changed. */
+static int make_public(const char* path) {
+    int fd = open_to_make_public(path);
+    if (fd < 0) {
+        return -1;
+    }
+    char byFd[64];
+    snprintf(byFd, sizeof(byFd), "/proc/self/fd/%d", fd);
+    int status = chmod(byFd, 0666);
+    if (status != 0 && errno == ENOENT) { /* no /proc: the file was checked a moment ago */
+        status = fchmodat(AT_FDCWD, path, 0666, AT_SYMLINK_NOFOLLOW);
+    }
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return status;
+}
+
 /* Binds the listening socket at `path`, open to anyone, and listens. On failure nothing is left
  * at `path` by us; errno says why. */
 static int bind_and_listen(int fd, const char* path) {
@@ -29,8 +64,7 @@ static int bind_and_listen(int fd, const char* path) {
     if (bind(fd, (struct sockaddr*)&addr, length) != 0) {
         return -1;
     }
-    /* Anyone may connect: services judge their clients by SO_PEERCRED, not by file modes. */
-    if (chmod(path, 0666) != 0 || listen(fd, kBacklog) != 0) {
+    if (make_public(path) != 0 || listen(fd, kBacklog) != 0) {
         int saved = errno;
         unlink(path);
         errno = saved;
@@ -129,7 +163,7 @@ static int bind_in_place(struct msg_endpoint* ep, uid_t dirOwner) {
 /* The socket listens under a temporary name first and is then renamed into place, so a client
  * never finds the name without someone accepting behind it. Dead sockets that others left are
  * swept on the way, since names that carry a pid are never opened again to be reclaimed. */
-static int install_socket(struct msg_endpoint* ep, uid_t dirOwner) {
+int msg_install_socket(struct msg_endpoint* ep, uid_t dirOwner) {
     ep->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (ep->listen_fd < 0) {
         return MSG_ERR_SYSTEM;
@@ -147,7 +181,7 @@ static int install_socket(struct msg_endpoint* ep, uid_t dirOwner) {
         }
     }
     struct stat st;
-    if (status == MSG_OK && stat(ep->path, &st) != 0) {
+    if (status == MSG_OK && lstat(ep->path, &st) != 0) {
         status = MSG_ERR_SYSTEM;
     }
     if (status != MSG_OK) {
@@ -165,7 +199,7 @@ static int install_socket(struct msg_endpoint* ep, uid_t dirOwner) {
  * another in its place (only names of owners who may not hold names are replaced). */
 static void remove_socket(struct msg_endpoint* ep) {
     struct stat st;
-    if (ep->published && stat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev &&
+    if (ep->published && lstat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev &&
         st.st_ino == ep->socket_ino) {
         unlink(ep->path);
     }
@@ -183,6 +217,7 @@ static struct msg_endpoint* endpoint_new(const char* name) {
     }
     strcpy(ep->name, name);
     ep->listen_fd = ep->wait_fd = ep->wake_fd = ep->poll_fd = ep->pending_fd = -1;
+    ep->name_watch_fd = -1;
     pthread_mutex_init(&ep->lock, NULL);
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
@@ -201,7 +236,8 @@ void msg_endpoint_free(struct msg_endpoint* ep) {
         free(ep->queue_head);
         ep->queue_head = next;
     }
-    int fds[] = {ep->listen_fd, ep->wait_fd, ep->wake_fd, ep->poll_fd, ep->pending_fd};
+    int fds[] = {ep->listen_fd, ep->wait_fd,    ep->wake_fd,
+                 ep->poll_fd,   ep->pending_fd, ep->name_watch_fd};
     for (size_t i = 0; i < sizeof(fds) / sizeof(fds[0]); i++) {
         if (fds[i] >= 0) {
             close(fds[i]);
@@ -213,42 +249,64 @@ void msg_endpoint_free(struct msg_endpoint* ep) {
     free(ep);
 }
 
-/* How MSG_OpenLocal and MSG_OpenService differ for a process that may not hold names. */
-enum { kConnectOnlyAllowed = 0, kMustPublish = 1 };
+/* MSG_OpenLocal makes an endpoint that only connects out; MSG_OpenService one that is
+ * published under its name. */
+enum { kConnectOnly = 0, kPublish = 1 };
 
+int msg_endpoint_ensure_wait_set(struct msg_endpoint* ep) {
+    if (ep->wait_fd >= 0) {
+        return 0;
+    }
+    ep->wait_fd = epoll_create1(EPOLL_CLOEXEC);
+    ep->wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (ep->wait_fd < 0 || ep->wake_fd < 0 ||
+        add_to_wait_set(ep->wait_fd, ep->wake_fd, kMsgWakeToken) != 0 ||
+        msg_conn_watch_all(ep) != 0) {
+        int saved = errno;
+        if (ep->wait_fd >= 0) {
+            close(ep->wait_fd);
+        }
+        if (ep->wake_fd >= 0) {
+            close(ep->wake_fd);
+        }
+        ep->wait_fd = ep->wake_fd = -1;
+        for (struct msg_conn* conn = ep->conns; conn; conn = conn->next) {
+            conn->watched = 0; /* the set they were in is gone */
+        }
+        errno = saved;
+        return -1;
+    }
+    return 0;
+}
+
+/* A client's endpoint costs nothing until it is used: the directory is only looked up, and the
+ * wait set comes when it first waits. Nothing of it is ever in the directory, so
+ * nobody but the remotes it connects to can reach it, whoever runs it. */
 static int endpoint_open(struct msg_endpoint* ep, int mode) {
     int status = msg_resolve_dir(ep->dir, sizeof(ep->dir));
     if (status == MSG_OK) {
         status = msg_socket_path(ep->dir, ep->name, ep->path);
     }
-    struct stat dirSt;
-    if (status == MSG_OK && stat(ep->dir, &dirSt) != 0) {
-        status = MSG_ERR_NO_DIR;
-    }
-    if (status != MSG_OK) {
+    if (status != MSG_OK || mode == kConnectOnly) {
         return status;
     }
-    const int publish = msg_may_hold_names(geteuid(), dirSt.st_uid);
-    if (!publish && mode == kMustPublish) {
+    struct stat dirSt;
+    if (stat(ep->dir, &dirSt) != 0) {
+        return MSG_ERR_NO_DIR;
+    }
+    if (!msg_may_hold_names(geteuid(), dirSt.st_uid)) {
         return MSG_ERR_NOT_ALLOWED;
     }
-    ep->stage = malloc(kMsgStageBytes);
-    if (!ep->stage) {
-        return MSG_ERR_NO_MEMORY;
-    }
-    ep->wait_fd = epoll_create1(EPOLL_CLOEXEC);
-    ep->wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (ep->wait_fd < 0 || ep->wake_fd < 0 ||
-        add_to_wait_set(ep->wait_fd, ep->wake_fd, kMsgWakeToken) != 0) {
+    if (msg_endpoint_ensure_wait_set(ep) != 0) {
         return MSG_ERR_SYSTEM;
     }
-    if (!publish) {
-        return MSG_OK; /* connects out only: nothing in the directory, no listener */
-    }
-    status = install_socket(ep, dirSt.st_uid);
+    status = msg_install_socket(ep, dirSt.st_uid);
     if (status == MSG_OK && add_to_wait_set(ep->wait_fd, ep->listen_fd, kMsgListenToken) != 0) {
         remove_socket(ep);
         status = MSG_ERR_SYSTEM;
+    }
+    if (status == MSG_OK) {
+        msg_watch_name(ep);
     }
     return status;
 }
@@ -279,11 +337,11 @@ static int open_local(const char* name, int mode) {
 }
 
 MSG_EXPORT int MSG_OpenLocal(const char* name) {
-    return open_local(name, kConnectOnlyAllowed);
+    return open_local(name, kConnectOnly);
 }
 
 MSG_EXPORT int MSG_OpenService(const char* name) {
-    return open_local(name, kMustPublish);
+    return open_local(name, kPublish);
 }
 
 /* Wakes every thread waiting on the endpoint; they see it closed and return. Callers still

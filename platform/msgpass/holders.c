@@ -18,7 +18,9 @@ enum { kSweepProbes = 64 };
 /* The lock file is only used when it belongs to someone who may hold names, and it is readable
  * by its owner alone (root passes anyway): otherwise another user could hold the lock for ever
  * and stop every claim in the directory. Callers may hold names, so they may remove a lock file
- * of anyone else's making. */
+ * of anyone else's making. Links are never followed, and a file with more than one name (a hard
+ * link someone made to a file elsewhere) is replaced too: its mode is ours to change only when
+ * the file is nothing but our lock. */
 static int open_lock(const char* path, const struct stat* dirSt) {
     for (int attempt = 0; attempt < 2; attempt++) {
         int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
@@ -29,7 +31,8 @@ static int open_lock(const char* path, const struct stat* dirSt) {
         if (fd < 0 || fstat(fd, &st) != 0) {
             break;
         }
-        if (S_ISREG(st.st_mode) && msg_may_hold_names(st.st_uid, dirSt->st_uid)) {
+        if (S_ISREG(st.st_mode) && st.st_nlink == 1 &&
+            msg_may_hold_names(st.st_uid, dirSt->st_uid)) {
             if (st.st_uid == geteuid() && (st.st_mode & 077) != 0) {
                 fchmod(fd, 0600); /* made open by an earlier version */
             }

@@ -134,14 +134,20 @@ struct msg_conn {
 };
 
 /* The following take the endpoint's lock held. */
-int msg_conn_add(struct msg_endpoint* ep, int fd, uint32_t* address);
+/* Adds the connected socket `fd` (taken whatever the result). `peer` holds the kernel's
+ * credentials of the other end when the caller has read them already, else NULL. */
+int msg_conn_add(struct msg_endpoint* ep, int fd, const struct ucred* peer, uint32_t* address);
 struct msg_conn* msg_conn_find(struct msg_endpoint* ep, uint32_t address);
 void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_unref(struct msg_conn* conn);
 void msg_conn_pause(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn);
+/* Accepts what waits on the listening socket (receive.c). */
+void msg_accept_pending(struct msg_endpoint* ep);
 /* Accepts again after running out of descriptors (a no-op unless accepting was paused). */
 void msg_listen_resume(struct msg_endpoint* ep);
+/* Puts every connection in a wait set just made; 0, or -1 when epoll refused. */
+int msg_conn_watch_all(struct msg_endpoint* ep);
 /* Asks the leader to report room in the socket, or stops asking; 0, or -1 when epoll refused. */
 int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int want);
 
@@ -168,6 +174,7 @@ enum { kMsgStageBytes = 64 * 1024 };
 /* epoll tokens that are not connection addresses (addresses are never 0). */
 #define kMsgWakeToken 0u
 #define kMsgListenToken (1ull << 32)
+#define kMsgNameToken (2ull << 32)
 
 struct msg_endpoint {
     struct msg_endpoint* next; /* registry link */
@@ -179,10 +186,12 @@ struct msg_endpoint {
     dev_t socket_dev; /* identity of our socket file, so that we only ever remove our own */
     ino_t socket_ino;
     int listen_fd;
-    int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection */
-    int wake_fd;    /* eventfd that interrupts the leader when the endpoint closes */
+    int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
+    int wake_fd;    /* eventfd that interrupts the leader when the endpoint closes; or -1 */
     int poll_fd;    /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
     int pending_fd; /* eventfd readable while the queue is not empty, or -1 */
+    int name_watch_fd; /* inotify on the directory, to notice our name going; or -1 */
+    int name_status;   /* MSG_OK, or why the name, once gone, could not be put back */
 
     pthread_mutex_t lock;
     pthread_cond_t turn; /* signalled when the leader leaves or messages are queued */
@@ -198,13 +207,30 @@ struct msg_endpoint {
     int gone_count;
     MSG_Msg* queue_head;
     MSG_Msg* queue_tail;
-    unsigned char* stage; /* read buffer of the leader */
+    unsigned char* stage; /* read buffer of the leader, made on the first read */
 };
 
 /* Registered endpoint `name` with a reference taken, or NULL. */
 struct msg_endpoint* msg_endpoint_get(const char* name);
 void msg_endpoint_put(struct msg_endpoint* ep);
 void msg_endpoint_free(struct msg_endpoint* ep);
+
+/* Makes the wait set (epoll set and wake-up event) of an endpoint that has none yet: published
+ * endpoints make it when they open, those that only connect out when they first wait.
+ * Endpoint's lock held (or the endpoint not yet registered); 0, or -1 with errno. */
+int msg_endpoint_ensure_wait_set(struct msg_endpoint* ep);
+
+/* Binds a new listening socket into ep->listen_fd and puts it in place under the endpoint's
+ * name (endpoint.c). By a process that may hold names in a directory owned by `dirOwner`. */
+int msg_install_socket(struct msg_endpoint* ep, uid_t dirOwner);
+
+/* ---- A published name that goes (republish.c) ---- */
+
+/* Starts watching the directory of a published endpoint for its name going; without a watch the
+ * name is checked on MSG_CheckPublished only. */
+void msg_watch_name(struct msg_endpoint* ep);
+/* The leader, endpoint's lock held: the directory changed; puts the name back when it went. */
+void msg_name_events(struct msg_endpoint* ep);
 
 /* Common prologue: checks the name and finds the endpoint. */
 int msg_endpoint_lookup(const char* name, struct msg_endpoint** ep);

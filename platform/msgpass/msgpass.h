@@ -14,17 +14,24 @@
  * The socket path (directory, '/', name) must fit in a Unix socket address (107 bytes), else
  * MSG_ERR_NO_DIR.
  *
- * Who may hold a name: root and the owner of the directory, nobody else. Their endpoints are
- * published: a Unix-domain socket under the name in the directory, connectable by every user
- * (mode 0666), since a service decides whom to serve from the kernel's credentials of each sender
- * (MSG_GetSender). The endpoint of any other process only connects out: nothing of it is in the
- * directory and nobody can connect to it, so a client needs no write access to the directory and
- * leaves nothing in it. The directories made here (mode 0755) let nobody else create names; in
- * one that others may write to (mode 1777, say), a file created under a name by anyone else does
- * not count: a process allowed to hold the name replaces it when it opens the name, and clients
- * never talk to it. The directory's owner is trusted with every name in it, so $MSGPASS_DIR must
- * name a directory whose owner may serve. A service opens its name with MSG_OpenService, which
- * refuses (MSG_ERR_NOT_ALLOWED) where MSG_OpenLocal would open an endpoint that nobody can reach.
+ * Two kinds of endpoint: MSG_OpenService publishes one under its name, MSG_OpenLocal makes one
+ * that only connects out. A published endpoint is a Unix-domain socket under the name in the
+ * directory, connectable by every user (mode 0666), since a service decides whom to serve from the
+ * kernel's credentials of each sender (MSG_GetSender). An endpoint that only connects out,
+ * whoever opens it (root too), has nothing in the directory and accepts nothing: nobody can
+ * connect to it, so every message it receives comes over a connection it opened itself and
+ * checked (below), a client needs no write access to the directory and leaves nothing in it, and
+ * opening it costs no system call beyond looking the directory up.
+ *
+ * Who may hold a name: root and the owner of the directory, nobody else. The directories made
+ * here (mode 0755) let nobody else create names; in one that others may write to (mode 1777, say),
+ * a file created under a name by anyone else does not count: a process allowed to hold the name
+ * replaces it when it opens the name, and clients never talk to it. The directory's owner is
+ * trusted with every name in it, so $MSGPASS_DIR must name a directory whose owner may serve.
+ * MSG_OpenService refuses (MSG_ERR_NOT_ALLOWED) a process that may not hold names there. Nothing
+ * in the directory is followed as a link: the lock file and a socket being made public are
+ * opened without following links and used only when they are ours alone (one name, our owner);
+ * anything else there is replaced or left alone, never written through.
  *
  * What a client checks: after connecting, and before anything is sent, that the kernel's
  * credentials of the process behind the socket (SO_PEERCRED) are those of the owner of the
@@ -35,7 +42,8 @@
  * What is left on disk: an endpoint's socket file goes when the endpoint is closed, and when the
  * process ends through exit() or a return from main, closed or not. Besides sockets the directory
  * holds the lock file ".lock" (mode 0600; one made by anybody else is replaced), through which
- * the processes that hold names serialise reclaiming and sweeping.
+ * the processes that hold names serialise reclaiming and sweeping; it is made by the first
+ * service that needs it and only services use it.
  * A process killed before it could remove its files leaves them; they are swept: whenever a
  * process publishes an endpoint it removes the sockets in the directory that no live process is
  * bound to (a bounded number of them per open), and a name opened again is reclaimed at once.
@@ -142,18 +150,19 @@ int MSG_GetQueuedBytes(const char* localName, uint32_t remoteAddress, size_t* by
  * MSG_ERR_BAD_NAME for a name that would not be a valid endpoint name. */
 int MSG_DebugSetName(const char* name);
 
-/* Creates and registers the local endpoint `name`. When this process may hold names in the
- * endpoint directory (see above) the endpoint is published, so that other processes can connect
- * to it: a stale socket left by a process that died is reclaimed, whatever someone not allowed to
- * hold names put there is replaced, and a live endpoint of that name (in this process or another
- * allowed to hold names), or a file of theirs that is not a socket, gives MSG_ERR_NAME_IN_USE;
- * MSG_ERR_NOT_TRUSTED when an unallowed user's directory sits under the name. Otherwise the
- * endpoint only connects out (MSG_OpenRemoteSync): nothing is created in the directory and
- * nobody can connect to it. Only the name in this process must be free then. */
+/* Creates and registers the local endpoint `name`, one that only connects out
+ * (MSG_OpenRemoteSync), whoever calls it: nothing is created in the endpoint directory and nobody
+ * can connect to it. The name must be free in this process only (MSG_ERR_NAME_IN_USE otherwise);
+ * MSG_ERR_NO_DIR when there is no endpoint directory to look remotes up in. */
 int MSG_OpenLocal(const char* name);
 
-/* MSG_OpenLocal for an endpoint that must be published, as a service's must: when this process
- * may not hold names in the endpoint directory, MSG_ERR_NOT_ALLOWED and nothing is opened. */
+/* Creates, registers and publishes the local endpoint `name`, as a service's must be, so that
+ * other processes can connect to it: a stale socket left by a process that died is reclaimed,
+ * whatever someone not allowed to hold names put there is replaced, and a live endpoint of that
+ * name (in this process or another allowed to hold names), or a file of theirs that is not a
+ * socket, gives MSG_ERR_NAME_IN_USE; MSG_ERR_NOT_TRUSTED when an unallowed user's directory sits
+ * under the name; MSG_ERR_NOT_ALLOWED, and nothing is opened, when this process may not hold
+ * names in the endpoint directory. A published endpoint can also connect out. */
 int MSG_OpenService(const char* name);
 
 /* Copies the endpoint directory of local endpoint `localName`, or for a null name the one that
@@ -204,10 +213,12 @@ int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Msg* msg);
 /* Receives the first message with id `msgId` that arrives at `localName` within `timeoutMs`
  * milliseconds (negative: wait forever; 0: only what is already there). Messages of other ids
  * that arrive meanwhile are kept, in arrival order, for later receives (MSG_RecvMsg or
- * MSG_RecvAny). NULL on time-out, on failure, or at once when the endpoint has connected out
+ * MSG_RecvAny). At an endpoint of MSG_OpenLocal every message comes from a remote that this
+ * endpoint connected to and checked; a published endpoint also receives from whoever connected to
+ * it, so a caller that needs to know which connection answered asks MSG_GetSender. NULL on time-out, on failure, or at once when the endpoint has connected out
  * (MSG_OpenRemoteSync) and every one of its connections has since been closed: the peers it was
- * talking to are gone and nothing more can come. An endpoint that never connected out keeps
- * waiting for clients to connect.
+ * talking to are gone and nothing more can come. An endpoint that never connected out waits its
+ * time-out (a published one for clients to connect and send).
  *
  * Memory stays bounded: when many unclaimed messages from one connection are queued, reading
  * from that connection pauses (its sender then waits) until some are received. */
@@ -258,6 +269,19 @@ int MSG_GetPollFd(const char* localName);
  * client (one that fell too far behind, say). MSG_ERR_NO_ROUTE for an address that names no
  * open connection. */
 int MSG_CloseConnection(const char* localName, uint32_t remoteAddress);
+
+/* Whether the published endpoint `localName` can still be reached under its name. When its
+ * socket file is removed or replaced by anyone (a cleaning script, the directory removed and made
+ * again), the endpoint notices while it receives (the descriptor of MSG_GetPollFd turns readable)
+ * and puts a new socket in place under the name, keeping its connections and taking the clients
+ * that were waiting to be accepted; where the directory cannot be watched, this call looks. MSG_OK
+ * while the name leads to this endpoint; otherwise why it could not be put back (each call tries
+ * again): MSG_ERR_NAME_IN_USE when another live endpoint holds the name now, MSG_ERR_NO_DIR,
+ * MSG_ERR_NOT_ALLOWED, MSG_ERR_SYSTEM. A service that gets anything but MSG_OK is unreachable for
+ * new clients and had best end, so that its supervisor starts it again. MSG_ERR_NOT_OPEN for a
+ * name not open here, MSG_ERR_BAD_ARG for an endpoint of MSG_OpenLocal. Costs no system call while
+ * the directory is watched and the name is in place. */
+int MSG_CheckPublished(const char* localName);
 
 /* Most addresses of closed connections an endpoint keeps for MSG_TakeClosed. */
 #define MSG_MAX_CLOSED_NOTED 256

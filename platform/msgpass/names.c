@@ -1,5 +1,6 @@
 /* names.c - endpoint names, and where their sockets live. */
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -47,8 +48,16 @@ static int ensure_dir(const char* dir, mode_t mode) {
         return -1;
     }
     if (mkdir(dir, mode) == 0) {
-        /* mkdir honours the umask; others must still be able to look names up in it. */
-        chmod(dir, mode);
+        /* mkdir honours the umask; others must still be able to look names up in it. Changed
+         * through a descriptor of the directory we made, never through a link put in its place. */
+        int fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        struct stat st;
+        if (fd >= 0 && fstat(fd, &st) == 0 && st.st_uid == geteuid()) {
+            fchmod(fd, mode);
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
     } else if (errno != EEXIST) {
         return -1;
     }

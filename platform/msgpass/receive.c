@@ -7,6 +7,7 @@
  * whose sockets have room again.
  */
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -140,6 +141,9 @@ static int consume(struct msg_endpoint* ep, struct msg_conn* conn, const unsigne
 /* Reads what `conn` has for us now; -1 when the connection must go (closed by the peer, cut
  * in the middle of a frame, or garbage). */
 static int read_conn(struct msg_endpoint* ep, struct msg_conn* conn) {
+    if (!ep->stage && !(ep->stage = malloc(kMsgStageBytes))) {
+        return -1;
+    }
     size_t budget = kReadBudgetBytes;
     while (budget > 0 && !conn->paused) {
         size_t missing = conn->partial ? conn->partial->bytes - conn->partial_fill : 0;
@@ -170,11 +174,11 @@ static int read_conn(struct msg_endpoint* ep, struct msg_conn* conn) {
     return 0;
 }
 
-static void accept_pending(struct msg_endpoint* ep) {
+void msg_accept_pending(struct msg_endpoint* ep) {
     for (int i = 0; i < kAcceptsPerPass; i++) {
         int fd = accept4(ep->listen_fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
-            msg_conn_add(ep, fd, NULL); /* on failure the client just sees its socket closed */
+            msg_conn_add(ep, fd, NULL, NULL); /* on failure the client sees its socket closed */
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED) {
@@ -214,7 +218,11 @@ static void serve_events(struct msg_endpoint* ep, const struct epoll_event* even
             continue; /* only ever written when closing, which the loop checks */
         }
         if (token == kMsgListenToken) {
-            accept_pending(ep);
+            msg_accept_pending(ep);
+            continue;
+        }
+        if (token == kMsgNameToken) {
+            msg_name_events(ep);
             continue;
         }
         struct msg_conn* conn = msg_conn_find(ep, (uint32_t)token);
@@ -243,9 +251,13 @@ static int wait_with_listen_retry(struct msg_endpoint* ep, int timeoutMs) {
     return timeoutMs >= 0 && timeoutMs < left ? timeoutMs : (int)left;
 }
 
-/* One turn as leader: wait for the endpoint without its lock, then serve what came. */
-static void lead(struct msg_endpoint* ep, int timeoutMs) {
+/* One turn as leader: wait for the endpoint without its lock, then serve what came. -1 when
+ * there is nothing to wait with. */
+static int lead(struct msg_endpoint* ep, int timeoutMs) {
     struct epoll_event events[kMaxEvents];
+    if (msg_endpoint_ensure_wait_set(ep) != 0) {
+        return -1;
+    }
     timeoutMs = wait_with_listen_retry(ep, timeoutMs);
     ep->leader = 1;
     pthread_mutex_unlock(&ep->lock);
@@ -256,6 +268,7 @@ static void lead(struct msg_endpoint* ep, int timeoutMs) {
         serve_events(ep, events, count);
     }
     pthread_cond_broadcast(&ep->turn);
+    return 0;
 }
 
 static void wait_turn(struct msg_endpoint* ep, int64_t deadline) {
@@ -292,8 +305,9 @@ static MSG_Msg* receive(const char* localName, int any, uint32_t id, int timeout
         }
         if (ep->leader) {
             wait_turn(ep, deadline);
+        } else if (lead(ep, left) != 0) {
+            break;
         } else {
-            lead(ep, left);
             looked = 1;
         }
     }
@@ -337,7 +351,7 @@ MSG_EXPORT int MSG_GetPollFd(const char* localName) {
         return -1;
     }
     pthread_mutex_lock(&ep->lock);
-    if (ep->poll_fd < 0 && !ep->closed) {
+    if (ep->poll_fd < 0 && !ep->closed && msg_endpoint_ensure_wait_set(ep) == 0) {
         make_poll_fd(ep);
     }
     int fd = ep->closed ? -1 : ep->poll_fd;

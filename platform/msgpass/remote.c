@@ -42,17 +42,16 @@ static int try_connect(const char* path, int* fd) {
  * listener must be those of the name's owner, who must be someone allowed to hold names in the
  * directory. Checked before anything is sent, so that an impostor learns nothing. A name that
  * changed hands meanwhile counts as not there yet. */
-static int check_holder(const char* dir, const char* path, int fd) {
-    struct ucred cred;
-    socklen_t length = sizeof(cred);
+static int check_holder(const char* dir, const char* path, int fd, struct ucred* cred) {
+    socklen_t length = sizeof(*cred);
     struct stat nameSt, dirSt;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0) {
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, cred, &length) != 0) {
         return MSG_ERR_SYSTEM;
     }
     if (lstat(path, &nameSt) != 0 || stat(dir, &dirSt) != 0) {
         return MSG_ERR_TIMEOUT;
     }
-    return cred.uid == nameSt.st_uid && msg_may_hold_names(nameSt.st_uid, dirSt.st_uid)
+    return cred->uid == nameSt.st_uid && msg_may_hold_names(nameSt.st_uid, dirSt.st_uid)
                ? MSG_OK
                : MSG_ERR_NOT_TRUSTED;
 }
@@ -75,12 +74,13 @@ static void wait_for_directory(int watch_fd, int64_t deadline) {
 /* Connects to whoever holds the name, once someone allowed to does. A name held by someone else
  * is waited out as if it were not there (its rightful owner replaces it on start), and reported
  * as such when the time is up. */
-static int connect_when_there(const char* dir, const char* path, int64_t deadline, int* fd) {
+static int connect_when_there(const char* dir, const char* path, int64_t deadline, int* fd,
+                              struct ucred* cred) {
     int watch_fd = -1;
     int status;
     for (;;) {
         status = try_connect(path, fd);
-        if (status == MSG_OK && (status = check_holder(dir, path, *fd)) != MSG_OK) {
+        if (status == MSG_OK && (status = check_holder(dir, path, *fd, cred)) != MSG_OK) {
             close(*fd);
             *fd = -1;
         }
@@ -126,9 +126,10 @@ MSG_EXPORT int MSG_OpenRemoteSync(const char* localName, const char* remoteName,
     int64_t deadline = msg_deadline(timeoutMs);
     char path[kMsgPathBytes];
     int fd = -1;
+    struct ucred cred;
     status = msg_socket_path(ep->dir, remoteName, path);
     if (status == MSG_OK) {
-        status = connect_when_there(ep->dir, path, deadline, &fd);
+        status = connect_when_there(ep->dir, path, deadline, &fd, &cred);
     }
     if (status == MSG_OK) {
         pthread_mutex_lock(&ep->lock);
@@ -136,7 +137,7 @@ MSG_EXPORT int MSG_OpenRemoteSync(const char* localName, const char* remoteName,
             close(fd);
             status = MSG_ERR_NOT_OPEN;
         } else {
-            status = msg_conn_add(ep, fd, remoteAddress);
+            status = msg_conn_add(ep, fd, &cred, remoteAddress);
             ep->connected_out |= status == MSG_OK;
         }
         pthread_mutex_unlock(&ep->lock);

@@ -44,7 +44,7 @@ TEST(ConfigSession, ReportsEachFailureByItsStatus) {
     EXPECT_EQ(lonely.read(request, &response, 50), ConfigSession::kNotConnected);
     EXPECT_EQ(lonely.sendRaw(1, "x"), ConfigSession::kNotConnected);
 
-    ASSERT_EQ(MSG_OpenLocal(kPeer), MSG_OK);
+    ASSERT_EQ(MSG_OpenService(kPeer), MSG_OK);
     ConfigSession session;
     ASSERT_EQ(session.connect("client", 1000, kPeer), ConfigSession::kOk);
     ConfigIF::ReadRsp notFound;

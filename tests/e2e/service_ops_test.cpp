@@ -185,6 +185,34 @@ TEST_F(Operated, ReloadThatCannotReopenTheStoreStopsTheService) {
     EXPECT_FALSE(std::filesystem::exists(service_.endpointPath()));
 }
 
+// Its socket file removed, the service puts it back and new clients reach it; its name then
+// taken by another live endpoint, it stops with the reason, for its supervisor to restart it.
+TEST_F(Operated, RemovedEndpointComesBackAndATakenOneStopsTheService) {
+    ASSERT_EQ(unlink(service_.endpointPath().c_str()), 0);
+    ConfigSession late;
+    EXPECT_EQ(late.connect("late", 5000), ConfigSession::kOk);
+    EXPECT_EQ(write(&late, "audio/volume", "70"), kErrNoError);
+    EXPECT_EQ(read("audio/volume"), "70") << "the first client lost its connection";
+
+    // Stopped meanwhile, so that the other one takes the name before this one can put it back.
+    ASSERT_TRUE(service_.signal(SIGSTOP));
+    ASSERT_EQ(unlink(service_.endpointPath().c_str()), 0);
+    testsupport::Background other(testsupport::kConfigsrvcBin,
+                                  {"configsrvc", "--model", service_.model, "--state",
+                                   service_.root() + "/other-state"},
+                                  {}, service_.root() + "/other.log");
+    EXPECT_TRUE(other.waitForLog("serving ConfigSrvc")) << other.log();
+    ASSERT_TRUE(service_.signal(SIGCONT));
+    for (int ms = 0; ms < 10000 && service_.signal(0); ++ms) {
+        usleep(1000);
+    }
+    EXPECT_EQ(service_.stop(SIGKILL), 1) << service_.output();
+    EXPECT_THAT(service_.output(), HasSubstr("<3>configsrvc: server: the endpoint ConfigSrvc can "
+                                             "no longer be reached: a live endpoint of that name "
+                                             "exists already; stopping\n"));
+    EXPECT_TRUE(other.running()) << other.log();
+}
+
 // Writes keep coming while the model is reloaded again and again: every one is answered, and
 // what was answered is stored, across a SIGKILL too.
 TEST_F(Operated, WritesDuringReloadsAreAllAnsweredAndStored) {

@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     for (int i = 2; i < argc; i++) {
-        if (MSG_OpenLocal(argv[i]) != MSG_OK) {
+        if (MSG_OpenService(argv[i]) != MSG_OK) {
             return 3;
         }
     }

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -175,7 +176,7 @@ class MsgPassTest : public ::testing::Test {
     }
     // "server" and "client" opened here; the client says hello, so that each knows the other.
     void connectPair() {
-        ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
+        ASSERT_EQ(MSG_OpenService("server"), MSG_OK);
         ASSERT_EQ(MSG_OpenLocal("client"), MSG_OK);
         ASSERT_EQ(MSG_OpenRemoteSync("client", "server", 1000, &toServer_), MSG_OK);
         ASSERT_EQ(MSG_SendMsg("client", toServer_, makeMsg(1, "hello")), MSG_OK);
@@ -209,7 +210,7 @@ TEST_F(MsgPassTest, BadArgumentsGiveTheirStatus) {
         {"connect before open", MSG_OpenRemoteSync("me", "you", 0, &address), MSG_ERR_NOT_OPEN},
         {"poll fd before open", MSG_GetPollFd("me"), -1},
         {"open null", MSG_OpenLocal(nullptr), MSG_ERR_BAD_ARG},
-        {"open over a plain file", MSG_OpenLocal("plain"), MSG_ERR_NAME_IN_USE},
+        {"serve over a plain file", MSG_OpenService("plain"), MSG_ERR_NAME_IN_USE},
         {"debug name null", MSG_DebugSetName(nullptr), MSG_ERR_BAD_ARG},
         {"debug name slash", MSG_DebugSetName("x/y"), MSG_ERR_BAD_NAME},
         {"release null", MSG_ReleaseMsg(nullptr), MSG_ERR_BAD_ARG},
@@ -333,7 +334,7 @@ TEST_F(MsgPassTest, WaitsEndAtTheirTimeOut) {
 // into one in the past, where they would give up at once or spin.
 TEST_F(MsgPassTest, LongWaitsSleepUntilTheEndpointCloses) {
     for (int timeoutMs : {-1, INT_MAX}) {
-        ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
+        ASSERT_EQ(MSG_OpenService("server"), MSG_OK);
         std::atomic<int> ended{0};
         auto receive = [&] {
             EXPECT_EQ(MSG_RecvAny("server", timeoutMs), nullptr);
@@ -355,7 +356,7 @@ TEST_F(MsgPassTest, LongWaitsSleepUntilTheEndpointCloses) {
 // With descriptors used up elsewhere in the process, the service (no connection of its own to
 // lose) accepts its client once there are descriptors again.
 TEST_F(MsgPassTest, AcceptingResumesAfterRunningOutOfDescriptors) {
-    ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
+    ASSERT_EQ(MSG_OpenService("server"), MSG_OK);
     ASSERT_EQ(MSG_OpenLocal("client"), MSG_OK);
     rlimit saved{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
@@ -428,7 +429,7 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
     for (size_t i = 0; i < std::size(dirs); i++) {
         const int expected = i < 4 ? MSG_OK : MSG_ERR_NO_DIR;
         setenv(MSG_DIR_ENV, (dir_.path + dirs[i]).c_str(), 1);
-        EXPECT_EQ(MSG_OpenLocal("probe"), expected) << dirs[i];
+        EXPECT_EQ(MSG_OpenService("probe"), expected) << dirs[i];
         uint32_t address = 0;
         if (expected == MSG_OK && MSG_OpenLocal("c") == MSG_OK) {
             EXPECT_EQ(MSG_OpenRemoteSync("c", "probe", 0, &address), MSG_OK) << dirs[i];
@@ -441,8 +442,8 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
     ASSERT_EQ(stat(dir_.file("made").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u) << "names looked up by all, made by its owner alone";
 
-    ASSERT_EQ(MSG_OpenLocal("server"), MSG_OK);
-    ASSERT_EQ(MSG_OpenLocal("other"), MSG_OK);
+    ASSERT_EQ(MSG_OpenService("server"), MSG_OK);
+    ASSERT_EQ(MSG_OpenService("other"), MSG_OK);
     ASSERT_EQ(stat(dir_.file("server").c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0666u) << "connectable by every user";
@@ -536,7 +537,7 @@ TEST_F(MsgPassTest, ProcessesRacingForANameLeaveExactlyOneWinner) {
         for (int i = 0; i < kContenders; i++) {
             spawn([&] {
                 char start;
-                int status = read(go[0], &start, 1) == 1 ? MSG_OpenLocal(name.c_str()) : -1;
+                int status = read(go[0], &start, 1) == 1 ? MSG_OpenService(name.c_str()) : -1;
                 if (write(results[1], &status, sizeof(status)) == sizeof(status)) {
                     pause();  // keeps a winning endpoint open
                 }
@@ -641,6 +642,157 @@ TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
     EXPECT_EQ(namesIn(dir_.path), left);
 }
 
+// Connects to every name that appears in `dir` but `spare` and writes `forged` at once, as uid
+// 65534 when run as root; writes 'r' to `heard` when it watches, then 'c' for each connection.
+int forgeAnswers(const std::string& dir, const std::string& spare, const std::string& forged,
+                 int heard) {
+    const int watch = inotify_init1(IN_CLOEXEC);
+    if ((geteuid() == 0 && !becomeNobody()) || watch < 0 ||
+        inotify_add_watch(watch, dir.c_str(), IN_CREATE | IN_MOVED_TO) < 0 ||
+        write(heard, "r", 1) != 1) {
+        return 20;
+    }
+    alignas(inotify_event) char events[4096];
+    for (ssize_t n; (n = read(watch, events, sizeof(events))) > 0;) {
+        for (char* at = events; at < events + n;) {
+            const auto* event = reinterpret_cast<inotify_event*>(at);
+            at += sizeof(inotify_event) + event->len;
+            const std::string name = event->len ? event->name : "";
+            if (name.empty() || name == spare || name[0] == '.') {
+                continue;
+            }
+            int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_un addr{AF_UNIX, {}};
+            snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/%s", dir.c_str(), name.c_str());
+            if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
+                send(fd, forged.data(), forged.size(), MSG_NOSIGNAL) > 0) {
+                sendRaw(heard, "c");
+            }
+        }
+    }
+    return 21;
+}
+
+// Root's clients, one after the other as setvane runs, while another user connects to whatever
+// appears in the directory and answers first: every answer is the service's, and no client
+// endpoint is ever there to be reached.
+TEST_F(MsgPassTest, ForgedAnswersNeverReachAClient) {
+    ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
+    constexpr uint32_t kRequest = 0x001A0000, kResponse = 0x001A0041;
+    int heard[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, heard), 0);
+    const std::string forged = frame(kResponse, "forged") + frame(kResponse, "forged");
+    spawn([&] { return forgeAnswers(dir_.path, "svc", forged, heard[1]); });
+    close(heard[1]);
+    ASSERT_EQ(readAll(heard[0], 1), "r");
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
+    std::atomic<bool> serving{true};
+    std::thread service([&] {
+        while (serving) {
+            MSG_Sender from{};
+            if (take(MSG_RecvAny("svc", 20), &from) == "request") {
+                MSG_SendMsg("svc", from.address, makeMsg(kResponse, "genuine"));
+            }
+        }
+    });
+    const std::set<std::string> onlyTheService{".lock", "svc"};
+    for (int i = 0; i < 40; i++) {
+        const std::string name = "setvane-" + std::to_string(i);
+        uint32_t address = 0;
+        ASSERT_EQ(MSG_OpenLocal(name.c_str()), MSG_OK);
+        ASSERT_EQ(MSG_OpenRemoteSync(name.c_str(), "svc", 1000, &address), MSG_OK);
+        EXPECT_EQ(namesIn(dir_.path), onlyTheService) << i;
+        usleep(2000);  // the forger's moment, which it took nearly every time
+        ASSERT_EQ(MSG_SendMsg(name.c_str(), address, makeMsg(kRequest, "request")), MSG_OK);
+        EXPECT_EQ(take(MSG_RecvMsg(name.c_str(), kResponse, 2000)), "genuine") << i;
+        EXPECT_EQ(MSG_RecvMsg(name.c_str(), kResponse, 0), nullptr) << i << ": a second answer";
+        ASSERT_EQ(MSG_CloseLocal(name.c_str()), MSG_OK);
+    }
+    serving = false;
+    service.join();
+    pollfd pfd{heard[0], POLLIN, 0};
+    EXPECT_EQ(poll(&pfd, 1, 0), 0) << "the forger reached a client";
+    close(heard[0]);
+}
+
+// What someone who may write to the directory leaves there for a service to trip over: a stale
+// socket under its name and a lock file that is a link to a file elsewhere. The service takes
+// its name and touches nothing but files of its own.
+TEST_F(MsgPassTest, LinksInTheDirectoryAreNeverFollowed) {
+    ASSERT_EQ(mkdir(dir_.file("elsewhere").c_str(), 0755), 0);
+    const std::string existing = dir_.file("elsewhere/existing"), made = dir_.file("elsewhere/new");
+    const std::function<int()> links[] = {
+        [&] { return symlink(made.c_str(), dir_.file(".lock").c_str()); },
+        [&] { return symlink(existing.c_str(), dir_.file(".lock").c_str()); },
+        [&] { return link(existing.c_str(), dir_.file(".lock").c_str()); },
+    };
+    for (size_t i = 0; i < std::size(links); i++) {
+        ASSERT_TRUE(testsupport::writeFile(existing, "keep me"));
+        ASSERT_EQ(chmod(existing.c_str(), 0644), 0);
+        unlink(dir_.file(".lock").c_str());
+        ASSERT_EQ(links[i](), 0) << i;
+        close(unixSocket("svc", true));  // what a killed service leaves
+        ASSERT_EQ(MSG_OpenService("svc"), MSG_OK) << i;
+        struct stat st {};
+        EXPECT_NE(lstat(made.c_str(), &st), 0) << i << ": created through a link";
+        ASSERT_EQ(stat(existing.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0644u) << i << ": mode changed through a link";
+        EXPECT_EQ(st.st_nlink, 1u) << i;
+        EXPECT_EQ(testsupport::readFile(existing), "keep me") << i;
+        ASSERT_EQ(lstat(dir_.file(".lock").c_str(), &st), 0);
+        EXPECT_TRUE(S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_uid == geteuid()) << i;
+        ASSERT_EQ(MSG_CloseLocal("svc"), MSG_OK);
+    }
+}
+
+// A service's name whose file goes, alone or with the directory, is put back while it receives,
+// and clients reach it again; one that another live service took meanwhile is reported.
+TEST_F(MsgPassTest, ARemovedNameIsPutBackOrReported) {
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
+    ASSERT_EQ(MSG_OpenLocal("client"), MSG_OK);
+    std::atomic<bool> serving{true};
+    std::thread service([&] {
+        while (serving) {
+            MSG_Sender from{};
+            if (take(MSG_RecvAny("svc", 10), &from) == "ping") {
+                MSG_SendMsg("svc", from.address, makeMsg(2, "pong"));
+            }
+        }
+    });
+    const std::string away = dir_.path + "-away";
+    const std::pair<const char*, std::function<int()>> removals[] = {
+        {"file removed", [&] { return unlink(dir_.file("svc").c_str()); }},
+        {"directory moved away", [&] { return rename(dir_.path.c_str(), away.c_str()); }},
+    };
+    for (const auto& [what, remove] : removals) {
+        ASSERT_EQ(remove(), 0) << what;
+        uint32_t address = 0;
+        ASSERT_EQ(MSG_OpenRemoteSync("client", "svc", 2000, &address), MSG_OK) << what;
+        ASSERT_EQ(MSG_SendMsg("client", address, makeMsg(1, "ping")), MSG_OK);
+        EXPECT_EQ(take(MSG_RecvMsg("client", 2, 2000)), "pong") << what;
+        EXPECT_EQ(MSG_CheckPublished("svc"), MSG_OK) << what;
+    }
+    std::filesystem::remove_all(away);
+    serving = false;
+    service.join();
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(unlink(dir_.file("svc").c_str()), 0);
+    spawn([&] {
+        const int status = MSG_OpenService("svc");
+        return write(ready[1], &status, sizeof status) == sizeof status ? pause() : 20;
+    });
+    close(ready[1]);
+    int opened = -1;
+    ASSERT_EQ(read(ready[0], &opened, sizeof opened), (ssize_t)sizeof opened);
+    ASSERT_EQ(opened, MSG_OK) << "the other did not open";
+    EXPECT_EQ(MSG_RecvAny("svc", 50), nullptr);
+    EXPECT_EQ(MSG_CheckPublished("svc"), MSG_ERR_NAME_IN_USE);
+    EXPECT_EQ(MSG_CheckPublished("client"), MSG_ERR_BAD_ARG);
+    EXPECT_EQ(MSG_CheckPublished("nobody"), MSG_ERR_NOT_OPEN);
+    close(ready[0]);
+}
+
 // However a process ends normally, with its endpoints open or not, their files go with it; the
 // exit of a child made by fork() leaves the parent's alone.
 TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
@@ -670,7 +822,7 @@ TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
     const std::set<std::string> before{".lock", "alive",     "bound",    "closed",
                                        "plain", "setvane-1", "setvane-2"};
     ASSERT_EQ(namesIn(dir_.path), before);
-    ASSERT_EQ(MSG_OpenLocal("sweeper"), MSG_OK);
+    ASSERT_EQ(MSG_OpenService("sweeper"), MSG_OK);
     const std::set<std::string> after{".lock", "alive", "bound", "plain", "sweeper"};
     EXPECT_EQ(namesIn(dir_.path), after);
     struct stat st {};
@@ -744,7 +896,7 @@ std::string queueStream(uint32_t to) {
 // service that polls the descriptor of MSG_GetPollFd, by the next send that waits, and by the
 // receive loop even while the peer's own input is paused (its requests pile up unclaimed).
 TEST_F(MsgPassTest, QueuedFramesArriveInOrderAsThePeerReads) {
-    ASSERT_EQ(MSG_OpenLocal("svc"), MSG_OK);
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
     pollfd service{MSG_GetPollFd("svc"), POLLIN, 0};
     ASSERT_GE(service.fd, 0);
     EXPECT_EQ(poll(&service, 1, 0), 0);
@@ -824,7 +976,7 @@ class BadPeerTest : public MsgPassTest, public testing::WithParamInterface<BadPe
 
 TEST_P(BadPeerTest, IsCutOffAloneAndAtOnce) {
     const BadPeer& c = GetParam();
-    ASSERT_EQ(MSG_OpenLocal("svc"), MSG_OK);
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
     uint32_t toGood = 0, toBad = 0;
     int good = rawPeer("svc", &toGood);
     // Half a frame and then silence: a slow peer, not a bad one, which must hold up nobody.
