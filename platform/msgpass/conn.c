@@ -70,6 +70,7 @@ int msg_conn_add(struct msg_endpoint* ep, int fd, const struct ucred* peer, uint
     }
     conn->fd = fd;
     conn->refs = 1;
+    conn->deadline = kMsgForever;
     conn->address = next_free_address(ep);
     conn->peer.address = conn->address;
     pthread_mutex_init(&conn->write_lock, NULL);

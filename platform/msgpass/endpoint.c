@@ -218,6 +218,7 @@ static struct msg_endpoint* endpoint_new(const char* name) {
     strcpy(ep->name, name);
     ep->listen_fd = ep->wait_fd = ep->wake_fd = ep->poll_fd = ep->pending_fd = -1;
     ep->name_watch_fd = -1;
+    ep->next_deadline = kMsgForever;
     pthread_mutex_init(&ep->lock, NULL);
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
@@ -300,6 +301,8 @@ static int endpoint_open(struct msg_endpoint* ep, int mode) {
     if (msg_endpoint_ensure_wait_set(ep) != 0) {
         return MSG_ERR_SYSTEM;
     }
+    ep->owner = geteuid();
+    ep->base_fds = msg_count_open_fds();
     status = msg_install_socket(ep, dirSt.st_uid);
     if (status == MSG_OK && add_to_wait_set(ep->wait_fd, ep->listen_fd, kMsgListenToken) != 0) {
         remove_socket(ep);

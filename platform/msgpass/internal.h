@@ -128,6 +128,10 @@ struct msg_conn {
     uint32_t header_fill;
     MSG_Msg* partial;
     uint32_t partial_fill;
+    /* Limits (limits.c): whether its peer is held to them, and by when it must have sent a
+     * whole message (kMsgForever while it owes none). */
+    int limited;
+    int64_t deadline;
     /* What of this connection's input waits in the endpoint's queue. */
     size_t queued_bytes;
     uint32_t queued_count;
@@ -150,6 +154,21 @@ void msg_listen_resume(struct msg_endpoint* ep);
 int msg_conn_watch_all(struct msg_endpoint* ep);
 /* Asks the leader to report room in the socket, or stops asking; 0, or -1 when epoll refused. */
 int msg_conn_want_output(struct msg_endpoint* ep, struct msg_conn* conn, int want);
+
+/* ---- Limits of one user's connections (limits.c); endpoint's lock held ---- */
+
+/* Descriptors open in this process now. */
+int msg_count_open_fds(void);
+/* Whether connections from `uid` are held to the limits: all but root's and our own user's. */
+int msg_peer_is_limited(const struct msg_endpoint* ep, uid_t uid);
+/* Whether a new connection from `uid`, whose socket is `fd`, may be served. */
+int msg_admit(const struct msg_endpoint* ep, uid_t uid, int fd);
+/* Starts (running) or ends the time a limited connection has to complete a message. */
+void msg_conn_set_deadline(struct msg_endpoint* ep, struct msg_conn* conn, int running);
+/* `timeoutMs` shortened to the next deadline. */
+int msg_deadline_wait(const struct msg_endpoint* ep, int timeoutMs);
+/* Drops the connections whose deadline has passed. */
+void msg_drop_idle(struct msg_endpoint* ep);
 
 /* ---- Send queues (sendqueue.c); the connection's write lock held ---- */
 
@@ -201,6 +220,9 @@ struct msg_endpoint {
     int listen_paused;       /* out of descriptors: stop accepting until a connection goes */
     int64_t listen_retry_at; /* or until then: the descriptors may not have been ours */
     uint32_t last_address;
+    uid_t owner;             /* our effective uid at open: its connections are not limited */
+    int base_fds;            /* descriptors the process had open when the endpoint opened */
+    int64_t next_deadline;   /* earliest deadline of a connection, or kMsgForever */
     struct msg_conn* conns;
     /* Addresses of connections gone since MSG_TakeClosed last took them, oldest first. */
     uint32_t gone[MSG_MAX_CLOSED_NOTED];

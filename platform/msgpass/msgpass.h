@@ -146,6 +146,22 @@ const char* MSG_StatusText(int status);
  * that names no open connection, MSG_ERR_BAD_ARG for a null `bytes`. */
 int MSG_GetQueuedBytes(const char* localName, uint32_t remoteAddress, size_t* bytes);
 
+/* Limits of a published endpoint on the connections of "other users": every user but root and
+ * the endpoint's own (the effective uid that opened it), so that one of them cannot shut out the
+ * rest. Nothing here limits root and the endpoint's own user.
+ *
+ * At most MSG_MAX_CONNS_PER_USER connections of one other user at once; beyond that, and when
+ * fewer than MSG_RESERVED_DESCRIPTORS descriptors would be left below the process's limit
+ * (RLIMIT_NOFILE; counted from the descriptors open when the endpoint was opened, plus its
+ * connections), a new connection of another user is closed at once, before it is read: the
+ * reserve is for root's and the own user's clients, who are always accepted while descriptors
+ * remain. Such a connection must also deliver a whole message within MSG_IDLE_CONNECTION_MS of
+ * being accepted, and finish every later message within that time of its first byte; otherwise
+ * it is dropped. Between messages it may stay silent as long as it likes. */
+#define MSG_MAX_CONNS_PER_USER 64
+#define MSG_RESERVED_DESCRIPTORS 32
+#define MSG_IDLE_CONNECTION_MS 5000
+
 /* Attaches a name to this process for the library's own diagnostics. MSG_ERR_BAD_ARG for null,
  * MSG_ERR_BAD_NAME for a name that would not be a valid endpoint name. */
 int MSG_DebugSetName(const char* name);

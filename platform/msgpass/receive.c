@@ -100,6 +100,7 @@ static void complete_if_whole(struct msg_endpoint* ep, struct msg_conn* conn) {
     if (conn->partial && conn->partial_fill == conn->partial->bytes) {
         enqueue(ep, conn, conn->partial);
         conn->partial = NULL;
+        msg_conn_set_deadline(ep, conn, 0);
     }
 }
 
@@ -109,6 +110,9 @@ static int consume(struct msg_endpoint* ep, struct msg_conn* conn, const unsigne
     while (length > 0) {
         size_t step;
         if (!conn->partial) {
+            if (conn->header_fill == 0 && conn->deadline == kMsgForever) {
+                msg_conn_set_deadline(ep, conn, 1); /* a frame begins: it must be finished */
+            }
             step = kMsgHeaderBytes - conn->header_fill;
             step = step < length ? step : length;
             memcpy(conn->header + conn->header_fill, data, step);
@@ -174,11 +178,28 @@ static int read_conn(struct msg_endpoint* ep, struct msg_conn* conn) {
     return 0;
 }
 
+/* A client refused, or one whose connection failed, sees its socket closed before anything. */
+static void admit(struct msg_endpoint* ep, int fd) {
+    struct ucred cred;
+    socklen_t length = sizeof(cred);
+    uint32_t address;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0 ||
+        !msg_admit(ep, cred.uid, fd)) {
+        close(fd);
+        return;
+    }
+    if (msg_conn_add(ep, fd, &cred, &address) == MSG_OK) {
+        struct msg_conn* conn = msg_conn_find(ep, address);
+        conn->limited = msg_peer_is_limited(ep, cred.uid);
+        msg_conn_set_deadline(ep, conn, 1); /* its first message is owed */
+    }
+}
+
 void msg_accept_pending(struct msg_endpoint* ep) {
     for (int i = 0; i < kAcceptsPerPass; i++) {
         int fd = accept4(ep->listen_fd, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
-            msg_conn_add(ep, fd, NULL, NULL); /* on failure the client sees its socket closed */
+            admit(ep, fd);
             continue;
         }
         if (errno == EINTR || errno == ECONNABORTED) {
@@ -258,7 +279,7 @@ static int lead(struct msg_endpoint* ep, int timeoutMs) {
     if (msg_endpoint_ensure_wait_set(ep) != 0) {
         return -1;
     }
-    timeoutMs = wait_with_listen_retry(ep, timeoutMs);
+    timeoutMs = msg_deadline_wait(ep, wait_with_listen_retry(ep, timeoutMs));
     ep->leader = 1;
     pthread_mutex_unlock(&ep->lock);
     int count = epoll_wait(ep->wait_fd, events, kMaxEvents, timeoutMs);
@@ -267,6 +288,7 @@ static int lead(struct msg_endpoint* ep, int timeoutMs) {
     if (count > 0) {
         serve_events(ep, events, count);
     }
+    msg_drop_idle(ep);
     pthread_cond_broadcast(&ep->turn);
     return 0;
 }

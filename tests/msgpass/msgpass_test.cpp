@@ -793,6 +793,76 @@ TEST_F(MsgPassTest, ARemovedNameIsPutBackOrReported) {
     close(ready[0]);
 }
 
+// Sockets of `fds` that the other end has not closed.
+int stillOpen(const std::vector<int>& fds) {
+    int open = 0;
+    for (int fd : fds) {
+        pollfd pfd{fd, POLLIN, 0};
+        open += poll(&pfd, 1, 0) == 0;
+    }
+    return open;
+}
+
+// Uid 65534 opens connection after connection to a service whose process may have 128
+// descriptors, and sends nothing but one message on the first. Beyond its share they are closed
+// at once and root's client is served; the silent ones are dropped after the idle limit, the one
+// that sent a message stays.
+TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
+    SKIP_UNLESS_ROOT();
+    ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
+    int ready[2], counts[2];
+    ASSERT_EQ(pipe(ready) | pipe(counts), 0);
+    spawn([&] {
+        const rlimit low{128, 128};
+        if (setrlimit(RLIMIT_NOFILE, &low) != 0 || MSG_OpenService("svc") != MSG_OK ||
+            write(ready[1], "r", 1) != 1) {
+            return 20;
+        }
+        for (;;) {
+            MSG_Sender from{};
+            if (take(MSG_RecvAny("svc", -1), &from) == "ping") {
+                MSG_SendMsg("svc", from.address, makeMsg(2, "pong"));
+            }
+        }
+    });
+    char byte;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    spawn([&] {
+        std::vector<int> fds;
+        for (int i = 0, nobody = becomeNobody(); nobody && i < 300; i++) {
+            fds.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+            sockaddr_un addr{AF_UNIX, {}};
+            snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/svc", dir_.path.c_str());
+            connect(fds.back(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+            if (i == 0) {
+                sendRaw(fds.back(), frame(1, "talk"));
+            }
+        }
+        usleep(500 * 1000);
+        const int early = stillOpen(fds);
+        usleep((MSG_IDLE_CONNECTION_MS + 1500) * 1000);
+        const int late = stillOpen(fds);
+        return write(counts[1], &early, sizeof early) + write(counts[1], &late, sizeof late) == 8
+                   ? 0
+                   : 21;
+    });
+    usleep(100 * 1000);
+    uint32_t address = 0;
+    ASSERT_EQ(MSG_OpenLocal("root"), MSG_OK);
+    ASSERT_EQ(MSG_OpenRemoteSync("root", "svc", 2000, &address), MSG_OK);
+    ASSERT_EQ(MSG_SendMsg("root", address, makeMsg(1, "ping")), MSG_OK);
+    EXPECT_EQ(take(MSG_RecvMsg("root", 2, 2000)), "pong") << "root was shut out";
+    int early = -1, late = -1;
+    ASSERT_EQ(read(counts[0], &early, sizeof early), (ssize_t)sizeof early);
+    ASSERT_EQ(read(counts[0], &late, sizeof late), (ssize_t)sizeof late);
+    EXPECT_GE(early, 1);
+    EXPECT_LE(early, MSG_MAX_CONNS_PER_USER);
+    EXPECT_EQ(late, 1) << "silent connections were kept, or the talking one dropped";
+    for (int fd : {ready[0], ready[1], counts[0], counts[1]}) {
+        close(fd);
+    }
+}
+
 // However a process ends normally, with its endpoints open or not, their files go with it; the
 // exit of a child made by fork() leaves the parent's alone.
 TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
