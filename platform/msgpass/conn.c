@@ -98,7 +98,9 @@ void msg_conn_unref(struct msg_conn* conn) {
         return;
     }
     close(conn->fd);
-    free(conn->partial);
+    if (conn->partial) {
+        msg_free(conn->partial);
+    }
     msg_queue_discard(conn);
     pthread_mutex_destroy(&conn->write_lock);
     free(conn);

@@ -15,6 +15,8 @@
 #include "registry.h"
 
 enum { kBacklog = 128 };
+
+int msg_exiting;
 /* Bounds the search for a free temporary name (see bind_listening). */
 enum { kTempNameAttempts = 16 };
 
@@ -234,7 +236,7 @@ void msg_endpoint_free(struct msg_endpoint* ep) {
     }
     while (ep->queue_head) {
         MSG_Msg* next = ep->queue_head->next;
-        free(ep->queue_head);
+        msg_free(ep->queue_head);
         ep->queue_head = next;
     }
     int fds[] = {ep->listen_fd, ep->wait_fd,    ep->wake_fd,
@@ -396,6 +398,7 @@ MSG_EXPORT int MSG_CloseLocal(const char* name) {
  * go; threads still inside the library go on with their descriptors and memory. The registry
  * lock is only tried: a thread that holds it at exit must not hang the exit. */
 __attribute__((destructor)) static void remove_names_at_exit(void) {
+    __atomic_store_n(&msg_exiting, 1, __ATOMIC_RELAXED); /* a leader must not put them back */
     for (int attempt = 0; attempt < 100; attempt++) {
         if (msg_registry_trylock()) {
             for (struct msg_endpoint* ep = msg_registry_first_locked(); ep; ep = ep->next) {

@@ -34,15 +34,38 @@ struct MsgBuf {
     int flags;    /* of MSG_AllocMsg */
     int received; /* sender below is valid */
     MSG_Sender sender;
+    uint32_t capacity; /* payload bytes allocated: `bytes`, or fewer while a frame arrives */
+    size_t mapped;     /* bytes mapped for it, or 0 when it came from malloc */
+    size_t charged;    /* what it holds of the process's memory bound (memory.c), or 0 */
     /* Header then payload, contiguous so that a send is one write. 16-aligned payload. */
     _Alignas(16) unsigned char frame[];
 };
 
 MSG_Msg* msg_new(uint32_t id, uint32_t bytes);
+/* A message of `bytes` whose payload has room for `capacity` (<= bytes) so far. */
+MSG_Msg* msg_new_room(uint32_t id, uint32_t bytes, uint32_t capacity);
+/* Room for `capacity` payload bytes; NULL, `msg` untouched, when there is no memory. */
+MSG_Msg* msg_grow(MSG_Msg* msg, uint32_t capacity);
+/* Memory a message with room for `capacity` payload bytes takes. */
+size_t msg_footprint(uint32_t capacity);
+/* Frees a message and gives back what it was charged. */
+void msg_free(MSG_Msg* msg);
 unsigned char* msg_payload(MSG_Msg* msg);
 void msg_encode_header(MSG_Msg* msg);
 /* 0 and the id and length when the header is one of ours, -1 otherwise. */
 int msg_decode_header(const unsigned char* header, uint32_t* id, uint32_t* bytes);
+
+/* ---- The process's memory bound, MSG_MEMORY_BYTES (memory.c) ---- */
+
+struct msg_endpoint;
+struct msg_conn;
+
+/* Gives back `bytes` charged before. */
+void msg_memory_release(size_t bytes);
+/* Endpoint's lock held: charges `bytes` for `conn`, dropping the connections of the endpoint
+ * that hold the most until they fit. -1, nothing charged, when `conn` itself holds the most: the
+ * caller drops it. */
+int msg_memory_reserve(struct msg_endpoint* ep, struct msg_conn* conn, size_t bytes);
 
 /* ---- Clock and time-outs (clock.c) ---- */
 
@@ -146,6 +169,8 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_unref(struct msg_conn* conn);
 void msg_conn_pause(struct msg_endpoint* ep, struct msg_conn* conn);
 void msg_conn_resume(struct msg_endpoint* ep, struct msg_conn* conn);
+/* Frees the messages of `conn` that wait in the endpoint's queue (receive.c). */
+void msg_purge_input(struct msg_endpoint* ep, struct msg_conn* conn);
 /* Accepts what waits on the listening socket (receive.c). */
 void msg_accept_pending(struct msg_endpoint* ep);
 /* Accepts again after running out of descriptors (a no-op unless accepting was paused). */
@@ -180,6 +205,9 @@ int msg_queue_admit(struct msg_conn* conn, MSG_Msg* msg);
 int msg_queue_flush(struct msg_conn* conn);
 /* Writes the whole queue, waiting for the peer (MSG_ERR_TIMEOUT after MSG_SEND_STALL_MS). */
 int msg_queue_drain(struct msg_conn* conn);
+/* Charges the frames left in the queue after a send that does not wait, endpoint's lock held
+ * too; -1 when the connection must go to keep the memory bound. */
+int msg_queue_charge(struct msg_endpoint* ep, struct msg_conn* conn);
 /* Frees what is left; the last reference to the connection is going. */
 void msg_queue_discard(struct msg_conn* conn);
 /* The leader, endpoint's lock held: the socket has room; MSG_OK or why it must be dropped. */
@@ -247,6 +275,9 @@ int msg_endpoint_ensure_wait_set(struct msg_endpoint* ep);
 int msg_install_socket(struct msg_endpoint* ep, uid_t dirOwner);
 
 /* ---- A published name that goes (republish.c) ---- */
+
+/* Set (atomically) when the process exits and its names are being removed. */
+extern int msg_exiting;
 
 /* Starts watching the directory of a published endpoint for its name going; without a watch the
  * name is checked on MSG_CheckPublished only. */

@@ -1,18 +1,83 @@
 /* message.c - message handles and the wire header that frames them. */
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 
 #include "internal.h"
 
-MSG_Msg* msg_new(uint32_t id, uint32_t bytes) {
-    MSG_Msg* msg = malloc(sizeof(MSG_Msg) + kMsgHeaderBytes + (size_t)bytes);
+/* Large buffers are mapped of their own, so that their memory goes back to the system when they
+ * are freed, whatever the allocator would keep. */
+enum { kMapBytes = 128 * 1024 };
+
+size_t msg_footprint(uint32_t capacity) {
+    return sizeof(MSG_Msg) + kMsgHeaderBytes + (size_t)capacity;
+}
+
+static MSG_Msg* allocate(size_t total, size_t* mapped) {
+    *mapped = 0;
+    if (total < kMapBytes) {
+        return malloc(total);
+    }
+    void* memory = mmap(NULL, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        return NULL;
+    }
+    *mapped = total;
+    return memory;
+}
+
+MSG_Msg* msg_new_room(uint32_t id, uint32_t bytes, uint32_t capacity) {
+    size_t mapped;
+    MSG_Msg* msg = allocate(msg_footprint(capacity), &mapped);
     if (!msg) {
         return NULL;
     }
     memset(msg, 0, sizeof(*msg));
     msg->id = id;
     msg->bytes = bytes;
+    msg->capacity = capacity;
+    msg->mapped = mapped;
     return msg;
+}
+
+MSG_Msg* msg_new(uint32_t id, uint32_t bytes) {
+    return msg_new_room(id, bytes, bytes);
+}
+
+MSG_Msg* msg_grow(MSG_Msg* msg, uint32_t capacity) {
+    const size_t total = msg_footprint(capacity);
+    MSG_Msg* grown;
+    if (msg->mapped) {
+        grown = mremap(msg, msg->mapped, total, MREMAP_MAYMOVE);
+        if (grown == MAP_FAILED) {
+            return NULL;
+        }
+        grown->mapped = total;
+    } else if (total >= kMapBytes) {
+        size_t mapped;
+        grown = allocate(total, &mapped);
+        if (!grown) {
+            return NULL;
+        }
+        memcpy(grown, msg, msg_footprint(msg->capacity));
+        grown->mapped = mapped;
+        free(msg);
+    } else if (!(grown = realloc(msg, total))) {
+        return NULL;
+    }
+    grown->capacity = capacity;
+    return grown;
+}
+
+void msg_free(MSG_Msg* msg) {
+    if (msg->charged) {
+        msg_memory_release(msg->charged);
+    }
+    if (msg->mapped) {
+        munmap(msg, msg->mapped);
+    } else {
+        free(msg);
+    }
 }
 
 unsigned char* msg_payload(MSG_Msg* msg) {
@@ -86,6 +151,6 @@ MSG_EXPORT int MSG_ReleaseMsg(MSG_Msg* msg) {
     if (!msg) {
         return MSG_ERR_BAD_ARG;
     }
-    free(msg);
+    msg_free(msg);
     return MSG_OK;
 }

@@ -146,6 +146,15 @@ const char* MSG_StatusText(int status);
  * that names no open connection, MSG_ERR_BAD_ARG for a null `bytes`. */
 int MSG_GetQueuedBytes(const char* localName, uint32_t remoteAddress, size_t* bytes);
 
+/* Most memory the library holds for the peers of this process, over all its endpoints: frames
+ * being received (room for a payload is taken as its bytes arrive, not when its header announces
+ * it), messages received and not yet taken by MSG_RecvMsg or MSG_RecvAny, and messages of
+ * MSG_SEND_NOWAIT waiting in send queues. When a peer's need would go beyond it, the connections
+ * of that endpoint that hold the most are dropped first, with what they held, until it fits, and
+ * when the needy one holds the most it is dropped itself. Large buffers are given back to the
+ * system when freed. Messages the caller holds (allocated, or received and taken) do not count. */
+#define MSG_MEMORY_BYTES (64u * 1024u * 1024u)
+
 /* Limits of a published endpoint on the connections of "other users": every user but root and
  * the endpoint's own (the effective uid that opened it), so that one of them cannot shut out the
  * rest. Nothing here limits root and the endpoint's own user.

@@ -24,6 +24,8 @@ enum {
     /* Stop reading a connection when this much of its input waits unclaimed; resume at half. */
     kPauseQueuedBytes = MSG_MAX_PAYLOAD_BYTES,
     kPauseQueuedCount = 4096,
+    /* Payload room given to a frame when its header arrives; it doubles as the bytes do. */
+    kFirstRoomBytes = 64 * 1024,
     /* Out of descriptors, how long accepting waits before it is tried again. */
     kListenRetryMs = 100
 };
@@ -58,7 +60,10 @@ static void enqueue(struct msg_endpoint* ep, struct msg_conn* conn, MSG_Msg* msg
     }
 }
 
-static void account_taken(struct msg_endpoint* ep, const MSG_Msg* msg) {
+static void account_taken(struct msg_endpoint* ep, MSG_Msg* msg) {
+    /* The caller's from now on: it no longer counts against the library's bound. */
+    msg_memory_release(msg->charged);
+    msg->charged = 0;
     struct msg_conn* conn = msg_conn_find(ep, msg->sender.address);
     if (!conn) {
         return; /* it has gone since; its messages stay deliverable */
@@ -96,6 +101,68 @@ static MSG_Msg* take_queued(struct msg_endpoint* ep, int any, uint32_t id) {
     return NULL;
 }
 
+void msg_purge_input(struct msg_endpoint* ep, struct msg_conn* conn) {
+    MSG_Msg** link = &ep->queue_head;
+    ep->queue_tail = NULL;
+    while (*link) {
+        MSG_Msg* msg = *link;
+        if (msg->sender.address == conn->address) {
+            *link = msg->next;
+            msg_free(msg);
+        } else {
+            ep->queue_tail = msg;
+            link = &msg->next;
+        }
+    }
+    conn->queued_bytes = 0;
+    conn->queued_count = 0;
+    if (!ep->queue_head) {
+        signal_pending(ep, 0);
+    }
+}
+
+/* Room for the first part of a frame's payload, charged; the rest is added as bytes arrive,
+ * so that a header announcing much and a peer sending little cost little. */
+static int begin_frame(struct msg_endpoint* ep, struct msg_conn* conn, uint32_t id,
+                       uint32_t bytes) {
+    const uint32_t room = bytes < kFirstRoomBytes ? bytes : kFirstRoomBytes;
+    const size_t cost = msg_footprint(room);
+    if (msg_memory_reserve(ep, conn, cost) != 0) {
+        return -1;
+    }
+    conn->partial = msg_new_room(id, bytes, room);
+    if (!conn->partial) {
+        msg_memory_release(cost);
+        return -1;
+    }
+    conn->partial->charged = cost;
+    conn->partial_fill = 0;
+    return 0;
+}
+
+/* Doubles the room of the frame being read (up to its length) once it is full. */
+static int make_room(struct msg_endpoint* ep, struct msg_conn* conn) {
+    MSG_Msg* partial = conn->partial;
+    if (conn->partial_fill < partial->capacity) {
+        return 0;
+    }
+    const uint32_t room = partial->bytes - partial->capacity > partial->capacity
+                              ? partial->capacity * 2
+                              : partial->bytes;
+    const size_t more = msg_footprint(room) - partial->charged;
+    if (msg_memory_reserve(ep, conn, more) != 0) {
+        return -1;
+    }
+    MSG_Msg* grown = msg_grow(partial, room);
+    if (!grown) {
+        msg_memory_release(more);
+        return -1;
+    }
+    grown->charged += more;
+    conn->partial = grown;
+    return 0;
+}
+
 static void complete_if_whole(struct msg_endpoint* ep, struct msg_conn* conn) {
     if (conn->partial && conn->partial_fill == conn->partial->bytes) {
         enqueue(ep, conn, conn->partial);
@@ -123,14 +190,15 @@ static int consume(struct msg_endpoint* ep, struct msg_conn* conn, const unsigne
                     return -1;
                 }
                 conn->header_fill = 0;
-                conn->partial_fill = 0;
-                conn->partial = msg_new(id, bytes);
-                if (!conn->partial) {
+                if (begin_frame(ep, conn, id, bytes) != 0) {
                     return -1;
                 }
             }
         } else {
-            step = conn->partial->bytes - conn->partial_fill;
+            if (make_room(ep, conn) != 0) {
+                return -1;
+            }
+            step = conn->partial->capacity - conn->partial_fill;
             step = step < length ? step : length;
             memcpy(msg_payload(conn->partial) + conn->partial_fill, data, step);
             conn->partial_fill += (uint32_t)step;
@@ -152,8 +220,12 @@ static int read_conn(struct msg_endpoint* ep, struct msg_conn* conn) {
     while (budget > 0 && !conn->paused) {
         size_t missing = conn->partial ? conn->partial->bytes - conn->partial_fill : 0;
         int direct = missing >= kMsgStageBytes;
+        if (direct && make_room(ep, conn) != 0) {
+            return -1;
+        }
+        size_t room = direct ? conn->partial->capacity - conn->partial_fill : 0;
         unsigned char* into = direct ? msg_payload(conn->partial) + conn->partial_fill : ep->stage;
-        size_t want = direct ? (missing < budget ? missing : budget) : kMsgStageBytes;
+        size_t want = direct ? (room < budget ? room : budget) : kMsgStageBytes;
         ssize_t n = recv(conn->fd, into, want, MSG_DONTWAIT);
         if (n == 0) {
             return -1;

@@ -73,7 +73,7 @@ static int republish(struct msg_endpoint* ep) {
 }
 
 static int check_name(struct msg_endpoint* ep) {
-    if (!ep->closed && !name_is_ours(ep)) {
+    if (!ep->closed && !__atomic_load_n(&msg_exiting, __ATOMIC_RELAXED) && !name_is_ours(ep)) {
         ep->name_status = republish(ep);
     }
     return ep->name_status;

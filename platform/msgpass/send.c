@@ -22,7 +22,7 @@ static int write_or_queue(struct msg_conn* conn, MSG_Msg* msg) {
         return msg_queue_drain(conn);
     }
     if (msg_queue_admit(conn, msg) != MSG_OK) {
-        free(msg);
+        msg_free(msg);
         return MSG_ERR_QUEUE_FULL;
     }
     return msg_queue_flush(conn);
@@ -32,6 +32,9 @@ static int send_on(struct msg_endpoint* ep, struct msg_conn* conn, MSG_Msg* msg)
     pthread_mutex_lock(&conn->write_lock);
     int status = write_or_queue(conn, msg);
     pthread_mutex_lock(&ep->lock);
+    if (status == MSG_OK && msg_queue_charge(ep, conn) != 0) {
+        status = MSG_ERR_QUEUE_FULL;
+    }
     /* Whatever is left waits for the leader to see room in the socket. */
     if (status == MSG_OK && msg_conn_want_output(ep, conn, conn->out_head != NULL) != 0) {
         status = MSG_ERR_SYSTEM;
@@ -64,7 +67,7 @@ MSG_EXPORT int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Ms
     if (status == MSG_OK) {
         status = send_on(ep, conn, msg);
     } else {
-        free(msg);
+        msg_free(msg);
     }
     if (ep) {
         msg_endpoint_put(ep);

@@ -70,7 +70,7 @@ static void free_head(struct msg_conn* conn) {
     }
     conn->out_head_sent = 0;
     conn->out_held -= held_bytes(head);
-    free(head);
+    msg_free(head);
 }
 
 static void forget_written(struct msg_conn* conn, size_t written) {
@@ -162,6 +162,19 @@ int msg_queue_drain(struct msg_conn* conn) {
         }
     }
     return MSG_OK;
+}
+
+int msg_queue_charge(struct msg_endpoint* ep, struct msg_conn* conn) {
+    for (MSG_Msg* msg = conn->out_head; msg; msg = msg->next) {
+        if (!msg->charged) {
+            const size_t cost = msg_footprint(msg->capacity);
+            if (msg_memory_reserve(ep, conn, cost) != 0) {
+                return -1;
+            }
+            msg->charged = cost;
+        }
+    }
+    return 0;
 }
 
 void msg_queue_discard(struct msg_conn* conn) {

@@ -793,12 +793,12 @@ TEST_F(MsgPassTest, ARemovedNameIsPutBackOrReported) {
     close(ready[0]);
 }
 
-// Sockets of `fds` that the other end has not closed.
+// Sockets of `fds` that the other end has not closed (unread input or not).
 int stillOpen(const std::vector<int>& fds) {
     int open = 0;
     for (int fd : fds) {
-        pollfd pfd{fd, POLLIN, 0};
-        open += poll(&pfd, 1, 0) == 0;
+        pollfd pfd{fd, POLLRDHUP, 0};
+        open += poll(&pfd, 1, 0) == 0 || !(pfd.revents & (POLLRDHUP | POLLHUP));
     }
     return open;
 }
@@ -1012,6 +1012,84 @@ TEST_F(MsgPassTest, QueuedFramesArriveInOrderAsThePeerReads) {
     auto pump = [] { return MSG_RecvMsg("svc", kNeverSent, 10) == nullptr; };
     EXPECT_TRUE(readAll(peer, wire.size(), pump) == wire) << "input paused: the frames differ";
     close(peer);
+}
+
+// ---- The process's memory bound ----
+
+// Field `name` of /proc/<pid>/status ("VmRSS", "VmSize") in MiB, or -1.
+long mibOf(pid_t pid, const std::string& name) {
+    for (const std::string& line :
+         testsupport::split(testsupport::readFile("/proc/" + std::to_string(pid) + "/status"), "\n")) {
+        if (line.rfind(name + ":", 0) == 0) {
+            return std::stol(line.substr(name.size() + 1)) / 1024;
+        }
+    }
+    return -1;
+}
+
+// A service that answers "fill" with three 1 MiB messages that never wait, faces peers that
+// announce large frames and send little, peers that send much, and peers that never read: it
+// reserves memory as bytes come, stays within the bound by dropping peers, and gives the memory
+// back when they are gone.
+TEST_F(MsgPassTest, MemoryStaysWithinTheBoundAndGoesBack) {
+    const std::string kMiB(1 << 20, 'z');
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t service = spawn([&] {
+        if (MSG_OpenService("svc") != MSG_OK || write(ready[1], "r", 1) != 1) {
+            return 20;
+        }
+        for (;;) {
+            MSG_Sender from{};
+            if (take(MSG_RecvAny("svc", -1), &from) == "fill") {
+                for (int i = 0; i < 3; i++) {
+                    MSG_SendMsg("svc", from.address, makeMsg(2 + i, kMiB, MSG_SEND_NOWAIT));
+                }
+            }
+        }
+    });
+    char byte;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    const long bound = MSG_MEMORY_BYTES >> 20, size = mibOf(service, "VmSize"),
+               rss = mibOf(service, "VmRSS");
+    // Whether `holds` comes true within three seconds, as the service works through its input.
+    auto soon = [](const std::function<bool()>& holds) {
+        for (int i = 0; i < 60 && !holds(); i++) {
+            usleep(50 * 1000);
+        }
+        return holds();
+    };
+    auto grown = [&](const char* field, long base) { return mibOf(service, field) - base; };
+    std::vector<int> peers;
+    for (int i = 0; i < 48; i++) {  // 16 MiB announced, 1 KiB sent: 768 MiB if reserved at once
+        peers.push_back(unixSocket("svc"));
+        sendRaw(peers.back(), frameHeader(kWireMagic, 1, kMax) + std::string(1024, 'x'));
+    }
+    usleep(300 * 1000);
+    EXPECT_LT(grown("VmSize", size), 32) << "announced sizes were reserved";
+    const std::string more(3 << 20, 'y');  // 144 MiB sent in all
+    for (int fd : peers) {
+        send(fd, more.data(), more.size(), MSG_NOSIGNAL);
+    }
+    EXPECT_TRUE(soon([&] { return stillOpen(peers) < 48; })) << "nobody was dropped";
+    EXPECT_LT(grown("VmRSS", rss), bound + 8) << "partial frames beyond the bound";
+    for (int fd : peers) {
+        close(fd);
+    }
+    EXPECT_TRUE(soon([&] { return grown("VmRSS", rss) < 16; })) << "memory not given back";
+    peers.clear();
+    for (int i = 0; i < 30; i++) {  // 3 MiB each waits for readers that never read: 90 MiB
+        peers.push_back(unixSocket("svc"));
+        sendRaw(peers.back(), frame(1, "fill"));
+    }
+    EXPECT_TRUE(soon([&] { return stillOpen(peers) < 30; })) << "nobody was dropped";
+    EXPECT_LT(grown("VmRSS", rss), bound + 8) << "unread answers beyond the bound";
+    for (int fd : peers) {
+        close(fd);
+    }
+    EXPECT_TRUE(soon([&] { return grown("VmRSS", rss) < 16; })) << "memory not given back";
+    close(ready[0]);
+    close(ready[1]);
 }
 
 // ---- Bad peers: cut off at once, without a word from the others, who go on ----
