@@ -205,8 +205,8 @@ int msg_queue_admit(struct msg_conn* conn, MSG_Msg* msg);
 int msg_queue_flush(struct msg_conn* conn);
 /* Writes the whole queue, waiting for the peer (MSG_ERR_TIMEOUT after MSG_SEND_STALL_MS). */
 int msg_queue_drain(struct msg_conn* conn);
-/* Charges the frames left in the queue after a send that does not wait, endpoint's lock held
- * too; -1 when the connection must go to keep the memory bound. */
+/* Charges what a send that does not wait left in the queue, endpoint's lock held too; -1 when
+ * the connection must go to keep the memory bound. */
 int msg_queue_charge(struct msg_endpoint* ep, struct msg_conn* conn);
 /* Frees what is left; the last reference to the connection is going. */
 void msg_queue_discard(struct msg_conn* conn);

@@ -164,15 +164,16 @@ int msg_queue_drain(struct msg_conn* conn) {
     return MSG_OK;
 }
 
+/* Frames go from the head, so a frame of this send that is left is the tail; those before it
+ * were charged by their own sends. */
 int msg_queue_charge(struct msg_endpoint* ep, struct msg_conn* conn) {
-    for (MSG_Msg* msg = conn->out_head; msg; msg = msg->next) {
-        if (!msg->charged) {
-            const size_t cost = msg_footprint(msg->capacity);
-            if (msg_memory_reserve(ep, conn, cost) != 0) {
-                return -1;
-            }
-            msg->charged = cost;
+    MSG_Msg* msg = conn->out_tail;
+    if (msg && !msg->charged) {
+        const size_t cost = msg_footprint(msg->capacity);
+        if (msg_memory_reserve(ep, conn, cost) != 0) {
+            return -1;
         }
+        msg->charged = cost;
     }
     return 0;
 }
