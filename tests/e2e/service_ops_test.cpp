@@ -189,9 +189,8 @@ TEST_F(Operated, ReloadThatCannotReopenTheStoreStopsTheService) {
 // taken by another live endpoint, it stops with the reason, for its supervisor to restart it.
 TEST_F(Operated, RemovedEndpointComesBackAndATakenOneStopsTheService) {
     ASSERT_EQ(unlink(service_.endpointPath().c_str()), 0);
-    ConfigSession late;
-    EXPECT_EQ(late.connect("late", 5000), ConfigSession::kOk);
-    EXPECT_EQ(write(&late, "audio/volume", "70"), kErrNoError);
+    ServiceClient late("late");
+    EXPECT_EQ(late.write("audio/volume", {"70"}), kErrNoError);
     EXPECT_EQ(read("audio/volume"), "70") << "the first client lost its connection";
 
     // Stopped meanwhile, so that the other one takes the name before this one can put it back.
