@@ -12,6 +12,13 @@ include(CMakePackageConfigHelpers)
 file(RELATIVE_PATH install_bin_to_lib /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
 set(SETVANE_INSTALL_RPATH "$ORIGIN/${install_bin_to_lib}")
 
+# Where <libdir> is a folder the loader searches anyway (the system prefix), no RUNPATH: the
+# loader then finds our libraries through its cache at once, where a RUNPATH would first have it
+# try several sub-folders of <libdir> on every start.
+if("${CMAKE_INSTALL_FULL_LIBDIR}" IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+    set(SETVANE_INSTALL_RPATH "")
+endif()
+
 # Installs a program into `destination` (bin or sbin) as component `component`.
 function(install_program target destination component)
     set_target_properties(${target} PROPERTIES INSTALL_RPATH "${SETVANE_INSTALL_RPATH}")
