@@ -60,6 +60,8 @@ int msg_decode_header(const unsigned char* header, uint32_t* id, uint32_t* bytes
 struct msg_endpoint;
 struct msg_conn;
 
+/* In a child made by fork(): the parent's endpoints, and what they held, are not ours. */
+void msg_memory_forget(void);
 /* Gives back `bytes` charged before. */
 void msg_memory_release(size_t bytes);
 /* Endpoint's lock held: charges `bytes` for `conn`, dropping the connections of the endpoint
@@ -233,10 +235,10 @@ struct msg_endpoint {
     dev_t socket_dev; /* identity of our socket file, so that we only ever remove our own */
     ino_t socket_ino;
     int listen_fd;
-    int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
-    int wake_fd;    /* eventfd that interrupts the leader when the endpoint closes; or -1 */
-    int poll_fd;    /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
-    int pending_fd; /* eventfd readable while the queue is not empty, or -1 */
+    int wait_fd;       /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
+    int wake_fd;       /* eventfd that interrupts the leader when the endpoint closes; or -1 */
+    int poll_fd;       /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
+    int pending_fd;    /* eventfd readable while the queue is not empty, or -1 */
     int name_watch_fd; /* inotify on the directory, to notice our name going; or -1 */
     int name_status;   /* MSG_OK, or why the name, once gone, could not be put back */
 
@@ -248,9 +250,9 @@ struct msg_endpoint {
     int listen_paused;       /* out of descriptors: stop accepting until a connection goes */
     int64_t listen_retry_at; /* or until then: the descriptors may not have been ours */
     uint32_t last_address;
-    uid_t owner;             /* our effective uid at open: its connections are not limited */
-    int base_fds;            /* descriptors the process had open when the endpoint opened */
-    int64_t next_deadline;   /* earliest deadline of a connection, or kMsgForever */
+    uid_t owner;           /* our effective uid at open: its connections are not limited */
+    int base_fds;          /* descriptors the process had open when the endpoint opened */
+    int64_t next_deadline; /* earliest deadline of a connection, or kMsgForever */
     struct msg_conn* conns;
     /* Addresses of connections gone since MSG_TakeClosed last took them, oldest first. */
     uint32_t gone[MSG_MAX_CLOSED_NOTED];

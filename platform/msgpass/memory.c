@@ -16,6 +16,10 @@ static int take(size_t bytes) {
     return 1;
 }
 
+void msg_memory_forget(void) {
+    __atomic_store_n(&held, 0, __ATOMIC_RELAXED);
+}
+
 void msg_memory_release(size_t bytes) {
     __atomic_sub_fetch(&held, bytes, __ATOMIC_RELAXED);
 }

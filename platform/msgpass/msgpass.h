@@ -240,10 +240,11 @@ int MSG_SendMsg(const char* localName, uint32_t remoteAddress, MSG_Msg* msg);
  * that arrive meanwhile are kept, in arrival order, for later receives (MSG_RecvMsg or
  * MSG_RecvAny). At an endpoint of MSG_OpenLocal every message comes from a remote that this
  * endpoint connected to and checked; a published endpoint also receives from whoever connected to
- * it, so a caller that needs to know which connection answered asks MSG_GetSender. NULL on time-out, on failure, or at once when the endpoint has connected out
- * (MSG_OpenRemoteSync) and every one of its connections has since been closed: the peers it was
- * talking to are gone and nothing more can come. An endpoint that never connected out waits its
- * time-out (a published one for clients to connect and send).
+ * it, so a caller that needs to know which connection answered asks MSG_GetSender. NULL on
+ * time-out, on failure, or at once when the endpoint has connected out (MSG_OpenRemoteSync) and
+ * every one of its connections has since been closed: the peers it was talking to are gone and
+ * nothing more can come. An endpoint that never connected out waits its time-out (a published one
+ * for clients to connect and send).
  *
  * Memory stays bounded: when many unclaimed messages from one connection are queued, reading
  * from that connection pauses (its sender then waits) until some are received. */

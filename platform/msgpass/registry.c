@@ -114,6 +114,7 @@ static void forget_endpoints_after_fork(void) {
         close_quietly(ep->pending_fd);
     }
     registry_head = NULL;
+    msg_memory_forget();
 }
 
 __attribute__((constructor)) static void install_fork_handler(void) {

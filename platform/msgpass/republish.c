@@ -15,9 +15,9 @@
 void msg_watch_name(struct msg_endpoint* ep) {
     ep->name_watch_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     struct epoll_event event = {.events = EPOLLIN, .data.u64 = kMsgNameToken};
-    if (ep->name_watch_fd >= 0 && (inotify_add_watch(ep->name_watch_fd, ep->dir, kNameEvents) < 0 ||
-                                   epoll_ctl(ep->wait_fd, EPOLL_CTL_ADD, ep->name_watch_fd,
-                                             &event) != 0)) {
+    if (ep->name_watch_fd >= 0 &&
+        (inotify_add_watch(ep->name_watch_fd, ep->dir, kNameEvents) < 0 ||
+         epoll_ctl(ep->wait_fd, EPOLL_CTL_ADD, ep->name_watch_fd, &event) != 0)) {
         close(ep->name_watch_fd);
         ep->name_watch_fd = -1;
     }
@@ -25,8 +25,7 @@ void msg_watch_name(struct msg_endpoint* ep) {
 
 static int name_is_ours(const struct msg_endpoint* ep) {
     struct stat st;
-    return lstat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev &&
-           st.st_ino == ep->socket_ino;
+    return lstat(ep->path, &st) == 0 && st.st_dev == ep->socket_dev && st.st_ino == ep->socket_ino;
 }
 
 /* A new listening socket under the name; the old one stays until the new one is in place, and

@@ -196,10 +196,10 @@ TEST_F(Operated, RemovedEndpointComesBackAndATakenOneStopsTheService) {
     // Stopped meanwhile, so that the other one takes the name before this one can put it back.
     ASSERT_TRUE(service_.signal(SIGSTOP));
     ASSERT_EQ(unlink(service_.endpointPath().c_str()), 0);
-    testsupport::Background other(testsupport::kConfigsrvcBin,
-                                  {"configsrvc", "--model", service_.model, "--state",
-                                   service_.root() + "/other-state"},
-                                  {}, service_.root() + "/other.log");
+    testsupport::Background other(
+        testsupport::kConfigsrvcBin,
+        {"configsrvc", "--model", service_.model, "--state", service_.root() + "/other-state"}, {},
+        service_.root() + "/other.log");
     EXPECT_TRUE(other.waitForLog("serving ConfigSrvc")) << other.log();
     ASSERT_TRUE(service_.signal(SIGCONT));
     for (int ms = 0; ms < 10000 && service_.signal(0); ++ms) {

@@ -1018,8 +1018,8 @@ TEST_F(MsgPassTest, QueuedFramesArriveInOrderAsThePeerReads) {
 
 // Field `name` of /proc/<pid>/status ("VmRSS", "VmSize") in MiB, or -1.
 long mibOf(pid_t pid, const std::string& name) {
-    for (const std::string& line :
-         testsupport::split(testsupport::readFile("/proc/" + std::to_string(pid) + "/status"), "\n")) {
+    for (const std::string& line : testsupport::split(
+             testsupport::readFile("/proc/" + std::to_string(pid) + "/status"), "\n")) {
         if (line.rfind(name + ":", 0) == 0) {
             return std::stol(line.substr(name.size() + 1)) / 1024;
         }
