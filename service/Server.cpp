@@ -437,7 +437,6 @@ bool Server::run(int stopFd, Pause* pause) {
         pumpAll();
         // Whatever this round submitted goes to the disk together.
         committer_->release();
-
         if (!stillReachable()) {
             healthy = false;
             break;
