@@ -39,10 +39,10 @@
  * closed at once (the remote receives not a byte) and MSG_OpenRemoteSync waits on for the
  * rightful holder, answering MSG_ERR_NOT_TRUSTED if none appeared in time.
  *
- * What is left on disk: an endpoint's socket file goes when the endpoint is closed, and when the
- * process ends through exit() or a return from main, closed or not. Besides sockets the directory
- * holds the lock file ".lock" (mode 0600; one made by anybody else is replaced), through which
- * the processes that hold names serialise reclaiming and sweeping; it is made by the first
+ * What is left on disk: a published endpoint's socket file goes when the endpoint is closed, and
+ * when the process ends through exit() or a return from main, closed or not. Besides sockets the
+ * directory holds the lock file ".lock" (mode 0600; one made by anybody else is replaced), through
+ * which the processes that hold names serialise reclaiming and sweeping; it is made by the first
  * service that needs it and only services use it.
  * A process killed before it could remove its files leaves them; they are swept: whenever a
  * process publishes an endpoint it removes the sockets in the directory that no live process is
