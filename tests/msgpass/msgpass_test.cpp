@@ -130,6 +130,67 @@ std::set<std::string> namesIn(const std::string& dir) {
     return names;
 }
 
+// Whether `holds` comes true within three seconds.
+bool soon(const std::function<bool()>& holds) {
+    for (int i = 0; i < 60 && !holds(); i++) {
+        usleep(50 * 1000);
+    }
+    return holds();
+}
+
+// Answers each message at `name` with id + 1 and the same payload, with two exceptions: "sender"
+// gets "<pid> <uid> <gid>" of its sender, and "fill" three 1 MiB payloads that never wait.
+// Returns on a message "quit", which it leaves unanswered, or once `stop` is set.
+void answerAll(const char* name, const std::atomic<bool>* stop = nullptr) {
+    const std::string kMiB(1 << 20, 'z');
+    while (!stop || !*stop) {
+        MSG_Msg* msg = MSG_RecvAny(name, stop ? 20 : -1);
+        if (!msg) {
+            continue;
+        }
+        const uint32_t id = MSG_GetMsgId(msg);
+        MSG_Sender from{};
+        std::string text = take(msg, &from);
+        if (text == "quit") {
+            return;
+        }
+        if (text == "sender") {
+            text = std::to_string(from.pid) + " " + std::to_string(from.uid) + " " +
+                   std::to_string(from.gid);
+        }
+        if (text != "fill") {
+            MSG_SendMsg(name, from.address, makeMsg(id + 1, text));
+        }
+        for (int i = 0; text == "fill" && i < 3; i++) {
+            MSG_SendMsg(name, from.address, makeMsg(id + 1, kMiB, MSG_SEND_NOWAIT));
+        }
+    }
+}
+
+// Answers messages at an open endpoint on a thread of its own (see answerAll) while it exists.
+class Responder {
+  public:
+    explicit Responder(const char* name) : thread_([this, name] { answerAll(name, &stop_); }) {}
+    virtual ~Responder() {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+// Sends `text` with id 1 from `local` to `address` and takes the answer, id 2, with its sender:
+// "(none)" when none came within two seconds.
+std::string ask(const char* local, uint32_t address, const std::string& text,
+                MSG_Sender* from = nullptr) {
+    if (MSG_SendMsg(local, address, makeMsg(1, text)) != MSG_OK) {
+        return "(not sent)";
+    }
+    return take(MSG_RecvMsg(local, 2, 2000), from);
+}
+
 class MsgPassTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -152,6 +213,26 @@ class MsgPassTest : public ::testing::Test {
         }
         children_.push_back(pid);
         return pid;
+    }
+    // Runs a service of "svc" in a child process, after `setUp` (which says whether to go on),
+    // answering as answerAll does; returns once it has opened its endpoint: its pid, or -1.
+    pid_t spawnService(const std::function<bool()>& setUp = [] { return true; }) {
+        int ready[2];
+        if (pipe(ready) != 0) {
+            return -1;
+        }
+        const pid_t pid = spawn([&] {
+            if (!setUp() || MSG_OpenService("svc") != MSG_OK || write(ready[1], "r", 1) != 1) {
+                return 20;
+            }
+            answerAll("svc");
+            return 0;
+        });
+        close(ready[1]);
+        char byte;
+        const bool started = read(ready[0], &byte, 1) == 1;
+        close(ready[0]);
+        return started ? pid : -1;
     }
     // A Unix socket connected (or only bound) to the path of endpoint `name`, or -1.
     int unixSocket(const std::string& name, bool bindOnly = false) const {
@@ -197,6 +278,7 @@ TEST_F(MsgPassTest, BadArgumentsGiveTheirStatus) {
     MSG_Msg* unsent = makeMsg(7, "never received");
     MSG_Sender sender;
     uint32_t address = 0;
+    char dir[8];
     // Names refused, the lock file's among them, before any endpoint is open.
     for (const char* name : {"", tooLong.c_str(), "a/b", "../x", ".", "..", ".lock"}) {
         EXPECT_EQ(MSG_OpenLocal(name), MSG_ERR_BAD_NAME) << name;
@@ -235,6 +317,9 @@ TEST_F(MsgPassTest, BadArgumentsGiveTheirStatus) {
         {"null address out", MSG_OpenRemoteSync("me", "you", 0, nullptr), MSG_ERR_BAD_ARG},
         {"bad remote name", MSG_OpenRemoteSync("me", "", 0, &address), MSG_ERR_BAD_NAME},
         {"debug name", MSG_DebugSetName("me"), MSG_OK},
+        {"directory of unknown", MSG_GetDir("nobody", dir, sizeof(dir)), MSG_ERR_NOT_OPEN},
+        {"directory too long", MSG_GetDir("me", dir, sizeof(dir)), MSG_ERR_BAD_ARG},
+        {"directory into null", MSG_GetDir("me", nullptr, 100), MSG_ERR_BAD_ARG},
         {"close", MSG_CloseLocal("me"), MSG_OK},
         {"close twice", MSG_CloseLocal("me"), MSG_ERR_NOT_OPEN},
         {"receive after close", MSG_RecvMsg("me", 1, 0) != nullptr, 0},
@@ -266,47 +351,37 @@ TEST_F(MsgPassTest, PayloadsTravelIntactAndOtherIdsWaitInArrivalOrder) {
     }
 }
 
-// A service learns which connections went, each once, and how bad calls fail.
+// A service learns which connections went, each once: one whose peer hung up and one it closed
+// itself, whose peer sees the end at once. Its other connections go on.
 TEST_F(MsgPassTest, ClosedConnectionsAreToldOnce) {
     uint32_t gone[4] = {};
     int taken = -1;
     EXPECT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_ERR_NOT_OPEN);
     connectPair();
-    uint32_t second = 0;
-    const int raw = rawPeer("server", &second);
+    uint32_t hangsUp = 0, stays = 0;
+    const int raw = rawPeer("server", &hangsUp), other = rawPeer("server", &stays);
     EXPECT_EQ(MSG_TakeClosed("server", nullptr, 4, &taken), MSG_ERR_BAD_ARG);
     EXPECT_EQ(MSG_TakeClosed("server", gone, -1, &taken), MSG_ERR_BAD_ARG);
     ASSERT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_OK);
     EXPECT_EQ(taken, 0);
-    ASSERT_EQ(MSG_CloseLocal("client"), MSG_OK);
+    EXPECT_EQ(MSG_CloseConnection("server", 12345), MSG_ERR_NO_ROUTE);
+    ASSERT_EQ(MSG_CloseConnection("server", toClient_), MSG_OK);
+    const long long start = monotonicNs();
+    EXPECT_EQ(MSG_RecvMsg("client", 1, 2000), nullptr);
+    EXPECT_LT(msSince(start), 1000) << "the client did not see its only peer go";
+    EXPECT_EQ(MSG_SendMsg("server", toClient_, makeMsg(2, "late")), MSG_ERR_NO_ROUTE);
     close(raw);
-    EXPECT_EQ(MSG_RecvAny("server", 200), nullptr);  // sees both hang up, in either order
+    EXPECT_EQ(MSG_RecvAny("server", 200), nullptr);  // sees the hang-up
     ASSERT_EQ(MSG_TakeClosed("server", gone, 1, &taken), MSG_OK);
     EXPECT_EQ(taken, 1);
     ASSERT_EQ(MSG_TakeClosed("server", gone + 1, 4, &taken), MSG_OK);
     EXPECT_EQ(taken, 1);
-    EXPECT_EQ(std::set<uint32_t>(gone, gone + 2), (std::set<uint32_t>{toClient_, second}));
+    EXPECT_EQ(std::set<uint32_t>(gone, gone + 2), (std::set<uint32_t>{toClient_, hangsUp}));
     ASSERT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_OK);
     EXPECT_EQ(taken, 0);
-}
-
-// A service that closes one connection itself: the peer sees it end, the address is told like
-// any other, and the endpoint's other connections go on.
-TEST_F(MsgPassTest, AServiceClosesOneConnection) {
-    connectPair();
-    uint32_t other = 0;
-    const int raw = rawPeer("server", &other);
-    EXPECT_EQ(MSG_CloseConnection("server", toClient_ + 1000), MSG_ERR_NO_ROUTE);
-    ASSERT_EQ(MSG_CloseConnection("server", toClient_), MSG_OK);
-    EXPECT_EQ(MSG_RecvMsg("client", 1, 1000), nullptr);  // at once: its only peer is gone
-    EXPECT_EQ(MSG_SendMsg("server", toClient_, makeMsg(2, "late")), MSG_ERR_NO_ROUTE);
-    uint32_t gone[4] = {};
-    int taken = 0;
-    ASSERT_EQ(MSG_TakeClosed("server", gone, 4, &taken), MSG_OK);
-    ASSERT_EQ(taken, 1);
-    EXPECT_EQ(gone[0], toClient_);
-    EXPECT_EQ(MSG_SendMsg("server", other, makeMsg(3, "still")), MSG_OK);
-    close(raw);
+    EXPECT_EQ(MSG_SendMsg("server", stays, makeMsg(3, "still", MSG_SEND_NOWAIT)), MSG_OK);
+    EXPECT_EQ(readAll(other, 20), frame(3, "still"));
+    close(other);
 }
 
 // Each wait gives up when its caller's time-out has passed: not sooner, and not much later.
@@ -422,17 +497,25 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
     ASSERT_EQ(symlink(dir_.file("nowhere").c_str(), dir_.file("dangling").c_str()), 0);
     // Directories whose socket path "<dir>/probe" takes the whole socket address, or one more.
     const std::string longest = "/" + std::string(101 - dir_.path.size() - 1, 'd');
-    // The first four can be used ("/made" is created; only one level is), the rest cannot.
+    // The first four can be used ("/made" is created; only one level is), the rest cannot; the
+    // directory itself, the one named for messages, is found for the first five.
     const std::string dirs[] = {"/made",       "/made/", "/link",     longest,
                                 longest + "d", "/plain", "/dangling", "/missing/deeper"};
     const mode_t umaskBefore = umask(077);  // a narrow umask must not close "/made" to others
     for (size_t i = 0; i < std::size(dirs); i++) {
-        const int expected = i < 4 ? MSG_OK : MSG_ERR_NO_DIR;
-        setenv(MSG_DIR_ENV, (dir_.path + dirs[i]).c_str(), 1);
-        EXPECT_EQ(MSG_OpenService("probe"), expected) << dirs[i];
+        const std::string path = dir_.path + dirs[i];
+        setenv(MSG_DIR_ENV, path.c_str(), 1);
+        char named[PATH_MAX] = "";
+        EXPECT_EQ(MSG_GetDir(nullptr, named, sizeof(named)), i < 5 ? MSG_OK : MSG_ERR_NO_DIR);
+        EXPECT_EQ(named, path);
+        EXPECT_EQ(MSG_OpenService("probe"), i < 4 ? MSG_OK : MSG_ERR_NO_DIR) << dirs[i];
         uint32_t address = 0;
-        if (expected == MSG_OK && MSG_OpenLocal("c") == MSG_OK) {
+        if (i < 4 && MSG_OpenLocal("c") == MSG_OK) {
             EXPECT_EQ(MSG_OpenRemoteSync("c", "probe", 0, &address), MSG_OK) << dirs[i];
+            setenv(MSG_DIR_ENV, dir_.path.c_str(), 1);  // an open endpoint's own, whatever is set
+            named[0] = '\0';
+            EXPECT_EQ(MSG_GetDir("c", named, sizeof(named)), MSG_OK);
+            EXPECT_EQ(named, path);
         }
         MSG_CloseLocal(nullptr);
     }
@@ -459,45 +542,22 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
 
 // ---- Endpoints in separate processes ----
 
-// Comes up late, as uid and gid 65534 when run as root (so that a mix-up of the two ends' ids
-// cannot pass; the directory is then theirs, so that they may hold names in it); answers `count`
-// requests with id + 1 and the same payload, each reply sent from a thread other than the receiving
-// one; then takes one more request and dies without answering. Exit status 0; 20 when it could not
-// set up, 21 for a request not from its parent, 22 for a reply refused.
-int serveEchoThenDie(int count) {
-    const uid_t requesterUid = geteuid();
-    usleep(150 * 1000);
-    if ((geteuid() == 0 && !becomeNobody()) || MSG_OpenService("svc") != MSG_OK) {
-        return 20;
-    }
-    for (int i = 0;; i++) {
-        MSG_Msg* request = MSG_RecvAny("svc", 5000);
-        const uint32_t id = MSG_GetMsgId(request);
-        MSG_Sender from{};
-        const std::string text = take(request, &from);
-        if (text == "(no sender)" || from.pid != getppid() || from.uid != requesterUid) {
-            return 21;
-        }
-        if (i == count) {
-            return 0;
-        }
-        int status = MSG_ERR_SYSTEM;
-        std::thread([&] {
-            status = MSG_SendMsg("svc", from.address, makeMsg(id + 1, text));
-        }).join();
-        if (status != MSG_OK) {
-            return 22;
-        }
-    }
-}
-
+// The service comes up late, as uid and gid 65534 when run as root (so that a mix-up of the two
+// ends' ids cannot pass; the directory is then theirs, so that they may hold names in it), and
+// dies on the third request without answering it.
 TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
-    const uint32_t kRequest = 0x001A0000, kResponse = 0x001A0001;
     const uid_t uid = geteuid() == 0 ? 65534 : geteuid();
     const gid_t gid = geteuid() == 0 ? 65534 : getegid();
     ASSERT_EQ(chown(dir_.path.c_str(), uid, gid), 0);
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
-    const pid_t service = spawn([] { return serveEchoThenDie(2); });
+    const pid_t service = spawn([] {
+        usleep(150 * 1000);
+        if ((geteuid() == 0 && !becomeNobody()) || MSG_OpenService("svc") != MSG_OK) {
+            return 20;
+        }
+        answerAll("svc");
+        return 0;
+    });
     ASSERT_EQ(MSG_OpenLocal("tool"), MSG_OK);
     uint32_t address = 0;
     long long start = monotonicNs();
@@ -506,23 +566,24 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
     // A receiver of another id waits alongside: it must leave the replies to their receiver.
     MSG_Msg* other = nullptr;
     std::thread otherWaiter([&] { other = MSG_RecvMsg("tool", 9, 2000); });
-    for (const char* text : {"first", "second"}) {
-        EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(kRequest, text)), MSG_OK);
+    const std::string us = std::to_string(getpid()) + " " + std::to_string(geteuid()) + " " +
+                           std::to_string(getegid());
+    for (const std::string& text : {std::string("first"), std::string("sender")}) {
         MSG_Sender from{};
-        EXPECT_EQ(take(MSG_RecvMsg("tool", kResponse, 5000), &from), text);
+        EXPECT_EQ(ask("tool", address, text, &from), text == "sender" ? us : text);
         EXPECT_EQ(std::tie(from.address, from.pid, from.uid, from.gid),
                   std::tie(address, service, uid, gid));
     }
-    EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(kRequest, "anyone?")), MSG_OK);
+    EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(1, "quit")), MSG_OK);
     start = monotonicNs();
-    EXPECT_EQ(MSG_RecvMsg("tool", kResponse, 10000), nullptr);
+    EXPECT_EQ(MSG_RecvMsg("tool", 2, 10000), nullptr);
     EXPECT_LT(msSince(start), 3000) << "the death of the service was not seen at once";
     otherWaiter.join();
     EXPECT_EQ(other, nullptr);
     int status = -1;
     EXPECT_EQ(waitpid(service, &status, 0), service);
     EXPECT_EQ(status, 0) << "service exit status " << WEXITSTATUS(status);
-    EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(kRequest, "gone")), MSG_ERR_NO_ROUTE);
+    EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(1, "gone")), MSG_ERR_NO_ROUTE);
 }
 
 // Covers a name held by another live process and the socket file left by one that died, too.
@@ -615,26 +676,23 @@ TEST_F(MsgPassTest, AnImpostorGetsNothingAndTheServiceTakesItsName) {
     close(heard[0]);
 }
 
-// A client under another uid, in a directory it cannot write to, talks to the service and
-// leaves nothing behind; it may not serve a name there.
+// A client under another uid, in a directory it cannot write to, talks to the service (which
+// knows it by its ids) and leaves nothing behind; it may not serve a name there.
 TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
     SKIP_UNLESS_ROOT();
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
     ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
+    Responder responder("svc");
     const pid_t client = spawn([] {
         uint32_t address = 0;
         if (!becomeNobody() || MSG_OpenLocal("client") != MSG_OK ||
             MSG_OpenService("other") != MSG_ERR_NOT_ALLOWED ||
-            MSG_OpenRemoteSync("client", "svc", 2000, &address) != MSG_OK ||
-            MSG_SendMsg("client", address, makeMsg(1, "hello")) != MSG_OK) {
+            MSG_OpenRemoteSync("client", "svc", 2000, &address) != MSG_OK) {
             return 20;
         }
-        return take(MSG_RecvMsg("client", 2, 2000)) == "hello back" ? 0 : 21;
+        return ask("client", address, "sender") == std::to_string(getpid()) + " 65534 65534" ? 0
+                                                                                             : 21;
     });
-    MSG_Sender from{};
-    EXPECT_EQ(take(MSG_RecvAny("svc", 2000), &from), "hello");
-    EXPECT_EQ(from.uid, 65534u);
-    EXPECT_EQ(MSG_SendMsg("svc", from.address, makeMsg(2, "hello back")), MSG_OK);
     int status = -1;
     EXPECT_EQ(waitpid(client, &status, 0), client);
     EXPECT_EQ(status, 0) << "client exit status " << WEXITSTATUS(status);
@@ -678,23 +736,14 @@ int forgeAnswers(const std::string& dir, const std::string& spare, const std::st
 // endpoint is ever there to be reached.
 TEST_F(MsgPassTest, ForgedAnswersNeverReachAClient) {
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
-    constexpr uint32_t kRequest = 0x001A0000, kResponse = 0x001A0041;
     int heard[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, heard), 0);
-    const std::string forged = frame(kResponse, "forged") + frame(kResponse, "forged");
+    const std::string forged = frame(2, "forged") + frame(2, "forged");  // ask's answer id
     spawn([&] { return forgeAnswers(dir_.path, "svc", forged, heard[1]); });
     close(heard[1]);
     ASSERT_EQ(readAll(heard[0], 1), "r");
     ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
-    std::atomic<bool> serving{true};
-    std::thread service([&] {
-        while (serving) {
-            MSG_Sender from{};
-            if (take(MSG_RecvAny("svc", 20), &from) == "request") {
-                MSG_SendMsg("svc", from.address, makeMsg(kResponse, "genuine"));
-            }
-        }
-    });
+    Responder responder("svc");
     const std::set<std::string> onlyTheService{".lock", "svc"};
     for (int i = 0; i < 40; i++) {
         const std::string name = "setvane-" + std::to_string(i);
@@ -703,13 +752,10 @@ TEST_F(MsgPassTest, ForgedAnswersNeverReachAClient) {
         ASSERT_EQ(MSG_OpenRemoteSync(name.c_str(), "svc", 1000, &address), MSG_OK);
         EXPECT_EQ(namesIn(dir_.path), onlyTheService) << i;
         usleep(2000);  // the forger's moment, which it took nearly every time
-        ASSERT_EQ(MSG_SendMsg(name.c_str(), address, makeMsg(kRequest, "request")), MSG_OK);
-        EXPECT_EQ(take(MSG_RecvMsg(name.c_str(), kResponse, 2000)), "genuine") << i;
-        EXPECT_EQ(MSG_RecvMsg(name.c_str(), kResponse, 0), nullptr) << i << ": a second answer";
+        EXPECT_EQ(ask(name.c_str(), address, "genuine"), "genuine") << i;
+        EXPECT_EQ(MSG_RecvMsg(name.c_str(), 2, 0), nullptr) << i << ": a second answer";
         ASSERT_EQ(MSG_CloseLocal(name.c_str()), MSG_OK);
     }
-    serving = false;
-    service.join();
     pollfd pfd{heard[0], POLLIN, 0};
     EXPECT_EQ(poll(&pfd, 1, 0), 0) << "the forger reached a client";
     close(heard[0]);
@@ -750,15 +796,7 @@ TEST_F(MsgPassTest, LinksInTheDirectoryAreNeverFollowed) {
 TEST_F(MsgPassTest, ARemovedNameIsPutBackOrReported) {
     ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
     ASSERT_EQ(MSG_OpenLocal("client"), MSG_OK);
-    std::atomic<bool> serving{true};
-    std::thread service([&] {
-        while (serving) {
-            MSG_Sender from{};
-            if (take(MSG_RecvAny("svc", 10), &from) == "ping") {
-                MSG_SendMsg("svc", from.address, makeMsg(2, "pong"));
-            }
-        }
-    });
+    auto responder = std::make_unique<Responder>("svc");
     const std::string away = dir_.path + "-away";
     const std::pair<const char*, std::function<int()>> removals[] = {
         {"file removed", [&] { return unlink(dir_.file("svc").c_str()); }},
@@ -768,29 +806,17 @@ TEST_F(MsgPassTest, ARemovedNameIsPutBackOrReported) {
         ASSERT_EQ(remove(), 0) << what;
         uint32_t address = 0;
         ASSERT_EQ(MSG_OpenRemoteSync("client", "svc", 2000, &address), MSG_OK) << what;
-        ASSERT_EQ(MSG_SendMsg("client", address, makeMsg(1, "ping")), MSG_OK);
-        EXPECT_EQ(take(MSG_RecvMsg("client", 2, 2000)), "pong") << what;
+        EXPECT_EQ(ask("client", address, "ping"), "ping") << what;
         EXPECT_EQ(MSG_CheckPublished("svc"), MSG_OK) << what;
     }
     std::filesystem::remove_all(away);
-    serving = false;
-    service.join();
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    responder.reset();
     ASSERT_EQ(unlink(dir_.file("svc").c_str()), 0);
-    spawn([&] {
-        const int status = MSG_OpenService("svc");
-        return write(ready[1], &status, sizeof status) == sizeof status ? pause() : 20;
-    });
-    close(ready[1]);
-    int opened = -1;
-    ASSERT_EQ(read(ready[0], &opened, sizeof opened), (ssize_t)sizeof opened);
-    ASSERT_EQ(opened, MSG_OK) << "the other did not open";
+    ASSERT_GT(spawnService(), 0) << "the other did not open";
     EXPECT_EQ(MSG_RecvAny("svc", 50), nullptr);
     EXPECT_EQ(MSG_CheckPublished("svc"), MSG_ERR_NAME_IN_USE);
     EXPECT_EQ(MSG_CheckPublished("client"), MSG_ERR_BAD_ARG);
     EXPECT_EQ(MSG_CheckPublished("nobody"), MSG_ERR_NOT_OPEN);
-    close(ready[0]);
 }
 
 // Sockets of `fds` that the other end has not closed (unread input or not).
@@ -810,23 +836,10 @@ int stillOpen(const std::vector<int>& fds) {
 TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
     SKIP_UNLESS_ROOT();
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
-    int ready[2], counts[2];
-    ASSERT_EQ(pipe(ready) | pipe(counts), 0);
-    spawn([&] {
-        const rlimit low{128, 128};
-        if (setrlimit(RLIMIT_NOFILE, &low) != 0 || MSG_OpenService("svc") != MSG_OK ||
-            write(ready[1], "r", 1) != 1) {
-            return 20;
-        }
-        for (;;) {
-            MSG_Sender from{};
-            if (take(MSG_RecvAny("svc", -1), &from) == "ping") {
-                MSG_SendMsg("svc", from.address, makeMsg(2, "pong"));
-            }
-        }
-    });
-    char byte;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    int counts[2];
+    ASSERT_EQ(pipe(counts), 0);
+    const rlimit low{128, 128};
+    ASSERT_GT(spawnService([&] { return setrlimit(RLIMIT_NOFILE, &low) == 0; }), 0);
     spawn([&] {
         std::vector<int> fds;
         for (int i = 0, nobody = becomeNobody(); nobody && i < 300; i++) {
@@ -850,17 +863,15 @@ TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
     uint32_t address = 0;
     ASSERT_EQ(MSG_OpenLocal("root"), MSG_OK);
     ASSERT_EQ(MSG_OpenRemoteSync("root", "svc", 2000, &address), MSG_OK);
-    ASSERT_EQ(MSG_SendMsg("root", address, makeMsg(1, "ping")), MSG_OK);
-    EXPECT_EQ(take(MSG_RecvMsg("root", 2, 2000)), "pong") << "root was shut out";
+    EXPECT_EQ(ask("root", address, "ping"), "ping") << "root was shut out";
     int early = -1, late = -1;
     ASSERT_EQ(read(counts[0], &early, sizeof early), (ssize_t)sizeof early);
     ASSERT_EQ(read(counts[0], &late, sizeof late), (ssize_t)sizeof late);
     EXPECT_GE(early, 1);
     EXPECT_LE(early, MSG_MAX_CONNS_PER_USER);
     EXPECT_EQ(late, 1) << "silent connections were kept, or the talking one dropped";
-    for (int fd : {ready[0], ready[1], counts[0], counts[1]}) {
-        close(fd);
-    }
+    close(counts[0]);
+    close(counts[1]);
 }
 
 // However a process ends normally, with its endpoints open or not, their files go with it; the
@@ -919,30 +930,6 @@ TEST_F(MsgPassTest, StatusTextsAreTheDocumentedOnes) {
     EXPECT_STREQ(MSG_StatusText(MSG_OK), "success");
     for (int unknown : {-1, 1, MSG_ERR_BAD_ARG - 1, MSG_ERR_NOT_ALLOWED + 1}) {
         EXPECT_STREQ(MSG_StatusText(unknown), "unknown status") << unknown;
-    }
-}
-
-// Where a name is looked for, for messages: an open endpoint's directory, else the one that
-// would be used, and the one that was tried when there is none.
-TEST_F(MsgPassTest, DirectoryForMessages) {
-    ASSERT_EQ(MSG_OpenLocal("me"), MSG_OK);
-    const std::string unusable = dir_.file("missing/deeper");
-    char dir[PATH_MAX], small[8];
-    const std::tuple<const char*, char*, int, std::string> rows[] = {
-        {"me", dir, MSG_OK, dir_.path},
-        {nullptr, dir, MSG_OK, dir_.path},
-        {"nobody", dir, MSG_ERR_NOT_OPEN, ""},
-        {"me", small, MSG_ERR_BAD_ARG, ""},
-        {"me", nullptr, MSG_ERR_BAD_ARG, ""},
-        {nullptr, dir, MSG_ERR_NO_DIR, unusable},  // with $MSGPASS_DIR unusable
-    };
-    for (const auto& [name, into, expected, path] : rows) {
-        if (expected == MSG_ERR_NO_DIR) {
-            setenv(MSG_DIR_ENV, unusable.c_str(), 1);
-        }
-        dir[0] = '\0';
-        EXPECT_EQ(MSG_GetDir(name, into, into == small ? sizeof(small) : sizeof(dir)), expected);
-        EXPECT_EQ(dir, path) << (name ? name : "(null)");
     }
 }
 
@@ -1032,33 +1019,10 @@ long mibOf(pid_t pid, const std::string& name) {
 // reserves memory as bytes come, stays within the bound by dropping peers, and gives the memory
 // back when they are gone.
 TEST_F(MsgPassTest, MemoryStaysWithinTheBoundAndGoesBack) {
-    const std::string kMiB(1 << 20, 'z');
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t service = spawn([&] {
-        if (MSG_OpenService("svc") != MSG_OK || write(ready[1], "r", 1) != 1) {
-            return 20;
-        }
-        for (;;) {
-            MSG_Sender from{};
-            if (take(MSG_RecvAny("svc", -1), &from) == "fill") {
-                for (int i = 0; i < 3; i++) {
-                    MSG_SendMsg("svc", from.address, makeMsg(2 + i, kMiB, MSG_SEND_NOWAIT));
-                }
-            }
-        }
-    });
-    char byte;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    const pid_t service = spawnService();
+    ASSERT_GT(service, 0);
     const long bound = MSG_MEMORY_BYTES >> 20, size = mibOf(service, "VmSize"),
                rss = mibOf(service, "VmRSS");
-    // Whether `holds` comes true within three seconds, as the service works through its input.
-    auto soon = [](const std::function<bool()>& holds) {
-        for (int i = 0; i < 60 && !holds(); i++) {
-            usleep(50 * 1000);
-        }
-        return holds();
-    };
     auto grown = [&](const char* field, long base) { return mibOf(service, field) - base; };
     std::vector<int> peers;
     for (int i = 0; i < 48; i++) {  // 16 MiB announced, 1 KiB sent: 768 MiB if reserved at once
@@ -1088,8 +1052,6 @@ TEST_F(MsgPassTest, MemoryStaysWithinTheBoundAndGoesBack) {
         close(fd);
     }
     EXPECT_TRUE(soon([&] { return grown("VmRSS", rss) < 16; })) << "memory not given back";
-    close(ready[0]);
-    close(ready[1]);
 }
 
 // ---- Bad peers: cut off at once, without a word from the others, who go on ----
