@@ -4,7 +4,7 @@
 // checked against the list when the tool compiles: tool/transport/MessageIds.h.)
 #include <gtest/gtest.h>
 
-#include <map>
+#include <regex>
 #include <set>
 
 #include "CaseFile.h"
@@ -16,14 +16,7 @@ namespace testsupport {
 namespace {
 
 bool travelsAlone(const std::string& name) {
-    for (const char* suffix : {"Req", "Rsp", "Cmd", "Ntfy"}) {
-        const std::string end(suffix);
-        if (name.size() > end.size() &&
-            name.compare(name.size() - end.size(), end.size(), end) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return std::regex_search(name, std::regex(".(Req|Rsp|Cmd|Ntfy)$"));
 }
 
 TEST(ProtocolIds, AreThePinnedOnesInSchemaOrder) {
