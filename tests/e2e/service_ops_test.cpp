@@ -61,12 +61,14 @@ class Operated : public testing::Test {
 };
 
 // Off the device the log goes to standard error: each line as it happens, once, with the priority
-// prefix the journal reads; a file that takes it holds every line even after SIGKILL.
+// prefix the journal reads; a file that takes it holds every line even after SIGKILL. An unknown
+// message id is dropped with a warning.
 TEST_F(Operated, LogLinesReachTheFileAsTheyHappenWithTheirPriority) {
     ASSERT_EQ(client_->session.sendRaw(0x12345678, "abc"), configclient::ConfigSession::kOk);
     const std::string warning = "<4>configsrvc: server: unknown message id 0x12345678 from pid " +
                                 std::to_string(getpid()) + " dropped\n";
     EXPECT_TRUE(service_.waitForOutput(warning)) << service_.output();
+    EXPECT_EQ(read("audio/volume"), "50") << "dropped without an answer, the next one is served";
     ASSERT_EQ(service_.stop(SIGKILL), 128 + SIGKILL);
     const std::string log = service_.output();
     for (const std::string& line :

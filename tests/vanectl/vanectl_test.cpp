@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include <map>
 #include <memory>
@@ -24,33 +25,6 @@ using testsupport::Outcome;
 const std::vector<CaseBlock>& sessions() {
     static const std::vector<CaseBlock> blocks = testsupport::readCaseFile(VANECTL_SESSIONS).blocks;
     return blocks;
-}
-
-// The words of a row: separated by blanks; '...' keeps blanks inside one word.
-std::vector<std::string> wordsOf(const std::string& text) {
-    std::vector<std::string> words;
-    std::string word;
-    bool quoted = false;
-    bool started = false;
-    for (char c : text) {
-        if (c == '\'') {
-            quoted = !quoted;
-            started = true;
-        } else if (c == ' ' && !quoted) {
-            if (started) {
-                words.push_back(word);
-            }
-            word.clear();
-            started = false;
-        } else {
-            word += c;
-            started = true;
-        }
-    }
-    if (started) {
-        words.push_back(word);
-    }
-    return words;
 }
 
 // Each line of `text` parsed as one JSON document (null where one does not parse).
@@ -75,16 +49,19 @@ class VanectlSessions : public testing::TestWithParam<size_t> {
         return testsupport::replaced(expanded, "$SETVANE", SETVANE_BIN);
     }
 
-    // Runs the row's command: "sh: COMMAND" through the shell, "setvane: WORDS" with setvane,
-    // anything else as vanectl's words.
-    Outcome run(const std::string& command) const {
+    // The row's command as a shell command: "sh: COMMAND" as it is, "setvane: WORDS" with
+    // setvane, anything else as vanectl's words (the shell's quotes keep blanks in one word).
+    std::string commandOf(const std::string& command) const {
         if (command.rfind("sh: ", 0) == 0) {
-            return testsupport::runShell(expand(command.substr(4)));
+            return expand(command.substr(4));
         }
         const bool setvane = command.rfind("setvane: ", 0) == 0;
-        std::vector<std::string> argv = wordsOf(expand(command.substr(setvane ? 9 : 0)));
-        argv.insert(argv.begin(), setvane ? SETVANE_BIN : VANECTL_BIN);
-        return testsupport::runProgram(argv[0], argv);
+        return std::string(setvane ? SETVANE_BIN : VANECTL_BIN) + " " +
+               expand(command.substr(setvane ? 9 : 0));
+    }
+
+    Outcome run(const std::string& command) const {
+        return testsupport::runShell(commandOf(command));
     }
 
     void check(const CaseRow& row) {
@@ -104,14 +81,13 @@ class VanectlSessions : public testing::TestWithParam<size_t> {
     // Starts `vanectl WORDS` in the background as the watcher `name`, and returns once it sees
     // changes: `probe` (a string variable it watches) is written until a change of it shows.
     void startWatch(const std::string& name, const std::string& words, const std::string& probe) {
-        std::vector<std::string> argv = wordsOf(expand(words));
-        argv.insert(argv.begin(), VANECTL_BIN);
         if (words.find("--json") != std::string::npos) {
             json_.insert(name);
         }
         auto& watcher = watchers_[name];
         watcher = std::make_unique<testsupport::Background>(
-            VANECTL_BIN, argv, testsupport::Environment{}, service_.root() + "/" + name);
+            "/bin/sh", std::vector<std::string>{"sh", "-c", "exec " + commandOf(words)},
+            testsupport::Environment{}, service_.root() + "/" + name);
         for (int attempt = 1; attempt <= 50; ++attempt) {
             const std::string value = "probe-" + std::to_string(attempt);
             ASSERT_EQ(run("set " + probe + " " + value).status, 0);
@@ -154,12 +130,7 @@ class VanectlSessions : public testing::TestWithParam<size_t> {
     std::set<std::string> json_;  // the watchers that print JSON
 };
 
-// Each row runs a command and gives its exit status, standard output and standard error;
-// "(file NAME) | CONTENT" writes a file into the session's folder first, "(stop)" stops the
-// service, "(pause)" and "(resume)" hold it (SIGSTOP) and let it go on. "(watch NAME) WORDS |
-// PROBE" starts a watcher; "(log) | TEXT" waits for TEXT in the service's log; "(end NAME)"
-// interrupts it and "(gone NAME)" waits for its end, each with its status and everything it printed
-// (both streams, its probes left out).
+// The session of vanectl_sessions.txt numbered by the parameter; its head says what rows mean.
 TEST_P(VanectlSessions, PrintAndEndAsListed) {
     for (const CaseRow& row : sessions()[GetParam()].body) {
         SCOPED_TRACE(row.where);
@@ -168,6 +139,7 @@ TEST_P(VanectlSessions, PrintAndEndAsListed) {
             ASSERT_TRUE(testsupport::writeFile(service_.root() + "/" + name, row[1]));
         } else if (row[0] == "(stop)") {
             ASSERT_EQ(service_.stop(SIGINT), 0) << service_.output();
+            EXPECT_FALSE(std::filesystem::exists(service_.endpointPath())) << "endpoint left open";
         } else if (row[0].rfind("(watch ", 0) == 0) {
             const size_t close = row[0].find(')');
             startWatch(row[0].substr(7, close - 7), row[0].substr(close + 2), row[1]);
