@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "CaseFile.h"
 #include "ServiceClient.h"
 
 namespace {
@@ -80,68 +81,39 @@ TEST_F(Operated, LogLinesReachTheFileAsTheyHappenWithTheirPriority) {
     EXPECT_THAT(log, testing::Not(HasSubstr("DEBUG")));
 }
 
-// The command lines that end at once, and the log line a fatal error makes: each says what it has
-// to say once, where it belongs, no state folder comes of any of them, and a damaged database is
-// left as it was.
+// The command lines that end at once (configsrvc_command_lines.txt), and the log line a fatal
+// error makes: each says what it has to say once, where it belongs, no state folder comes of any
+// of them, and a damaged database is left as it was.
 TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
     testsupport::ServiceProcess sandbox;
-    const std::string bad = sandbox.root() + "/bad.xml";
-    const std::string example = testsupport::kExampleModel;
-    const std::string state = sandbox.state();
-    ASSERT_TRUE(testsupport::writeFile(bad, "<device-model>\n<nod/>\n</device-model>\n"));
-    const std::string badReason = bad + ":2: unknown element <nod> in <device-model>\n";
-    // A state folder of its own whose database is damaged: refused, and left as it was.
     const std::string damaged = sandbox.root() + "/damaged", database = damaged + "/values.db";
     ASSERT_EQ(mkdir(damaged.c_str(), 0700), 0);
     ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
-    const struct {
-        std::vector<std::string> args;
-        int status;
-        std::string out;
-        std::string err;  // the whole of it, or its start when it ends in "usage: "
-    } kCases[] = {
-        {{"--check-model", example}, 0, example + ": ok\n", ""},
-        {{"--check-model", bad}, 1, "", badReason},
-        {{"--check-model", "/nonexistent.xml"},
-         1,
-         "",
-         "/nonexistent.xml: cannot open: No such file or directory\n"},
-        {{"--check-model", bad, "--state", state},
-         1,
-         "",
-         "configsrvc: --check-model takes no other option\nusage: "},
-        {{"--model", bad, "--state", state, "--log", "stderr"},
-         1,
-         "",
-         "<3>configsrvc: main: " + badReason},
-        {{"--model", bad, "--state", state}, 1, "", "<3>configsrvc: main: " + badReason},
-        {{"--model", example, "--state", state, "--log", "syslog"},
-         1,
-         "",
-         "configsrvc: --log takes auto, device or stderr, not 'syslog'\nusage: "},
-        {{"--model", example, "--state", damaged},
-         1,
-         "",
-         "<3>configsrvc: main: " + database +
-             " is damaged (file is not a database); it was left as it is\n"},
-        {{"--model", example}, 1, "", "configsrvc: --model and --state are required\nusage: "},
-        {{"--model", "a", "--state", "b", "--model", "c"},
-         1,
-         "",
-         "configsrvc: --model given twice\nusage: "},
-        {{"--version"}, 0, "configsrvc " CONFIGSRVC_VERSION "\n", ""},
+    ASSERT_TRUE(testsupport::writeFile(sandbox.root() + "/bad.xml",
+                                       "<device-model>\n<nod/>\n</device-model>\n"));
+    const auto expand = [&](std::string text) {
+        for (const auto& [name, value] :
+             {std::pair<std::string, std::string>{"$EXAMPLE", testsupport::kExampleModel},
+              {"$BAD", sandbox.root() + "/bad.xml"},
+              {"$STATE", sandbox.state()},
+              {"$DAMAGED", damaged},
+              {"$VERSION", CONFIGSRVC_VERSION}}) {
+            text = testsupport::replaced(text, name, value);
+        }
+        return text;
     };
-    for (const auto& c : kCases) {
-        std::vector<std::string> argv = {"configsrvc"};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
+    for (const testsupport::CaseRow& row : testsupport::readCaseFile(COMMAND_LINES).rows) {
+        SCOPED_TRACE(row.where);
+        std::vector<std::string> argv = testsupport::split(expand(row[0]), " ");
+        argv.insert(argv.begin(), "configsrvc");
         const testsupport::Outcome run = testsupport::runProgram(testsupport::kConfigsrvcBin, argv);
-        SCOPED_TRACE(testing::PrintToString(c.args));
-        EXPECT_EQ(run.status, c.status);
-        EXPECT_EQ(run.out, c.out);
-        const bool usage = c.err.size() >= 7 && c.err.compare(c.err.size() - 7, 7, "usage: ") == 0;
-        EXPECT_EQ(usage ? run.err.substr(0, c.err.size()) : run.err, c.err);
+        const std::string err = expand(row[3]);
+        const bool usage = err.size() >= 7 && err.compare(err.size() - 7, 7, "usage: ") == 0;
+        EXPECT_EQ(std::to_string(run.status), row[1]);
+        EXPECT_EQ(run.out, expand(row[2]));
+        EXPECT_EQ(usage ? run.err.substr(0, err.size()) : run.err, err);
     }
-    EXPECT_FALSE(std::filesystem::exists(state));
+    EXPECT_FALSE(std::filesystem::exists(sandbox.state()));
     EXPECT_EQ(testsupport::readFile(database), "SQLite format 3\nnot really");
 }
 

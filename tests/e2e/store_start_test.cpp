@@ -10,21 +10,17 @@
 #include <string>
 #include <vector>
 
-#include "ConfigPath.h"
-#include "ConfigSession.h"
-#include "Process.h"
-#include "ServiceProcess.h"
+#include "ServiceClient.h"
 
 namespace {
 
 using namespace CommonIF;
-using configclient::ConfigSession;
 using testing::HasSubstr;
 using testing::Not;
 using testsupport::readFile;
+using testsupport::ServiceClient;
 using testsupport::writeFile;
 
-constexpr int kAnswerMs = 10000;
 const char* const kStateFiles[] = {"values.db", "values.db-wal", "values.commit"};
 
 // Where the last frame of a write-ahead log starts: frames follow the 32-byte header, each a
@@ -49,15 +45,9 @@ class StoreStart : public testing::Test {
     // Acknowledged writes of `count` values, then SIGKILL: what a crash leaves.
     void writeThenKill(int count) {
         ASSERT_TRUE(service_.start(&error_)) << error_;
-        ConfigSession client;
-        ASSERT_EQ(client.connect("store", 5000), ConfigSession::kOk);
+        ServiceClient client("store");
         for (int i = 0; i < count; ++i) {
-            ConfigIF::WriteRsp answer;
-            ASSERT_EQ(client.write(testsupport::writeRequest("system/location",
-                                                             {"v" + std::to_string(i)}, kAdmin),
-                                   &answer, kAnswerMs),
-                      ConfigSession::kOk);
-            ASSERT_EQ(answer.ret_message().error(), kErrNoError);
+            ASSERT_EQ(client.write("system/location", {"v" + std::to_string(i)}), kErrNoError);
         }
         service_.stop(SIGKILL);
     }
@@ -109,12 +99,7 @@ TEST_F(StoreStart, LogThatLostAcknowledgedCommitsIsRefusedAndKept) {
     ASSERT_TRUE(writeFile(file("values.db-wal"), log));
     ASSERT_EQ(readFile(file("values.db")), database);
     ASSERT_TRUE(service_.start(&error_)) << error_;
-    ConfigSession client;
-    ConfigIF::ReadRsp read;
-    ASSERT_EQ(client.connect("store", 5000), ConfigSession::kOk);
-    ASSERT_EQ(client.read(testsupport::readRequest("system/location", kUser), &read, kAnswerMs),
-              ConfigSession::kOk);
-    EXPECT_THAT(read.value(), testing::ElementsAre("v39"));
+    EXPECT_EQ(ServiceClient("store").value("system/location", kUser), "v39");
     // An operator who removes the database and its log starts anew, and the count with it.
     ASSERT_EQ(service_.stop(SIGTERM), 0);
     std::filesystem::remove(file("values.db"));
