@@ -1,9 +1,6 @@
-// Registering callbacks (who may register what), what a committed change tells subscribers, and
-// how much the change log keeps.
+// The bound on registered callbacks, what a committed change tells subscribers, and how much the
+// change log keeps (who may register what: sessions.txt).
 #include <gtest/gtest.h>
-
-#include <google/protobuf/descriptor.h>
-#include <google/protobuf/message.h>
 
 #include "ChangeLog.h"
 #include "Common/protobuf/v3/ConfigProtocol.h"
@@ -12,63 +9,9 @@
 namespace configsrvc {
 namespace {
 
-constexpr uid_t kOther = 4242;  // may claim what the example model lets others claim
-
-struct RegistrationStep {
-    const char* type;  // the request: RegisterClientCallback, UnregisterClientCallback, ...
-    eSecurityRole role;
-    const char* fields;
-    eErrorType expected;
-};
-
-// One connection's registrations, in order: each step's answer depends on the ones before.
-TEST_F(ConfigServiceTest, RegistrationsAreCheckedAgainstTheModelTheRoleAndEachOther) {
-    const RegistrationStep steps[] = {
-        {"RegisterClientCallback", kUser, "type: kChangeNotify node_name: 'system.location'",
-         kErrNoError},
-        {"RegisterClientCallback", kUser, "type: kChangeNotify node_name: 'system.location'",
-         kErrAlreadyExists},
-        {"RegisterClientCallback", kUser, "type: kDynamicValidator node_name: 'system.location'",
-         kErrNotAuthorized},  // validating needs the write level
-        {"RegisterClientCallback", kAdmin, "type: kDynamicValidator node_name: 'system.location'",
-         kErrNoError},
-        {"RegisterClientCallback", kAdmin,
-         "type: kChangeNotify node_name: 'provisioning.serial-number'",
-         kErrNotAuthorized},  // watching needs the read level
-        {"RegisterClientCallback", kUser, "type: kChangeNotify node_name: 'provisioning'",
-         kErrNoError},  // a node: what the role may not read is left out later
-        {"RegisterClientCallback", kUser, "type: kOnChange node_name: 'no.such'", kErrItemNotFound},
-        {"RegisterClientCallback", kUser,
-         "type: kChangeNotify node_name: 'network.interface' instance: 4", kErrBadParameter},
-        {"RegisterClientCallback", kUser, "type: kChangeNotify node_name: '' instance: 1",
-         kErrBadParameter},
-        {"RegisterClientCallback", kUser,
-         "type: kChangeNotify node_name: 'network.interface.mtu' instance: 3", kErrNoError},
-        {"RegisterClientCallback", kSystem, "type: kChangeNotify", kErrNotAuthorized},  // claim
-        {"UnregisterClientCallback", kUser,
-         "type: kChangeNotify node_name: 'network.interface.mtu' instance: 2", kErrItemNotFound},
-        {"UnregisterClientCallback", kUser,
-         "type: kChangeNotify node_name: 'network.interface.mtu' instance: 3", kErrNoError},
-        {"UnregisterClientCallback", kUser,
-         "type: kChangeNotify node_name: 'network.interface.mtu' instance: 3", kErrItemNotFound},
-    };
+// Registrations are bounded per connection: another connection may still register.
+TEST(CallbacksTest, BoundIsPerConnection) {
     Callbacks callbacks;
-    const Sender sender{kOther, 7, nullptr, &callbacks, 0};
-    for (const RegistrationStep& step : steps) {
-        EXPECT_EQ(
-            error(step.type, step.role, std::string(step.fields) + " user_context: 'u'", sender),
-            step.expected)
-            << step.type << " " << step.fields;
-    }
-    EXPECT_EQ(callbacks.all().size(), 3u);
-    ConfigIF::UnregisterAllClientCallbacksReq all;  // the one request without a role
-    all.set_name("test");
-    EXPECT_EQ(testsupport::errorOf(*ask(ConfigProtocol::kUnregisterAllClientCallbacksReqMsgId,
-                                        all.SerializeAsString(), sender)
-                                        .message),
-              kErrNoError);
-    EXPECT_TRUE(callbacks.all().empty());
-    // The bound is per connection: another connection may still register.
     Registration registration;
     registration.connection = 8;
     std::string reason;
@@ -83,83 +26,49 @@ TEST_F(ConfigServiceTest, RegistrationsAreCheckedAgainstTheModelTheRoleAndEachOt
     EXPECT_EQ(callbacks.dropConnection(8), kMaxCallbacksPerConnection);
 }
 
-struct NoticeCase {
-    RecordKind kind;
-    const char* key;
-    bool hadRecord;  // whether a record stood before: {"x"} for values
-    bool reset;
-    Values values;
-    const char* expected;  // the notification as text, with user_context 'u'; "" for none
-};
-
 // A committed record tells what it is now, once, and only when it changed.
 TEST_F(ConfigServiceTest, ACommittedChangeToldAsItIsNow) {
-    const NoticeCase cases[] = {
-        {RecordKind::kValue,
-         "audio[1]/volume",
-         false,
-         false,
-         {"80"},
-         "instance_val { instance { node { name: \"audio\" instance: 1 } node { name: \"volume\" "
-         "instance: 1 } } value: \"80\" } user_context: \"u\""},
-        {RecordKind::kValue,
-         "audio[1]/volume",
-         true,
-         true,
-         {},
-         "instance_val { instance { node { name: \"audio\" instance: 1 } node { name: \"volume\" "
-         "instance: 1 } } value: \"50\" } user_context: \"u\""},          // the default again
-        {RecordKind::kValue, "audio[1]/volume", false, true, {}, ""},     // was default already
-        {RecordKind::kValue, "audio[1]/volume", true, false, {"x"}, ""},  // the same value
-        {RecordKind::kAttributes,
-         "audio.volume",
-         false,
-         false,
-         {"max", "90"},
-         "node_name: \"audio.volume\" node_xml_attributes: \"<attributes max=\\\"90\\\"/>\" "
-         "user_context: \"u\""},
-        {RecordKind::kAttributes,
-         "audio.volume",
-         true,
-         true,
-         {},
-         "node_name: \"audio.volume\" node_xml_attributes: \"<attributes/>\" user_context: \"u\""},
-        {RecordKind::kComponents,
-         "video",
-         false,
-         false,
-         {"detached"},
-         "node_name: \"video\" node_xml_attributes: \"<attributes detached=\\\"true\\\"/>\" "
-         "user_context: \"u\""},
-        {RecordKind::kLevels,
-         "audio[1]/mute",
-         false,
-         false,
-         {"kAdmin", ""},
-         "instance { node { name: \"audio\" instance: 1 } node { name: \"mute\" instance: 1 } } "
-         "read_role: kAdmin write_role: kUser user_context: \"u\""},
+    const struct {
+        RecordKind kind;
+        const char* key;
+        bool hadRecord;  // whether a record stood before: {"x"} for values
+        bool reset;
+        const char* values;    // separated by ','
+        const char* expected;  // the notice (ConfigPath.h shorthands) but its user_context; "" none
+    } cases[] = {
+        {RecordKind::kValue, "audio[1]/volume", false, false, "80",
+         "instance_val { instance { {{audio 1/volume 1}} } value: '80' }"},
+        {RecordKind::kValue, "audio[1]/volume", true, true, "",  // the default again
+         "instance_val { instance { {{audio 1/volume 1}} } value: '50' }"},
+        {RecordKind::kValue, "audio[1]/volume", false, true, "", ""},   // was default already
+        {RecordKind::kValue, "audio[1]/volume", true, false, "x", ""},  // the same value
+        {RecordKind::kAttributes, "audio.volume", false, false, "max,90",
+         "node_name: 'audio.volume' node_xml_attributes: '<attributes max=\"90\"/>'"},
+        {RecordKind::kAttributes, "audio.volume", true, true, "",
+         "node_name: 'audio.volume' node_xml_attributes: '<attributes/>'"},
+        {RecordKind::kComponents, "video", false, false, "detached",
+         "node_name: 'video' node_xml_attributes: '<attributes detached=\"true\"/>'"},
+        {RecordKind::kLevels, "audio[1]/mute", false, false, "kAdmin,",
+         "instance { {{audio 1/mute 1}} } read_role: kAdmin write_role: kUser"},
     };
-    for (const NoticeCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.key);
-        const StoredChange change{c.kind, c.key, c.reset, c.values};
+        const StoredChange change{c.kind, c.key, c.reset, testsupport::split(c.values, ",")};
         Records after;
         after.apply(change);
         const Values before = c.hadRecord ? Values{"x"} : Values{};
         std::vector<ChangeEntry> entries;
         noticesOf(model_, after, change, c.hadRecord ? &before : nullptr, &entries);
-        if (*c.expected == '\0') {
-            EXPECT_TRUE(entries.empty());
+        ASSERT_EQ(entries.size(), *c.expected == '\0' ? 0u : 1u);
+        if (entries.empty()) {
             continue;
         }
-        ASSERT_EQ(entries.size(), 1u);
-        const std::unique_ptr<google::protobuf::Message> notice(
-            google::protobuf::MessageFactory::generated_factory()
-                ->GetPrototype(
-                    google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(
-                        std::string("ConfigIF.") + ConfigProtocol::messageNameOf(entries[0].msgId)))
-                ->New());
-        ASSERT_TRUE(notice->ParseFromString(encodeNotice(entries[0], "u")));
-        EXPECT_EQ(notice->ShortDebugString(), c.expected);
+        const std::string type = ConfigProtocol::messageNameOf(entries[0].msgId);
+        const auto notice = testsupport::messageOf(type, "");
+        const auto expected =
+            testsupport::messageOf(type, c.expected + std::string(" user_context: 'u'"));
+        ASSERT_TRUE(notice && expected && notice->ParseFromString(encodeNotice(entries[0], "u")));
+        EXPECT_EQ(notice->ShortDebugString(), expected->ShortDebugString());
     }
 }
 

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,60 @@ INSTANTIATE_TEST_SUITE_P(Table, Requests, testing::Range(size_t{0}, requestRows(
                              return "line" + std::to_string(requestRows()[info.param].line);
                          });
 
+const std::vector<testsupport::CaseBlock>& sessions() {
+    static const std::vector<testsupport::CaseBlock> blocks =
+        testsupport::readCaseFile(SESSIONS).blocks;
+    return blocks;
+}
+
+class Sessions : public ConfigServiceTest, public testing::WithParamInterface<size_t> {
+  protected:
+    // Sends the request of `row` and checks the answer, and how many changes it stores.
+    void expectAnswer(const CaseRow& row) {
+        std::istringstream head(row[0]);
+        std::string type, role, word;
+        head >> type >> role;
+        Sender sender = on(1);
+        for (uint32_t number = 0; head >> word >> number;) {
+            (word == "on" ? sender.connection : sender.uid) = number;
+        }
+        const Answer answer = ask(type, role, row[1], sender);
+        const bool whole = row[2].rfind("= ", 0) == 0;
+        const auto expected = testsupport::messageOf(type + "Rsp", row[2].substr(whole ? 2 : 0));
+        ASSERT_TRUE(answer.message != nullptr && expected != nullptr);
+        std::string differences;
+        if (whole) {
+            EXPECT_EQ(answer.message->ShortDebugString(), expected->ShortDebugString());
+        } else {
+            EXPECT_TRUE(testsupport::holdsFields(*expected, *answer.message, &differences))
+                << differences << "answer: " << answer.message->ShortDebugString();
+        }
+        if (!row[3].empty()) {
+            EXPECT_EQ(std::to_string(answer.changes.size()), row[3]) << "changes stored";
+        }
+    }
+};
+
+// The session of sessions.txt numbered by the parameter.
+TEST_P(Sessions, AnswerAsListed) {
+    for (const CaseRow& row : sessions()[GetParam()].body) {
+        SCOPED_TRACE(row.where);
+        if (row[0] == "(reopen)") {
+            ASSERT_TRUE(reopen()) << error_;
+        } else {
+            expectAnswer(row);
+        }
+        if (HasFatalFailure()) {
+            return;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(File, Sessions, testing::Range(size_t{0}, sessions().size()),
+                         [](const testing::TestParamInfo<size_t>& info) {
+                             return "line" + std::to_string(sessions()[info.param].head.line);
+                         });
+
 // A batch read in the form clients send is answered straight from its bytes with exactly the
 // bytes of the full answer; anything else is left to the full answer.
 TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItToIt) {
@@ -107,6 +162,7 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
         std::string bytes;
         uid_t uid;
         bool taken;
+        uint32_t connection = 0;
     } cases[] = {
         {"plain, one value stored", plain, 4321, true},
         {"scoped", scoped.SerializeAsString(), 4321, true},
@@ -124,14 +180,20 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
         {"an item not readable", batchRead(kSystem, {kMtu, "provisioning/serial-number"}), 990,
          false},
         {"claim beyond the sender", batchRead(kSystem, {kMtu}), 4321, false},
+        {"connection with staged writes", plain, 990, false, 1},
     };
+    ASSERT_EQ(error("Submit", "kAdmin", "instance { } type: kSubmitStart", on(1)), kErrNoError);
+    ASSERT_TRUE(
+        ask("Write", "kAdmin", "instance_val { instance { {{audio/volume}} } value: '9' }", on(1))
+            .changes.empty());
     for (const auto& c : cases) {
         std::string encoded = "left over";
         Answer fromWire;
-        const bool taken = service_->answerBatchReadFromWire(c.bytes.data(), c.bytes.size(),
-                                                             Sender{c.uid}, &encoded, &fromWire);
+        const bool taken = service_->answerBatchReadFromWire(
+            c.bytes.data(), c.bytes.size(), on(c.connection, c.uid), &encoded, &fromWire);
         EXPECT_EQ(taken, c.taken) << c.what;
-        const Answer full = ask(ConfigProtocol::kBatchReadReqMsgId, c.bytes, c.uid);
+        const Answer full =
+            ask(ConfigProtocol::kBatchReadReqMsgId, c.bytes, on(c.connection, c.uid));
         if (taken) {
             EXPECT_EQ(encoded, full.message->SerializeAsString()) << c.what;
             EXPECT_EQ(fromWire.msgId, full.msgId) << c.what;
@@ -219,7 +281,7 @@ TEST_P(OlderFormat, IsTakenOverWithItsValues) {
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_EQ(valuesOf(read(kVolume)), Values{"10"});
     // The table of overrides was added: an override can be stored.
-    EXPECT_EQ(error("SetAttribute", kAdmin,
+    EXPECT_EQ(error("SetAttribute", "kAdmin",
                     "node_name: 'audio.volume' node_xml_attributes: '<attributes max=\"90\"/>'"),
               kErrNoError);
     // Every row has its checksum now: one changed behind the service's back is found.
@@ -248,7 +310,7 @@ TEST_F(ConfigServiceTest, ChangeThatCannotBeStoredIsAnsweredSoAndLeavesNoTrace) 
                 ElementsAre("the change could not be stored: database is locked"));
     EXPECT_TRUE(read(kVolume).is_default());
     // Nothing of the failed write is left among what later changes are checked against.
-    EXPECT_TRUE(ask("ResetValue", kAdmin, "instance { {{audio/volume}} }").changes.empty());
+    EXPECT_TRUE(ask("ResetValue", "kAdmin", "instance { {{audio/volume}} }").changes.empty());
 }
 
 // SQL run on the database (none: text written over it), and the error after its path.

@@ -17,10 +17,10 @@ constexpr char kSerial[] = "provisioning/serial-number";
 class ProfileTest : public ConfigServiceTest {
   protected:
     eErrorType create(const std::string& name, eSecurityRole role = kAdmin) {
-        return error("CreateProfile", role, "file_location: '" + name + "'");
+        return error("CreateProfile", eSecurityRole_Name(role), "file_location: '" + name + "'");
     }
     eErrorType apply(const std::string& name, eSecurityRole role = kAdmin) {
-        return error("ApplyProfile", role, "file_location: '" + name + "'");
+        return error("ApplyProfile", eSecurityRole_Name(role), "file_location: '" + name + "'");
     }
 
     void clearAll() {

@@ -77,20 +77,24 @@ class ConfigServiceTest : public testing::Test {
         return ask(requestId, payload, Sender{uid});
     }
 
-    // Answers the request of type `type` ("Submit" for a SubmitReq) of client name "test"
-    // claiming `role`, its other fields in protocol buffer text (testsupport::messageOf).
-    Answer ask(const std::string& type, eSecurityRole role, const std::string& fields,
+    // Answers the request of type `type` ("Submit" for a SubmitReq) claiming the role named
+    // `role`, its other fields in protocol buffer text (testsupport::requestOf).
+    Answer ask(const std::string& type, const std::string& role, const std::string& fields,
                const Sender& sender = Sender{kService}) {
-        const std::unique_ptr<google::protobuf::Message> request = testsupport::messageOf(
-            type + "Req", "name: 'test' role: " + eSecurityRole_Name(role) + " " + fields);
+        const auto request = testsupport::requestOf(type, role, fields);
         return ask(ConfigProtocol::messageIdOf(type + "Req"),
                    request ? request->SerializePartialAsString() : "", sender);
     }
 
     // The error of the request's answer: the response's field `error`, or its ret_message's.
-    eErrorType error(const std::string& type, eSecurityRole role, const std::string& fields,
+    eErrorType error(const std::string& type, const std::string& role, const std::string& fields,
                      const Sender& sender = Sender{kService}) {
         return testsupport::errorOf(*ask(type, role, fields, sender).message);
+    }
+
+    // A sender on `connection` (0: none), with the submissions and callbacks of the test.
+    Sender on(uint32_t connection, uid_t uid = kService) {
+        return Sender{uid, connection, &submissions_, &callbacks_};
     }
 
     ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {
@@ -152,6 +156,8 @@ class ConfigServiceTest : public testing::Test {
     std::unique_ptr<ValueStore> store_;
     std::unique_ptr<RecordState> state_;
     std::unique_ptr<ProfileFolder> profiles_;
+    Submissions submissions_;
+    Callbacks callbacks_;
     google::protobuf::Arena arena_;  // holds every answer for the test's length
     std::unique_ptr<ConfigService> service_;
 };

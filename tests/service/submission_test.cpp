@@ -1,4 +1,5 @@
-// Submissions in the service core: staging, visibility, all-or-nothing ends, misuse, bounds.
+// Submissions in the service core: scopes and bounds (staging, visibility, all-or-nothing ends
+// and misuse: sessions.txt); bare commands; checkpoints.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,129 +9,31 @@
 namespace configsrvc {
 namespace {
 
-constexpr char kInterface[] = "network/interface 2";
-constexpr char kOtherMtu[] = "network/interface 1/mtu";
-
-class SubmissionTest : public ConfigServiceTest {
-  protected:
-    eErrorType submit(const Sender& sender, const std::string& path, const char* type) {
-        return error("Submit", kAdmin, "instance { {{" + path + "}} } type: " + type, sender);
-    }
-
-    eErrorType start(const Sender& sender, const std::string& path = kInterface) {
-        return submit(sender, path, "kSubmitStart");
-    }
-    eErrorType end(const Sender& sender, const std::string& path = kInterface) {
-        return submit(sender, path, "kSubmitEnd");
-    }
-
-    // A write as `sender`; true when it was stored at once rather than staged.
-    bool writeAs(const Sender& sender, const std::string& path, const Values& values) {
-        const Answer answer =
-            ask(ConfigProtocol::kWriteReqMsgId,
-                testsupport::writeRequest(path, values, kAdmin).SerializeAsString(), sender);
-        EXPECT_EQ(static_cast<const ConfigIF::WriteRsp&>(*answer.message).ret_message().error(),
-                  kErrNoError)
-            << path;
-        return !answer.changes.empty();
-    }
-
-    Values readAs(const Sender& sender, const std::string& path) {
-        const Answer answer =
-            ask(ConfigProtocol::kReadReqMsgId,
-                testsupport::readRequest(path, kAdmin).SerializeAsString(), sender);
-        return valuesOf(static_cast<const ConfigIF::ReadRsp&>(*answer.message));
-    }
-
-    Submissions submissions_;
-    Sender a_{kService, 1, &submissions_};
-    Sender b_{kService, 2, &submissions_};
-};
-
-TEST_F(SubmissionTest, StagedWritesAreSeenOnlyByTheirConnectionUntilTheEndCommitsThemAll) {
-    ASSERT_EQ(start(a_), kErrNoError);
-    EXPECT_FALSE(writeAs(a_, kMtu, {"1400"}));
-    EXPECT_FALSE(writeAs(a_, "network/interface 2/dns", {"10.0.0.9"}));
-    EXPECT_TRUE(writeAs(a_, kVolume, {"10"})) << "outside the submission: stored at once";
-    EXPECT_EQ(readAs(a_, kMtu), Values{"1400"});
-    EXPECT_EQ(readAs(b_, kMtu), Values{"1500"});
-    const Answer batch = ask(ConfigProtocol::kBatchReadReqMsgId, batchRead(kAdmin, {kMtu}), a_);
-    EXPECT_EQ(valuesOf(static_cast<const ConfigIF::BatchReadRsp&>(*batch.message).response(0)),
-              Values{"1400"});
-    std::string encoded;
-    Answer fromWire;
-    const std::string plain = batchRead(kAdmin, {kMtu});
-    EXPECT_FALSE(
-        service_->answerBatchReadFromWire(plain.data(), plain.size(), a_, &encoded, &fromWire))
-        << "the wire path cannot see staged writes";
-
-    EXPECT_EQ(end(a_), kErrNoError);
-    EXPECT_EQ(readAs(b_, kMtu), Values{"1400"});
-    EXPECT_EQ(readAs(b_, "network/interface 2/dns"), Values{"10.0.0.9"});
-    ASSERT_TRUE(reopen()) << error_;
-    EXPECT_EQ(readAs(b_, kMtu), Values{"1400"}) << "committed durably";
-    EXPECT_EQ(submissions_.open(), 0u);
-}
-
-TEST_F(SubmissionTest, ChangeByAnotherClientMeanwhileAppliesNothing) {
-    ASSERT_EQ(start(a_), kErrNoError);
-    writeAs(a_, kMtu, {"1400"});
-    writeAs(a_, "network/interface 2/gateway", {"10.0.0.1"});
-    EXPECT_TRUE(writeAs(b_, kMtu, {"1300"}));
-    EXPECT_EQ(end(a_), kErrBadState);
-    EXPECT_EQ(readAs(a_, kMtu), Values{"1300"});
-    EXPECT_TRUE(read("network/interface 2/gateway").is_default());
-    EXPECT_EQ(submissions_.open(), 0u) << "a failed end closes the submission";
-}
-
-TEST_F(SubmissionTest, WriteThatNoLongerPassesItsChecksAppliesNothing) {
-    ASSERT_EQ(start(a_), kErrNoError);
-    writeAs(a_, kMtu, {"1400"});
-    writeAs(a_, "network/interface 2/gateway", {"10.0.0.1"});
-    ask("SetAccessLevels", kProvisioning,
-        "instance { {{" + std::string(kMtu) + "}} } write_level: kSystem");
-    EXPECT_EQ(end(a_), kErrBadState);
-    EXPECT_TRUE(read(kMtu).is_default());
-    EXPECT_TRUE(read("network/interface 2/gateway").is_default());
-}
-
-TEST_F(SubmissionTest, MisuseIsABadStateAndLeavesTheOpenSubmissionAsItWas) {
-    EXPECT_EQ(end(a_), kErrBadState) << "end without a start";
-    EXPECT_EQ(start(Sender{kService}), kErrBadState) << "no connection";
-    EXPECT_EQ(start(a_, "network/interface 9"), kErrItemNotFound);
-    ASSERT_EQ(start(a_), kErrNoError);
-    writeAs(a_, kMtu, {"1400"});
-    EXPECT_EQ(start(a_), kErrBadState) << "second start";
-    EXPECT_EQ(start(a_, "audio"), kErrBadState) << "second start elsewhere";
-    EXPECT_EQ(end(a_, "network/interface 1"), kErrBadState) << "end under another instance";
-    EXPECT_EQ(end(b_), kErrBadState) << "end from another connection";
-    EXPECT_EQ(error("Write", kAdmin,
-                    "instance_val { instance { {{network/interface 2/mtu}} } value: '99999' }", a_),
-              kErrBadParameter)
-        << "a staged value is checked as it is written";
-    EXPECT_EQ(readAs(a_, kMtu), Values{"1400"});
-    EXPECT_EQ(end(a_), kErrNoError);
-    EXPECT_EQ(readAs(b_, kMtu), Values{"1400"});
-}
-
-TEST_F(SubmissionTest, ScopesCoverTheirNodeInstanceOrVariableOrEverything) {
+// A submission's scope is a node instance, a variable or everything: writes within it are
+// staged, others stored at once.
+TEST_F(ConfigServiceTest, SubmissionScopesCoverTheirNodeInstanceOrVariableOrEverything) {
     const struct {
         const char* scope;
         const char* path;
         bool staged;
     } cases[] = {
-        {kInterface, kMtu, true},
-        {kInterface, kOtherMtu, false},
+        {"network/interface 2", kMtu, true},
+        {"network/interface 2", "network/interface 1/mtu", false},
         {kMtu, kMtu, true},
         {kMtu, "network/interface 2/dns", false},
-        {"", kOtherMtu, true},
-        {"network", kOtherMtu, true},
+        {"", "network/interface 1/mtu", true},
+        {"network", "network/interface 1/mtu", true},
         {"network/interface 1", kMtu, false},
     };
     for (const auto& c : cases) {
-        ASSERT_EQ(start(a_, c.scope), kErrNoError) << c.scope;
-        EXPECT_EQ(writeAs(a_, c.path, {"1280"}) == false, c.staged) << c.scope << " " << c.path;
-        EXPECT_EQ(end(a_, c.scope), kErrNoError) << c.scope;
+        const std::string scope = std::string("instance { {{") + c.scope + "}} } type: ";
+        ASSERT_EQ(error("Submit", "kAdmin", scope + "kSubmitStart", on(1)), kErrNoError);
+        const Answer written = ask(
+            "Write", "kAdmin",
+            std::string("instance_val { instance { {{") + c.path + "}} } value: '1280' }", on(1));
+        EXPECT_EQ(testsupport::errorOf(*written.message), kErrNoError) << c.path;
+        EXPECT_EQ(written.changes.empty(), c.staged) << c.scope << " " << c.path;
+        EXPECT_EQ(error("Submit", "kAdmin", scope + "kSubmitEnd", on(1)), kErrNoError) << c.scope;
     }
 }
 

@@ -10,19 +10,6 @@
 namespace testsupport {
 namespace {
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 // The character of the escape `c` (after a backslash), or -1 when there is none.
 int simpleEscape(char c) {
     static const char kFrom[] = "nrte0\\| ", kTo[] = "\n\r\t\033\0\\| ";
@@ -86,9 +73,10 @@ std::string unescape(const std::string& text) {
                 out.append(static_cast<size_t>(count), text[i + 2 + digits]);
             }
             i += 2 + digits;
-        } else if (text[i + 1] == 'x' && i + 3 < text.size() && hexDigit(text[i + 2]) >= 0 &&
-                   hexDigit(text[i + 3]) >= 0) {
-            out += static_cast<char>(hexDigit(text[i + 2]) * 16 + hexDigit(text[i + 3]));
+        } else if (text[i + 1] == 'x' && i + 3 < text.size() &&
+                   std::isxdigit(static_cast<unsigned char>(text[i + 2])) != 0 &&
+                   std::isxdigit(static_cast<unsigned char>(text[i + 3])) != 0) {
+            out += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
             i += 3;
         } else {
             out += text[i];  // not an escape: the backslash stays

@@ -1,6 +1,7 @@
 #include "ConfigPath.h"
 
 #include <google/protobuf/text_format.h>
+#include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -104,6 +105,21 @@ std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
         return nullptr;
     }
     return message;
+}
+
+std::unique_ptr<google::protobuf::Message> requestOf(const std::string& type,
+                                                     const std::string& role,
+                                                     const std::string& fields) {
+    return messageOf(type + "Req", "name: 'test' " + (role == "-" ? "" : "role: " + role + " ") +
+                                       expandText(fields));
+}
+
+bool holdsFields(const google::protobuf::Message& expected, const google::protobuf::Message& answer,
+                 std::string* differences) {
+    google::protobuf::util::MessageDifferencer differ;
+    differ.set_scope(google::protobuf::util::MessageDifferencer::PARTIAL);
+    differ.ReportDifferencesToString(differences);
+    return differ.Compare(expected, answer);
 }
 
 CommonIF::eErrorType errorOf(const google::protobuf::Message& response) {

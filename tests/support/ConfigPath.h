@@ -36,6 +36,18 @@ std::string expandText(const std::string& text);
 std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,
                                                      const std::string& text);
 
+// The request of type `type` ("Read" for a ReadReq) of client name "test" claiming the role
+// named `role` ("-": a request without a role), its other fields in protocol buffer text
+// (messageOf). Null, with a test failure, when it cannot be made.
+std::unique_ptr<google::protobuf::Message> requestOf(const std::string& type,
+                                                     const std::string& role,
+                                                     const std::string& fields);
+
+// Whether `answer` holds every field `expected` sets, a repeated field whole and in order; fields
+// `expected` leaves unset are not compared. What differs goes to *differences.
+bool holdsFields(const google::protobuf::Message& expected, const google::protobuf::Message& answer,
+                 std::string* differences);
+
 // The error a response carries: its field `error`, or its ret_message's (a test failure when it
 // has neither).
 CommonIF::eErrorType errorOf(const google::protobuf::Message& response);

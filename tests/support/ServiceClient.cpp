@@ -22,8 +22,7 @@ CommonIF::eErrorType ServiceClient::write(const std::string& path,
 
 CommonIF::eErrorType ServiceClient::call(const std::string& type, CommonIF::eSecurityRole role,
                                          const std::string& fields) {
-    const auto request = messageOf(
-        type + "Req", "name: 'test' role: " + CommonIF::eSecurityRole_Name(role) + " " + fields);
+    const auto request = requestOf(type, CommonIF::eSecurityRole_Name(role), fields);
     const auto response = messageOf(type + "Rsp", "");
     const uint32_t id = ConfigProtocol::messageIdOf(type + "Req");
     const bool answered = request && response &&
