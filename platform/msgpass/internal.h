@@ -235,12 +235,13 @@ struct msg_endpoint {
     dev_t socket_dev; /* identity of our socket file, so that we only ever remove our own */
     ino_t socket_ino;
     int listen_fd;
-    int wait_fd;       /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
-    int wake_fd;       /* eventfd that interrupts the leader when the endpoint closes; or -1 */
-    int poll_fd;       /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
-    int pending_fd;    /* eventfd readable while the queue is not empty, or -1 */
-    int name_watch_fd; /* inotify on the directory, to notice our name going; or -1 */
-    int name_status;   /* MSG_OK, or why the name, once gone, could not be put back */
+    int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
+    int wake_fd;    /* eventfd that interrupts the leader when the endpoint closes; or -1 */
+    int poll_fd;    /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
+    int pending_fd; /* eventfd readable while the queue is not empty, or -1 */
+    int pending_signalled; /* what pending_fd says now (it lags the queue under the lock) */
+    int name_watch_fd;     /* inotify on the directory, to notice our name going; or -1 */
+    int name_status;       /* MSG_OK, or why the name, once gone, could not be put back */
 
     pthread_mutex_t lock;
     pthread_cond_t turn; /* signalled when the leader leaves or messages are queued */

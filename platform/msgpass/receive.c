@@ -31,15 +31,20 @@ enum {
 };
 
 /* The descriptor of MSG_GetPollFd must be readable while messages are queued, since the
- * sockets alone no longer say so. Kept only once someone asked for that descriptor. */
-static void signal_pending(struct msg_endpoint* ep, int pending) {
-    if (ep->pending_fd < 0) {
+ * sockets alone no longer say so. Kept only once someone asked for that descriptor. Brought up
+ * to date only where the endpoint's lock is let go, not at every change of the queue: a message
+ * that a receiver queues and takes in one call then costs no write and read of the event. */
+static void sync_pending(struct msg_endpoint* ep) {
+    const int pending = ep->queue_head != NULL;
+    if (ep->pending_fd < 0 || pending == ep->pending_signalled) {
         return;
     }
     uint64_t value = 1;
-    ssize_t ignored = pending ? write(ep->pending_fd, &value, sizeof(value))
-                              : read(ep->pending_fd, &value, sizeof(value));
-    (void)ignored;
+    ssize_t done = pending ? write(ep->pending_fd, &value, sizeof(value))
+                           : read(ep->pending_fd, &value, sizeof(value));
+    if (done == (ssize_t)sizeof(value)) {
+        ep->pending_signalled = pending;
+    }
 }
 
 static void enqueue(struct msg_endpoint* ep, struct msg_conn* conn, MSG_Msg* msg) {
@@ -50,7 +55,6 @@ static void enqueue(struct msg_endpoint* ep, struct msg_conn* conn, MSG_Msg* msg
         ep->queue_tail->next = msg;
     } else {
         ep->queue_head = msg;
-        signal_pending(ep, 1);
     }
     ep->queue_tail = msg;
     conn->queued_bytes += msg->bytes;
@@ -92,9 +96,6 @@ static MSG_Msg* take_queued(struct msg_endpoint* ep, int any, uint32_t id) {
             ep->queue_tail = previous;
         }
         msg->next = NULL;
-        if (!ep->queue_head) {
-            signal_pending(ep, 0);
-        }
         account_taken(ep, msg);
         return msg;
     }
@@ -116,9 +117,7 @@ void msg_purge_input(struct msg_endpoint* ep, struct msg_conn* conn) {
     }
     conn->queued_bytes = 0;
     conn->queued_count = 0;
-    if (!ep->queue_head) {
-        signal_pending(ep, 0);
-    }
+    sync_pending(ep); /* may be called outside a receive, which would not bring it up to date */
 }
 
 /* Room for the first part of a frame's payload, charged; the rest is added as bytes arrive,
@@ -353,6 +352,7 @@ static int lead(struct msg_endpoint* ep, int timeoutMs) {
     }
     timeoutMs = msg_deadline_wait(ep, wait_with_listen_retry(ep, timeoutMs));
     ep->leader = 1;
+    sync_pending(ep);
     pthread_mutex_unlock(&ep->lock);
     int count = epoll_wait(ep->wait_fd, events, kMaxEvents, timeoutMs);
     pthread_mutex_lock(&ep->lock);
@@ -366,6 +366,7 @@ static int lead(struct msg_endpoint* ep, int timeoutMs) {
 }
 
 static void wait_turn(struct msg_endpoint* ep, int64_t deadline) {
+    sync_pending(ep);
     if (deadline == kMsgForever) {
         pthread_cond_wait(&ep->turn, &ep->lock);
     } else {
@@ -405,6 +406,7 @@ static MSG_Msg* receive(const char* localName, int any, uint32_t id, int timeout
             looked = 1;
         }
     }
+    sync_pending(ep);
     pthread_mutex_unlock(&ep->lock);
     msg_endpoint_put(ep);
     return msg;
@@ -435,7 +437,8 @@ static int make_poll_fd(struct msg_endpoint* ep) {
         ep->pending_fd = ep->poll_fd = -1;
         return -1;
     }
-    signal_pending(ep, ep->queue_head != NULL);
+    ep->pending_signalled = 0;
+    sync_pending(ep);
     return 0;
 }
 

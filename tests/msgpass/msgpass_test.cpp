@@ -949,6 +949,32 @@ std::string queueStream(uint32_t to) {
     return wire;
 }
 
+// The descriptor of MSG_GetPollFd is readable exactly while something waits: in a socket, or
+// already read and queued (a second message that arrived with the first, one of another id).
+TEST_F(MsgPassTest, PollFdIsReadableWhileReadMessagesWait) {
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
+    pollfd service{MSG_GetPollFd("svc"), POLLIN, 0};
+    int peer = unixSocket("svc");
+    sendRaw(peer, frame(1, "a") + frame(2, "b") + frame(3, "c"));
+    ASSERT_EQ(poll(&service, 1, 1000), 1);
+    const struct {
+        const char* what;
+        uint32_t id;  // 0: any
+        std::string payload;
+        int readable;
+    } steps[] = {
+        {"one of three taken", 0, "a", 1},
+        {"the last by id, one of another id left", 3, "c", 1},
+        {"none left", 0, "b", 0},
+    };
+    for (const auto& step : steps) {
+        MSG_Msg* msg = step.id == 0 ? MSG_RecvAny("svc", 1000) : MSG_RecvMsg("svc", step.id, 1000);
+        EXPECT_EQ(take(msg), step.payload) << step.what;
+        EXPECT_EQ(poll(&service, 1, 0), step.readable) << step.what;
+    }
+    close(peer);
+}
+
 // What the socket did not take goes out as the peer reads: written by the receive loop of a
 // service that polls the descriptor of MSG_GetPollFd, by the next send that waits, and by the
 // receive loop even while the peer's own input is paused (its requests pile up unclaimed).
