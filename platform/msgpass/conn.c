@@ -30,8 +30,10 @@ static uint32_t next_free_address(struct msg_endpoint* ep) {
  * than asking for no events, which also silences the hang-up reports that epoll gives whatever
  * was asked. */
 static int rewatch(struct msg_endpoint* ep, struct msg_conn* conn) {
+    /* A leader's poll() picks the change up when it begins again. */
+    msg_endpoint_wake_poller(ep);
     if (ep->wait_fd < 0) {
-        return 0; /* no wait set yet: it takes every connection in when it is made */
+        return 0; /* no epoll set yet: it takes every connection in when it is made */
     }
     uint32_t wanted = 0;
     if (!conn->dropped) {

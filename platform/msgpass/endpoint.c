@@ -256,23 +256,36 @@ void msg_endpoint_free(struct msg_endpoint* ep) {
  * published under its name. */
 enum { kConnectOnly = 0, kPublish = 1 };
 
+int msg_endpoint_ensure_wake(struct msg_endpoint* ep) {
+    if (ep->wake_fd < 0) {
+        ep->wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    }
+    return ep->wake_fd >= 0 ? 0 : -1;
+}
+
+void msg_endpoint_wake_poller(struct msg_endpoint* ep) {
+    if (ep->polling) {
+        uint64_t one = 1;
+        ssize_t ignored = write(ep->wake_fd, &one, sizeof(one));
+        (void)ignored;
+    }
+}
+
 int msg_endpoint_ensure_wait_set(struct msg_endpoint* ep) {
     if (ep->wait_fd >= 0) {
         return 0;
     }
+    if (msg_endpoint_ensure_wake(ep) != 0) {
+        return -1;
+    }
     ep->wait_fd = epoll_create1(EPOLL_CLOEXEC);
-    ep->wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (ep->wait_fd < 0 || ep->wake_fd < 0 ||
-        add_to_wait_set(ep->wait_fd, ep->wake_fd, kMsgWakeToken) != 0 ||
+    if (ep->wait_fd < 0 || add_to_wait_set(ep->wait_fd, ep->wake_fd, kMsgWakeToken) != 0 ||
         msg_conn_watch_all(ep) != 0) {
         int saved = errno;
         if (ep->wait_fd >= 0) {
             close(ep->wait_fd);
         }
-        if (ep->wake_fd >= 0) {
-            close(ep->wake_fd);
-        }
-        ep->wait_fd = ep->wake_fd = -1;
+        ep->wait_fd = -1;
         for (struct msg_conn* conn = ep->conns; conn; conn = conn->next) {
             conn->watched = 0; /* the set they were in is gone */
         }
@@ -282,9 +295,10 @@ int msg_endpoint_ensure_wait_set(struct msg_endpoint* ep) {
     return 0;
 }
 
-/* A client's endpoint costs nothing until it is used: the directory is only looked up, and the
- * wait set comes when it first waits. Nothing of it is ever in the directory, so
- * nobody but the remotes it connects to can reach it, whoever runs it. */
+/* A client's endpoint costs nothing until it is used: the directory is only looked up, and it
+ * waits with poll() on its few connections (receive.c) until someone asks for MSG_GetPollFd.
+ * Nothing of it is ever in the directory, so nobody but the remotes it connects to can reach it,
+ * whoever runs it. */
 static int endpoint_open(struct msg_endpoint* ep, int mode) {
     int status = msg_resolve_dir(ep->dir, sizeof(ep->dir));
     if (status == MSG_OK) {
@@ -357,8 +371,9 @@ static void endpoint_close(struct msg_endpoint* ep) {
     while (ep->conns) {
         msg_conn_drop(ep, ep->conns);
     }
-    /* Only a thread waiting in epoll, or a caller polling MSG_GetPollFd, needs the wake-up. */
-    if (ep->leader || ep->poll_fd >= 0) {
+    /* Only a thread waiting in the library, or a caller polling MSG_GetPollFd, needs the
+     * wake-up. */
+    if ((ep->leader || ep->poll_fd >= 0) && ep->wake_fd >= 0) {
         uint64_t one = 1;
         ssize_t ignored = write(ep->wake_fd, &one, sizeof(one));
         (void)ignored;

@@ -236,7 +236,7 @@ struct msg_endpoint {
     ino_t socket_ino;
     int listen_fd;
     int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
-    int wake_fd;    /* eventfd that interrupts the leader when the endpoint closes; or -1 */
+    int wake_fd;    /* eventfd that interrupts the leader (msg_endpoint_ensure_wake); or -1 */
     int poll_fd;    /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
     int pending_fd; /* eventfd readable while the queue is not empty, or -1 */
     int pending_signalled; /* what pending_fd says now (it lags the queue under the lock) */
@@ -247,6 +247,7 @@ struct msg_endpoint {
     pthread_cond_t turn; /* signalled when the leader leaves or messages are queued */
     int closed;
     int leader;              /* a thread is waiting in epoll for the endpoint */
+    int polling;             /* ... with poll() (receive.c), on what was there when it began */
     int connected_out;       /* MSG_OpenRemoteSync has succeeded once */
     int listen_paused;       /* out of descriptors: stop accepting until a connection goes */
     int64_t listen_retry_at; /* or until then: the descriptors may not have been ours */
@@ -268,9 +269,17 @@ struct msg_endpoint* msg_endpoint_get(const char* name);
 void msg_endpoint_put(struct msg_endpoint* ep);
 void msg_endpoint_free(struct msg_endpoint* ep);
 
-/* Makes the wait set (epoll set and wake-up event) of an endpoint that has none yet: published
- * endpoints make it when they open, those that only connect out when they first wait.
- * Endpoint's lock held (or the endpoint not yet registered); 0, or -1 with errno. */
+/* The wake-up event, made once: written when the endpoint closes, and, while a leader waits with
+ * poll(), when what it should wait for changes. Endpoint's lock held; 0, or -1 with errno. */
+int msg_endpoint_ensure_wake(struct msg_endpoint* ep);
+/* Endpoint's lock held: interrupts a leader that waits with poll(), whose descriptors and events
+ * were fixed when it began (the epoll set follows changes by itself). */
+void msg_endpoint_wake_poller(struct msg_endpoint* ep);
+
+/* Makes the epoll set of an endpoint that has none yet (with the wake-up event in it): published
+ * endpoints make it when they open, those that only connect out when MSG_GetPollFd asks for it
+ * or they hold more connections than a poll() wait takes. Endpoint's lock held (or the endpoint
+ * not yet registered); 0, or -1 with errno. */
 int msg_endpoint_ensure_wait_set(struct msg_endpoint* ep);
 
 /* Binds a new listening socket into ep->listen_fd and puts it in place under the endpoint's

@@ -7,6 +7,7 @@
  * whose sockets have room again.
  */
 #include <errno.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -343,19 +344,14 @@ static int wait_with_listen_retry(struct msg_endpoint* ep, int timeoutMs) {
     return timeoutMs >= 0 && timeoutMs < left ? timeoutMs : (int)left;
 }
 
-/* One turn as leader: wait for the endpoint without its lock, then serve what came. -1 when
- * there is nothing to wait with. */
-static int lead(struct msg_endpoint* ep, int timeoutMs) {
+/* Waits without the endpoint's lock in `wait`, then serves what came. */
+static int lead_with(struct msg_endpoint* ep, int timeoutMs,
+                     int (*wait)(struct msg_endpoint*, struct epoll_event*, int)) {
     struct epoll_event events[kMaxEvents];
-    if (msg_endpoint_ensure_wait_set(ep) != 0) {
-        return -1;
-    }
     timeoutMs = msg_deadline_wait(ep, wait_with_listen_retry(ep, timeoutMs));
     ep->leader = 1;
     sync_pending(ep);
-    pthread_mutex_unlock(&ep->lock);
-    int count = epoll_wait(ep->wait_fd, events, kMaxEvents, timeoutMs);
-    pthread_mutex_lock(&ep->lock);
+    int count = wait(ep, events, timeoutMs);
     ep->leader = 0;
     if (count > 0) {
         serve_events(ep, events, count);
@@ -363,6 +359,73 @@ static int lead(struct msg_endpoint* ep, int timeoutMs) {
     msg_drop_idle(ep);
     pthread_cond_broadcast(&ep->turn);
     return 0;
+}
+
+static int wait_epoll(struct msg_endpoint* ep, struct epoll_event* events, int timeoutMs) {
+    const int wait_fd = ep->wait_fd;
+    pthread_mutex_unlock(&ep->lock);
+    int count = epoll_wait(wait_fd, events, kMaxEvents, timeoutMs);
+    pthread_mutex_lock(&ep->lock);
+    return count;
+}
+
+/* An endpoint that only connects out waits with poll() on its few connections: a client's
+ * transaction then needs no epoll set, nor the calls that make, fill and close it. Changes made
+ * meanwhile by other threads (a new connection, a paused one, output that waits) write the wake
+ * event, and the next turn polls what is there then. Results come back as epoll events. */
+static int wait_poll(struct msg_endpoint* ep, struct epoll_event* events, int timeoutMs) {
+    struct pollfd fds[kMaxEvents];
+    uint32_t addresses[kMaxEvents];
+    int count = 0;
+    fds[count++] = (struct pollfd){.fd = ep->wake_fd, .events = POLLIN};
+    for (struct msg_conn* conn = ep->conns; conn; conn = conn->next) {
+        short wanted = (short)((conn->paused ? 0 : POLLIN) | (conn->want_output ? POLLOUT : 0));
+        if (wanted) {
+            addresses[count] = conn->address;
+            fds[count++] = (struct pollfd){.fd = conn->fd, .events = wanted};
+        }
+    }
+    ep->polling = 1;
+    pthread_mutex_unlock(&ep->lock);
+    int ready = poll(fds, (nfds_t)count, timeoutMs);
+    pthread_mutex_lock(&ep->lock);
+    ep->polling = 0;
+    if (ready > 0 && fds[0].revents) {
+        uint64_t value;
+        ssize_t ignored = read(ep->wake_fd, &value, sizeof(value));
+        (void)ignored;
+    }
+    int found = 0;
+    for (int i = 1; ready > 0 && i < count; i++) {
+        const short got = fds[i].revents;
+        if (got) {
+            events[found].data.u64 = addresses[i];
+            events[found++].events = (got & POLLIN ? EPOLLIN : 0) | (got & POLLOUT ? EPOLLOUT : 0) |
+                                     (got & POLLHUP ? EPOLLHUP : 0) |
+                                     (got & (POLLERR | POLLNVAL) ? EPOLLERR : 0);
+        }
+    }
+    return found;
+}
+
+static int count_conns(const struct msg_endpoint* ep, int atMost) {
+    int count = 0;
+    for (const struct msg_conn* conn = ep->conns; conn && count <= atMost; conn = conn->next) {
+        count++;
+    }
+    return count;
+}
+
+/* One turn as leader: wait for the endpoint without its lock, then serve what came. -1 when
+ * there is nothing to wait with. */
+static int lead(struct msg_endpoint* ep, int timeoutMs) {
+    if (ep->wait_fd < 0 && ep->listen_fd < 0 && count_conns(ep, kMaxEvents - 1) < kMaxEvents) {
+        return msg_endpoint_ensure_wake(ep) == 0 ? lead_with(ep, timeoutMs, wait_poll) : -1;
+    }
+    if (msg_endpoint_ensure_wait_set(ep) != 0) {
+        return -1;
+    }
+    return lead_with(ep, timeoutMs, wait_epoll);
 }
 
 static void wait_turn(struct msg_endpoint* ep, int64_t deadline) {

@@ -406,10 +406,12 @@ TEST_F(MsgPassTest, WaitsEndAtTheirTimeOut) {
 
 // Receivers that wait forever, or for the longest time-out there is, sleep (the leader and one
 // waiting for its turn alike) until the endpoint closes: a deadline out of range must not turn
-// into one in the past, where they would give up at once or spin.
+// into one in the past, where they would give up at once or spin. A service waits in its epoll
+// set, a client with poll().
 TEST_F(MsgPassTest, LongWaitsSleepUntilTheEndpointCloses) {
-    for (int timeoutMs : {-1, INT_MAX}) {
-        ASSERT_EQ(MSG_OpenService("server"), MSG_OK);
+    const std::pair<int, bool> waits[] = {{-1, true}, {INT_MAX, true}, {-1, false}};
+    for (const auto& [timeoutMs, published] : waits) {
+        ASSERT_EQ(published ? MSG_OpenService("server") : MSG_OpenLocal("server"), MSG_OK);
         std::atomic<int> ended{0};
         auto receive = [&] {
             EXPECT_EQ(MSG_RecvAny("server", timeoutMs), nullptr);
@@ -426,6 +428,31 @@ TEST_F(MsgPassTest, LongWaitsSleepUntilTheEndpointCloses) {
         waiter.join();
         EXPECT_LT(msSince(start), 2000) << timeoutMs << ": closing did not wake them";
     }
+}
+
+// A client thread waiting on its one connection hears at once from a second one that another
+// thread made meanwhile, and sees it go.
+TEST_F(MsgPassTest, AWaitingClientHearsAConnectionMadeMeanwhile) {
+    connectPair();
+    MSG_Msg* got = nullptr;
+    std::thread waiter([&] { got = MSG_RecvMsg("client", 5, 5000); });
+    usleep(50 * 1000);  // the waiter is polling its connection to "server" only
+    ASSERT_EQ(MSG_OpenService("other"), MSG_OK);
+    uint32_t toOther = 0;
+    ASSERT_EQ(MSG_OpenRemoteSync("client", "other", 1000, &toOther), MSG_OK);
+    ASSERT_EQ(MSG_SendMsg("client", toOther, makeMsg(1, "hello")), MSG_OK);
+    const long long start = monotonicNs();
+    ASSERT_EQ(MSG_SendMsg("other", senderOfNext("other"), makeMsg(5, "from other")), MSG_OK);
+    waiter.join();
+    EXPECT_LT(msSince(start), 1000) << "the new connection was not waited on";
+    EXPECT_EQ(take(got), "from other");
+    ASSERT_EQ(MSG_CloseLocal("other"), MSG_OK);
+    std::thread closed([&] { got = MSG_RecvMsg("client", 5, 5000); });
+    usleep(50 * 1000);
+    ASSERT_EQ(MSG_CloseLocal("server"), MSG_OK);  // its last connection goes: nothing to wait for
+    closed.join();
+    EXPECT_EQ(got, nullptr);
+    EXPECT_LT(msSince(start), 3000) << "a client without connections waited on";
 }
 
 // With descriptors used up elsewhere in the process, the service (no connection of its own to
