@@ -532,16 +532,17 @@ TEST_F(MsgPassTest, EndpointDirectoryAndSocketFiles) {
     for (size_t i = 0; i < std::size(dirs); i++) {
         const std::string path = dir_.path + dirs[i];
         setenv(MSG_DIR_ENV, path.c_str(), 1);
-        char named[PATH_MAX] = "";
-        EXPECT_EQ(MSG_GetDir(nullptr, named, sizeof(named)), i < 5 ? MSG_OK : MSG_ERR_NO_DIR);
-        EXPECT_EQ(named, path);
         EXPECT_EQ(MSG_OpenService("probe"), i < 4 ? MSG_OK : MSG_ERR_NO_DIR) << dirs[i];
+        char named[PATH_MAX] = "";
+        EXPECT_EQ(MSG_GetDir(nullptr, named, sizeof(named)), i < 5 ? MSG_OK : MSG_ERR_NO_DIR)
+            << dirs[i];
+        EXPECT_EQ(named, path);
         uint32_t address = 0;
         if (i < 4 && MSG_OpenLocal("c") == MSG_OK) {
             EXPECT_EQ(MSG_OpenRemoteSync("c", "probe", 0, &address), MSG_OK) << dirs[i];
             setenv(MSG_DIR_ENV, dir_.path.c_str(), 1);  // an open endpoint's own, whatever is set
             named[0] = '\0';
-            EXPECT_EQ(MSG_GetDir("c", named, sizeof(named)), MSG_OK);
+            EXPECT_EQ(MSG_GetDir("c", named, sizeof(named)), MSG_OK) << dirs[i];
             EXPECT_EQ(named, path);
         }
         MSG_CloseLocal(nullptr);
