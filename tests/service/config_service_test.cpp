@@ -226,46 +226,37 @@ TEST_F(ConfigServiceTest, WritesKeepInstancesApartAndSurviveReopening) {
     EXPECT_TRUE(read("audio/microphone 1/gain").is_default());
 }
 
-TEST_F(ConfigServiceTest, StoredValuesTheModelNoLongerTakesAreIgnoredButKept) {
+// Stored records the model no longer takes are ignored with a warning each, but kept for a model
+// that takes them again.
+TEST_F(ConfigServiceTest, StoredRecordsTheModelNoLongerTakesAreIgnoredButKept) {
     tamper(
         "INSERT INTO setting(key, value) VALUES('audio[3]/volume', '2:10'), ('audio[1]/volume', "
-        "'3:101'),"
-        "('system[1]/hostname', '')");
-    for (int reopened = 0; reopened < 2; ++reopened) {  // still there for a model that takes them
-        ASSERT_TRUE(reopen()) << error_;
-        EXPECT_THAT(warnings_,
-                    testing::UnorderedElementsAre(
-                        "stored value of 'audio[1]/volume' is ignored: value 101 of 'volume' is "
-                        "above the maximum 100",
-                        "stored value of 'system[1]/hostname' is ignored: 'hostname' takes "
-                        "exactly one value, not 0",
-                        "stored value of 'audio[3]/volume' is ignored: the model has no such "
-                        "variable"));
-        EXPECT_TRUE(read(kVolume).is_default());
-    }
-}
-
-TEST_F(ConfigServiceTest, StoredOverridesTheModelNoLongerTakesAreIgnoredButKept) {
-    tamper(
+        "'3:110'), ('audio[1]/mute', '1:x'), ('system[1]/hostname', '');"
         "INSERT INTO override(kind, key, value) VALUES(3, 'audio.volume', '3:max3:120'), (3, "
-        "'audio.bass', ''),"
-        "(3, 'audio', '3:max1:3'), (3, 'video.brightness', '3:max2:10'),"
-        "(1, 'audio[1]/volume', '1:01:a'), (2, 'audio[1]/mute', '6:kAdmin5:kRoot'), (9, 'x', '');"
-        "INSERT INTO setting(key, value) VALUES('audio[1]/volume', '3:110')");
-    ASSERT_TRUE(reopen()) << error_;
-    EXPECT_THAT(warnings_,
-                testing::UnorderedElementsAre(
-                    "stored attributes of 'audio.bass' is ignored: the model has no such node or "
-                    "variable",
-                    "stored attributes of 'audio' is ignored: attribute 'max' cannot be set on a "
-                    "node",
-                    "stored attributes of 'video.brightness' is ignored: the default would no "
-                    "longer fit: value 70 of 'brightness' is above the maximum 10",
-                    "stored options of 'audio[1]/volume' is ignored: 'volume' has no options (it "
-                    "is of kind integer)",
-                    "stored levels of 'audio[1]/mute' is ignored: unknown role 'kRoot'",
-                    "stored record of 'x' is ignored: it is of an unknown kind"));
-    EXPECT_EQ(valuesOf(read(kVolume)), Values{"110"});  // fits the stored maximum of 120
+        "'audio.bass', ''), (3, 'audio', '3:max1:3'), (3, 'video.brightness', '3:max2:10'),"
+        "(1, 'audio[1]/volume', '1:01:a'), (2, 'audio[1]/mute', '6:kAdmin5:kRoot'), (9, 'x', '')");
+    for (int reopened = 0; reopened < 2; ++reopened) {
+        ASSERT_TRUE(reopen()) << error_;
+        EXPECT_THAT(
+            warnings_,
+            testing::UnorderedElementsAre(
+                "stored value of 'audio[1]/mute' is ignored: value 'x' of 'mute' is not a boolean "
+                "(true, false, on, off, yes, no, 1, 0)",
+                "stored value of 'system[1]/hostname' is ignored: 'hostname' takes exactly one "
+                "value, not 0",
+                "stored value of 'audio[3]/volume' is ignored: the model has no such variable",
+                "stored attributes of 'audio.bass' is ignored: the model has no such node or "
+                "variable",
+                "stored attributes of 'audio' is ignored: attribute 'max' cannot be set on a node",
+                "stored attributes of 'video.brightness' is ignored: the default would no longer "
+                "fit: value 70 of 'brightness' is above the maximum 10",
+                "stored options of 'audio[1]/volume' is ignored: 'volume' has no options (it is of "
+                "kind integer)",
+                "stored levels of 'audio[1]/mute' is ignored: unknown role 'kRoot'",
+                "stored record of 'x' is ignored: it is of an unknown kind"));
+        EXPECT_EQ(valuesOf(read(kVolume)), Values{"110"});  // fits the stored maximum of 120
+        EXPECT_TRUE(read("audio/mute").is_default());
+    }
 }
 
 // Databases of the older formats: values only (1), and values and overrides without checksums
@@ -313,37 +304,44 @@ TEST_F(ConfigServiceTest, ChangeThatCannotBeStoredIsAnsweredSoAndLeavesNoTrace) 
     EXPECT_TRUE(ask("ResetValue", "kAdmin", "instance { {{audio/volume}} }").changes.empty());
 }
 
-// SQL run on the database (none: text written over it), and the error after its path.
-using Damage = std::pair<std::string, std::string>;
+struct Damage {
+    const char* sql;    // run on the closed database (rows resealed); "": text written over it
+    double kept;        // the part of the file left, as a copy cut short leaves it
+    const char* error;  // after the database's path
+};
 
 class DamagedDatabase : public ConfigServiceTest, public testing::WithParamInterface<Damage> {};
 
+// An empty or cut file is never taken for a new database: the values it should hold would be lost.
 TEST_P(DamagedDatabase, IsRefusedAndLeftAsItWas) {
-    tamper(GetParam().first.empty() ? "SELECT 1" : GetParam().first);
-    if (GetParam().first.empty()) {
+    tamper(*GetParam().sql == '\0' ? "SELECT 1" : GetParam().sql);
+    if (*GetParam().sql == '\0') {
         ASSERT_TRUE(testsupport::writeFile(database(), "not the values you are looking for\n"));
     }
-    EXPECT_EQ(refusal(), database() + GetParam().second);
+    const auto bytes = static_cast<double>(std::filesystem::file_size(database()));
+    std::filesystem::resize_file(database(), static_cast<uintmax_t>(bytes * GetParam().kept));
+    EXPECT_EQ(refusal(), database() + GetParam().error);
 }
 
 const Damage kDamages[] = {
-    {"", " is damaged (file is not a database); it was left as it is"},
-    {"PRAGMA application_id=7", " is not a database of this service; it was left as it is"},
-    {"PRAGMA user_version=4", " has format 4, this service reads 1 to 3; it was left as it is"},
-    {"INSERT INTO setting(key, value) VALUES('audio[1]/volume', '9:1')",
+    {"", 1, " is damaged (file is not a database); it was left as it is"},
+    {"PRAGMA application_id=7", 1, " is not a database of this service; it was left as it is"},
+    {"PRAGMA user_version=4", 1, " has format 4, this service reads 1 to 3; it was left as it is"},
+    {"INSERT INTO setting(key, value) VALUES('audio[1]/volume', '9:1')", 1,
      " is damaged (the value of 'audio[1]/volume' does not decode); it was left as it is"},
+    {"SELECT 1", 0,
+     " is empty where a database of this service should be (its values are lost or were never "
+     "there); it was left as it is"},
+    {"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000) INSERT INTO "
+     "setting(key, value) SELECT 'k' || i, zeroblob(200) FROM n",
+     0.5, " is damaged (database disk image is malformed); it was left as it is"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Table, DamagedDatabase, testing::ValuesIn(kDamages));
 
-// An empty file where the database should be, or a log without its database, is never taken for
-// a new database: the values it should hold would be lost, and the log overwritten.
-TEST_F(ConfigServiceTest, EmptyDatabaseOrLogWithoutOneIsRefused) {
+// A log without its database is never taken for a new database: the log would be overwritten.
+TEST_F(ConfigServiceTest, LogWithoutItsDatabaseIsRefused) {
     tamper("SELECT 1");
-    std::filesystem::resize_file(database(), 0);
-    EXPECT_EQ(refusal(), database() +
-                             " is empty where a database of this service should be (its "
-                             "values are lost or were never there); it was left as it is");
     std::filesystem::remove(database());
     ASSERT_TRUE(testsupport::writeFile(database() + "-wal", "a log"));
     EXPECT_FALSE(reopen());
@@ -351,19 +349,6 @@ TEST_F(ConfigServiceTest, EmptyDatabaseOrLogWithoutOneIsRefused) {
                           "-wal is there; it was left as it is");
     EXPECT_EQ(testsupport::readFile(database() + "-wal"), "a log");
     EXPECT_FALSE(std::filesystem::exists(database()));
-}
-
-TEST_F(ConfigServiceTest, TruncatedDatabaseIsRefusedAndLeftAsItWas) {
-    tamper(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 2000)"
-        "INSERT INTO setting(key, value) SELECT 'k' || i, zeroblob(200) FROM n;"
-        "PRAGMA wal_checkpoint(TRUNCATE)",
-        false);
-    size_t bytes = std::filesystem::file_size(database());
-    ASSERT_GT(bytes, 8192u);
-    std::filesystem::resize_file(database(), bytes / 2);
-    EXPECT_EQ(refusal(),
-              database() + " is damaged (database disk image is malformed); it was left as it is");
 }
 
 TEST_F(ConfigServiceTest, SecondStoreOnTheSameStateFolderIsRefused) {

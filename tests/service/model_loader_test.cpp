@@ -64,7 +64,7 @@ TEST(ModelLoader, BadModelsAreRefusedWithFileLineAndReason) {
     for (const testsupport::CaseBlock& bad : cases.blocks) {
         DeviceModel model;
         std::string error;
-        EXPECT_FALSE(parseModel(bad.text(), "m.xml", &model, &error)) << bad.head.where;
+        EXPECT_FALSE(parseModel(bad.text(1), "m.xml", &model, &error)) << bad.head.where;
         EXPECT_EQ(error, bad.head[0]) << bad.head.where;
     }
     for (const testsupport::CaseRow& file : cases.rows) {

@@ -78,7 +78,7 @@ TEST(ModelSchema, RefusesWhatTheLoaderRefusesForItsForm) {
         for (const char* part : kBeyondTheSchema) {
             beyond = beyond || reason.find(part) != std::string::npos;
         }
-        const Checked checked = check(bad.text());
+        const Checked checked = check(bad.text(1));
         EXPECT_FALSE(checked.loader) << bad.head.where;
         EXPECT_EQ(checked.schema, beyond) << bad.head.where << ": " << reason;
     }

@@ -36,6 +36,10 @@ struct CaseBlock {
     std::vector<CaseRow> body;
     // The body's rows as text, each field list joined by " | " and ended by a newline.
     std::string text() const;
+    // The head's field `field` when it has one (a case written in one line), else text().
+    std::string text(size_t field) const {
+        return head.fields.size() > field ? head.fields[field] : text();
+    }
 };
 
 struct CaseFile {
