@@ -310,6 +310,10 @@ struct Damage {
     const char* error;  // after the database's path
 };
 
+void PrintTo(const Damage& damage, std::ostream* out) {
+    *out << damage.error;
+}
+
 class DamagedDatabase : public ConfigServiceTest, public testing::WithParamInterface<Damage> {};
 
 // An empty or cut file is never taken for a new database: the values it should hold would be lost.

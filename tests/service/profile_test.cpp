@@ -23,10 +23,6 @@ class ProfileTest : public ConfigServiceTest {
         return error("ApplyProfile", eSecurityRole_Name(role), "file_location: '" + name + "'");
     }
 
-    void clearAll() {
-        ASSERT_TRUE(ask(ConfigProtocol::kClearConfigCmdMsgId, "", kService).refusals.empty());
-    }
-
     // Every value of interest, read in one batch with the highest role.
     std::string readAll() {
         const Answer answer =
@@ -48,7 +44,7 @@ TEST_F(ProfileTest, CreateClearApplyGivesBackExactlyTheSameValues) {
     ASSERT_EQ(write(kWatchdog, {"false"}, kSystem).error(), kErrNoError);
     const std::string before = readAll();
     ASSERT_EQ(create("backup", kSystem), kErrNoError);
-    clearAll();
+    ASSERT_TRUE(ask(ConfigProtocol::kClearConfigCmdMsgId, "", kService).refusals.empty());
     ASSERT_NE(readAll(), before);
     EXPECT_EQ(apply("backup", kSystem), kErrNoError);
     EXPECT_EQ(readAll(), before);
