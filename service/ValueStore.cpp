@@ -219,14 +219,26 @@ constexpr off_t kLogBytes = 32 + 1100 * (1024 + 24);
 constexpr char kCommitsTable[] =
     "CREATE TABLE commits(last INTEGER NOT NULL); INSERT INTO commits VALUES(0);";
 
-// Statements of commit(), by slot.
-enum Statement { kSetValue, kResetValue, kSetOverride, kResetOverride, kCountCommit };
+// Statements of commit(), by slot; the transaction's own too, so that no commit parses SQL.
+enum Statement {
+    kSetValue,
+    kResetValue,
+    kSetOverride,
+    kResetOverride,
+    kCountCommit,
+    kBegin,
+    kCommit,
+    kRollback
+};
 constexpr const char* kStatementSql[ValueStore::kStatementCount] = {
     "INSERT OR REPLACE INTO setting(key, value, checksum) VALUES(?2, ?3, ?4)",
     "DELETE FROM setting WHERE key = ?2",
     "INSERT OR REPLACE INTO override(kind, key, value, checksum) VALUES(?1, ?2, ?3, ?4)",
     "DELETE FROM override WHERE kind = ?1 AND key = ?2",
     "UPDATE commits SET last = ?1",
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
 };
 
 }  // namespace
@@ -515,8 +527,10 @@ bool ValueStore::openDatabase(std::string* error) {
         return false;
     }
     // WAL with FULL sync: a commit is one append and one fsync of the log, and is durable
-    // once sqlite3_exec("COMMIT") returns.
-    if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;", error)) {
+    // once its COMMIT returns. The folder's lock makes this process the database's only user, so
+    // SQLite's own locks are taken once and kept: a commit makes no lock calls.
+    if (!exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA locking_mode=EXCLUSIVE;",
+              error)) {
         failWith("cannot configure " + path_, error);
         return false;
     }
@@ -624,11 +638,21 @@ bool ValueStore::checkpoint(std::string* error) {
     return true;
 }
 
+bool ValueStore::step(int statement, std::string* error) {
+    sqlite3_stmt* prepared = statements_[statement];
+    const bool done = sqlite3_step(prepared) == SQLITE_DONE;
+    if (!done && error != nullptr) {
+        *error = sqlite3_errmsg(db_);
+    }
+    sqlite3_reset(prepared);  // lets go of the bound buffers before they change
+    return done;
+}
+
 bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::string* error) {
     if (changes.empty()) {
         return true;
     }
-    if (!exec("BEGIN IMMEDIATE", error)) {
+    if (!step(kBegin, error)) {
         return false;
     }
     bool ok = true;
@@ -636,41 +660,31 @@ bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::st
     for (size_t i = 0; ok && i < changes.size(); ++i) {
         const StoredChange& change = *changes[i];
         const bool isValue = change.kind == RecordKind::kValue;
-        sqlite3_stmt* statement =
-            statements_[isValue ? (change.reset ? kResetValue : kSetValue)
-                                : (change.reset ? kResetOverride : kSetOverride)];
-        sqlite3_reset(statement);
+        const Statement statement = isValue ? (change.reset ? kResetValue : kSetValue)
+                                            : (change.reset ? kResetOverride : kSetOverride);
+        sqlite3_stmt* prepared = statements_[statement];
         if (!isValue) {
-            sqlite3_bind_int(statement, 1, static_cast<int>(change.kind));
+            sqlite3_bind_int(prepared, 1, static_cast<int>(change.kind));
         }
-        sqlite3_bind_text(statement, 2, change.key.data(), static_cast<int>(change.key.size()),
+        sqlite3_bind_text(prepared, 2, change.key.data(), static_cast<int>(change.key.size()),
                           SQLITE_STATIC);
         if (!change.reset) {
             encoded = encodeValues(change.values);
-            sqlite3_bind_blob(statement, 3, encoded.data(), static_cast<int>(encoded.size()),
+            sqlite3_bind_blob(prepared, 3, encoded.data(), static_cast<int>(encoded.size()),
                               SQLITE_STATIC);
-            sqlite3_bind_int64(statement, 4,
+            sqlite3_bind_int64(prepared, 4,
                                rowChecksum(static_cast<int>(change.kind), change.key, encoded));
         }
-        ok = sqlite3_step(statement) == SQLITE_DONE;
-        sqlite3_reset(statement);  // lets go of the bound buffers before they change
+        ok = step(statement, error);
     }
-    sqlite3_stmt* count = statements_[kCountCommit];
     if (ok) {
-        sqlite3_reset(count);
-        sqlite3_bind_int64(count, 1, static_cast<sqlite3_int64>(lastCommit_ + 1));
-        ok = sqlite3_step(count) == SQLITE_DONE;
-        sqlite3_reset(count);
+        sqlite3_bind_int64(statements_[kCountCommit], 1,
+                           static_cast<sqlite3_int64>(lastCommit_ + 1));
+        ok = step(kCountCommit, error);
     }
-    if (!ok) {
-        *error = sqlite3_errmsg(db_);
-        std::string ignored;
-        exec("ROLLBACK", &ignored);
-        return false;
-    }
-    if (!exec("COMMIT", error)) {
-        std::string ignored;
-        exec("ROLLBACK", &ignored);  // leaves no transaction open for the next batch
+    // A failed commit is rolled back, which leaves no transaction open for the next batch.
+    if (!ok || !step(kCommit, error)) {
+        step(kRollback, nullptr);
         return false;
     }
     ++lastCommit_;

@@ -69,7 +69,7 @@ class ValueStore {
 
     const std::string& databasePath() const { return path_; }
 
-    static constexpr int kStatementCount = 5;
+    static constexpr int kStatementCount = 8;
 
   private:
     ValueStore() = default;
@@ -101,6 +101,7 @@ class ValueStore {
     uint64_t recorded_ = 0;      // what it says now
     sqlite3* db_ = nullptr;
     sqlite3_stmt* statements_[kStatementCount] = {};  // commit()'s, prepared once
+    bool step(int statement, std::string* error);
 };
 
 // How a list of values is kept in one database column: each value as its byte length in

@@ -5,7 +5,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -289,19 +291,26 @@ INSTANTIATE_TEST_SUITE_P(
                     "NOT NULL, value BLOB NOT NULL, PRIMARY KEY(kind, key)) WITHOUT ROWID;"
                     "PRAGMA user_version=2"));
 
+// The disk refuses the commit's log writes, as a full one would (a file size limit below the
+// log's end; the signal that the limit raises is ignored, so the write fails instead).
 TEST_F(ConfigServiceTest, ChangeThatCannotBeStoredIsAnsweredSoAndLeavesNoTrace) {
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(database().c_str(), &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit tiny{1, before.rlim_max};
+    void (*const onLimit)(int) = signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tiny), 0);
     const ConfigIF::ReturnMessage failed = write(kVolume, {"80"});
-    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
-    sqlite3_close(other);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    signal(SIGXFSZ, onLimit);
     EXPECT_EQ(failed.error(), kErrGenericError);
     EXPECT_THAT(failed.error_message(),
-                ElementsAre("the change could not be stored: database is locked"));
+                ElementsAre("the change could not be stored: disk I/O error"));
     EXPECT_TRUE(read(kVolume).is_default());
     // Nothing of the failed write is left among what later changes are checked against.
     EXPECT_TRUE(ask("ResetValue", "kAdmin", "instance { {{audio/volume}} }").changes.empty());
+    // The store goes on: the same change is stored once the disk takes it.
+    EXPECT_EQ(write(kVolume, {"80"}).error(), kErrNoError);
+    EXPECT_EQ(read(kVolume).value(0), "80");
 }
 
 struct Damage {
