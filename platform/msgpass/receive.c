@@ -304,11 +304,22 @@ static void serve_conn(struct msg_endpoint* ep, struct msg_conn* conn, uint32_t 
     }
 }
 
+/* The wake-up event has done its work once the leader is up. Written when the endpoint
+ * closes, it is left set, so that whoever polls MSG_GetPollFd's descriptor sees it too. */
+static void take_wake(struct msg_endpoint* ep) {
+    if (!ep->closed) {
+        uint64_t value;
+        ssize_t ignored = read(ep->wake_fd, &value, sizeof(value));
+        (void)ignored;
+    }
+}
+
 static void serve_events(struct msg_endpoint* ep, const struct epoll_event* events, int count) {
     for (int i = 0; i < count && !ep->closed; i++) {
         uint64_t token = events[i].data.u64;
         if (token == kMsgWakeToken) {
-            continue; /* only ever written when closing, which the loop checks */
+            take_wake(ep); /* a poll() turn's wake-up that came after the epoll set was made */
+            continue;
         }
         if (token == kMsgListenToken) {
             msg_accept_pending(ep);
@@ -391,9 +402,7 @@ static int wait_poll(struct msg_endpoint* ep, struct epoll_event* events, int ti
     pthread_mutex_lock(&ep->lock);
     ep->polling = 0;
     if (ready > 0 && fds[0].revents) {
-        uint64_t value;
-        ssize_t ignored = read(ep->wake_fd, &value, sizeof(value));
-        (void)ignored;
+        take_wake(ep);
     }
     int found = 0;
     for (int i = 1; ready > 0 && i < count; i++) {
