@@ -20,6 +20,11 @@ int takePath(const std::string& text, VanePath* path) {
     return parsePath(text, path, &error) ? 0 : usageError("", error);
 }
 
+int takeElement(Service& service, const std::string& text, VanePath* path, ModelElement* element) {
+    const int status = takePath(text, path);
+    return status != 0 ? status : describeElement(service, path->nodeName, path->text, element);
+}
+
 Json itemJson(const TreeItem& item) {
     Json json = {{"path", item.path}};
     if (item.error != 0) {

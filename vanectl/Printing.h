@@ -22,6 +22,8 @@ void printLine(const std::string& text);
 
 // Parses the user's `text` into *path: 0, or kUsageStatus after reporting why.
 int takePath(const std::string& text, VanePath* path);
+// The same, then the service's description of what it names: 0, or the reported failure.
+int takeElement(Service& service, const std::string& text, VanePath* path, ModelElement* element);
 
 // A variable item as a JSON object: path, then values and is_default, or error.
 Json itemJson(const TreeItem& item);

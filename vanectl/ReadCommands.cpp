@@ -245,8 +245,7 @@ int runGet(Service& service, const Output& output, const std::vector<std::string
 int runDescribe(Service& service, const Output& output, const std::string& text) {
     VanePath path;
     ModelElement element;
-    int status = takePath(text, &path);
-    status = status != 0 ? status : describeElement(service, path.nodeName, path.text, &element);
+    const int status = takeElement(service, text, &path, &element);
     if (status != 0) {
         return status;
     }

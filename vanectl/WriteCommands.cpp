@@ -190,8 +190,7 @@ int runValidate(Service& service, const Output& output, const std::string& text,
 int runReset(Service& service, const std::string& text) {
     VanePath path;
     ModelElement element;
-    int status = takePath(text, &path);
-    status = status != 0 ? status : describeElement(service, path.nodeName, path.text, &element);
+    int status = takeElement(service, text, &path, &element);
     if (status != 0) {
         return status;
     }
