@@ -115,6 +115,19 @@ std::string readAll(int fd, size_t size, const std::function<bool()>& pump = nul
     return got;
 }
 
+// A Unix socket connected (or only bound) to `path`, or -1.
+int socketAt(const std::string& path, bool bindOnly = false, int flags = 0) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+    sockaddr_un addr{AF_UNIX, {}};
+    memcpy(addr.sun_path, path.c_str(), std::min(path.size() + 1, sizeof(addr.sun_path)));
+    auto* any = reinterpret_cast<sockaddr*>(&addr);
+    if ((bindOnly ? bind(fd, any, sizeof(addr)) : connect(fd, any, sizeof(addr))) == 0) {
+        return fd;
+    }
+    close(fd);
+    return -1;
+}
+
 // Becomes uid and gid 65534 (from root); false when that failed.
 bool becomeNobody() {
     return setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
@@ -128,14 +141,6 @@ std::set<std::string> namesIn(const std::string& dir) {
         names.insert(entry.path().filename().string());
     }
     return names;
-}
-
-// Whether `holds` comes true within three seconds.
-bool soon(const std::function<bool()>& holds) {
-    for (int i = 0; i < 60 && !holds(); i++) {
-        usleep(50 * 1000);
-    }
-    return holds();
 }
 
 // Answers each message at `name` with id + 1 and the same payload, with two exceptions: "sender"
@@ -197,22 +202,12 @@ class MsgPassTest : public ::testing::Test {
         ASSERT_FALSE(dir_.path.empty());
         setenv(MSG_DIR_ENV, dir_.path.c_str(), 1);
     }
-    void TearDown() override {
-        MSG_CloseLocal(nullptr);
-        for (pid_t pid : children_) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    }
+    void TearDown() override { MSG_CloseLocal(nullptr); }
 
-    // Runs `body` in a child process; its result becomes the child's exit status.
-    pid_t spawn(const std::function<int()>& body) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            _exit(body());
-        }
-        children_.push_back(pid);
-        return pid;
+    // Runs `body` in a child process, killed at the test's end; its result becomes the child's
+    // exit status.
+    testsupport::Background& spawn(const std::function<int()>& body) {
+        return *children_.emplace_back(std::make_unique<testsupport::Background>(body));
     }
     // Runs a service of "svc" in a child process, after `setUp` (which says whether to go on),
     // answering as answerAll does; returns once it has opened its endpoint: its pid, or -1.
@@ -221,13 +216,14 @@ class MsgPassTest : public ::testing::Test {
         if (pipe(ready) != 0) {
             return -1;
         }
-        const pid_t pid = spawn([&] {
-            if (!setUp() || MSG_OpenService("svc") != MSG_OK || write(ready[1], "r", 1) != 1) {
-                return 20;
-            }
-            answerAll("svc");
-            return 0;
-        });
+        const pid_t pid =
+            spawn([&] {
+                if (!setUp() || MSG_OpenService("svc") != MSG_OK || write(ready[1], "r", 1) != 1) {
+                    return 20;
+                }
+                answerAll("svc");
+                return 0;
+            }).pid;
         close(ready[1]);
         char byte;
         const bool started = read(ready[0], &byte, 1) == 1;
@@ -236,16 +232,7 @@ class MsgPassTest : public ::testing::Test {
     }
     // A Unix socket connected (or only bound) to the path of endpoint `name`, or -1.
     int unixSocket(const std::string& name, bool bindOnly = false) const {
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{AF_UNIX, {}};
-        const std::string path = dir_.file(name);
-        memcpy(addr.sun_path, path.c_str(), std::min(path.size() + 1, sizeof(addr.sun_path)));
-        auto* any = reinterpret_cast<sockaddr*>(&addr);
-        if ((bindOnly ? bind(fd, any, sizeof(addr)) : connect(fd, any, sizeof(addr))) == 0) {
-            return fd;
-        }
-        close(fd);
-        return -1;
+        return socketAt(dir_.file(name), bindOnly);
     }
     // A plain-socket client of `name`, known to it by the address of a first, empty message.
     int rawPeer(const char* name, uint32_t* address) {
@@ -266,7 +253,7 @@ class MsgPassTest : public ::testing::Test {
     }
 
     testsupport::TempDir dir_{"msgpass-test"};
-    std::vector<pid_t> children_;
+    std::vector<std::unique_ptr<testsupport::Background>> children_;
     uint32_t toServer_ = 0, toClient_ = 0;
 };
 
@@ -578,7 +565,7 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
     const gid_t gid = geteuid() == 0 ? 65534 : getegid();
     ASSERT_EQ(chown(dir_.path.c_str(), uid, gid), 0);
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
-    const pid_t service = spawn([] {
+    testsupport::Background& service = spawn([] {
         usleep(150 * 1000);
         if ((geteuid() == 0 && !becomeNobody()) || MSG_OpenService("svc") != MSG_OK) {
             return 20;
@@ -600,7 +587,7 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
         MSG_Sender from{};
         EXPECT_EQ(ask("tool", address, text, &from), text == "sender" ? us : text);
         EXPECT_EQ(std::tie(from.address, from.pid, from.uid, from.gid),
-                  std::tie(address, service, uid, gid));
+                  std::tie(address, service.pid, uid, gid));
     }
     EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(1, "quit")), MSG_OK);
     start = monotonicNs();
@@ -608,9 +595,7 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
     EXPECT_LT(msSince(start), 3000) << "the death of the service was not seen at once";
     otherWaiter.join();
     EXPECT_EQ(other, nullptr);
-    int status = -1;
-    EXPECT_EQ(waitpid(service, &status, 0), service);
-    EXPECT_EQ(status, 0) << "service exit status " << WEXITSTATUS(status);
+    EXPECT_EQ(service.stop(0), 0) << "service exit status";
     EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(1, "gone")), MSG_ERR_NO_ROUTE);
 }
 
@@ -711,7 +696,7 @@ TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
     ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
     Responder responder("svc");
-    const pid_t client = spawn([] {
+    testsupport::Background& client = spawn([] {
         uint32_t address = 0;
         if (!becomeNobody() || MSG_OpenLocal("client") != MSG_OK ||
             MSG_OpenService("other") != MSG_ERR_NOT_ALLOWED ||
@@ -721,9 +706,7 @@ TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
         return ask("client", address, "sender") == std::to_string(getpid()) + " 65534 65534" ? 0
                                                                                              : 21;
     });
-    int status = -1;
-    EXPECT_EQ(waitpid(client, &status, 0), client);
-    EXPECT_EQ(status, 0) << "client exit status " << WEXITSTATUS(status);
+    EXPECT_EQ(client.stop(0), 0) << "client exit status";
     const std::set<std::string> left{".lock", "svc"};
     EXPECT_EQ(namesIn(dir_.path), left);
 }
@@ -747,11 +730,8 @@ int forgeAnswers(const std::string& dir, const std::string& spare, const std::st
             if (name.empty() || name == spare || name[0] == '.') {
                 continue;
             }
-            int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_un addr{AF_UNIX, {}};
-            snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/%s", dir.c_str(), name.c_str());
-            if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-                send(fd, forged.data(), forged.size(), MSG_NOSIGNAL) > 0) {
+            const int fd = socketAt(dir + "/" + name);
+            if (fd >= 0 && send(fd, forged.data(), forged.size(), MSG_NOSIGNAL) > 0) {
                 sendRaw(heard, "c");
             }
         }
@@ -852,7 +832,7 @@ int stillOpen(const std::vector<int>& fds) {
     int open = 0;
     for (int fd : fds) {
         pollfd pfd{fd, POLLRDHUP, 0};
-        open += poll(&pfd, 1, 0) == 0 || !(pfd.revents & (POLLRDHUP | POLLHUP));
+        open += fd >= 0 && (poll(&pfd, 1, 0) == 0 || !(pfd.revents & (POLLRDHUP | POLLHUP)));
     }
     return open;
 }
@@ -871,10 +851,7 @@ TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
     spawn([&] {
         std::vector<int> fds;
         for (int i = 0, nobody = becomeNobody(); nobody && i < 300; i++) {
-            fds.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-            sockaddr_un addr{AF_UNIX, {}};
-            snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/svc", dir_.path.c_str());
-            connect(fds.back(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+            fds.push_back(socketAt(dir_.file("svc"), false, SOCK_NONBLOCK));
             if (i == 0) {
                 sendRaw(fds.back(), frame(1, "talk"));
             }
@@ -905,18 +882,49 @@ TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
 // However a process ends normally, with its endpoints open or not, their files go with it; the
 // exit of a child made by fork() leaves the parent's alone.
 TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
-    for (const std::string how : {"exit", "return", "thread", "fork"}) {
-        const testsupport::Outcome run = testsupport::runProgram(
-            EXIT_PROBE, {EXIT_PROBE, how, how + "-a", how + "-b"}, {{MSG_DIR_ENV, dir_.path}});
-        EXPECT_EQ(run.status, 0) << how;
+    auto withEndpoints = [](std::vector<const char*> names, const std::function<int()>& end) {
+        return [names, end] {
+            for (const char* name : names) {
+                if (MSG_OpenService(name) != MSG_OK) {
+                    return 3;
+                }
+            }
+            return end();
+        };
+    };
+    const std::string first = dir_.file("a");
+    const std::pair<const char*, std::function<int()>> endings[] = {
+        {"exit", []() -> int { exit(0); }},
+        {"thread while another waits",
+         []() -> int {
+             std::thread([] { MSG_ReleaseMsg(MSG_RecvAny("a", -1)); }).detach();
+             usleep(50 * 1000);
+             exit(0);
+         }},
+        {"a forked child exits first",
+         [&first]() -> int {
+             const pid_t child = fork();
+             if (child == 0) {
+                 exit(0);
+             }
+             waitpid(child, nullptr, 0);
+             exit(access(first.c_str(), F_OK) == 0 ? 0 : 4);
+         }},
+    };
+    for (const auto& [how, end] : endings) {
+        EXPECT_EQ(spawn(withEndpoints({"a", "b"}, end)).stop(0), 0) << how;
         EXPECT_EQ(namesIn(dir_.path), std::set<std::string>{".lock"}) << how;
     }
     // Files of killed processes are swept when a process next publishes a name in the directory;
     // what is alive, or not a socket, stays.
-    testsupport::Background killed(EXIT_PROBE, {EXIT_PROBE, "wait", "setvane-1", "setvane-2"},
-                                   {{MSG_DIR_ENV, dir_.path}});
-    testsupport::Background alive(EXIT_PROBE, {EXIT_PROBE, "wait", "alive"},
-                                  {{MSG_DIR_ENV, dir_.path}});
+    auto waitForKill = [] {
+        for (;;) {
+            pause();
+        }
+        return 0;
+    };
+    testsupport::Background& killed = spawn(withEndpoints({"setvane-1", "setvane-2"}, waitForKill));
+    testsupport::Background& alive = spawn(withEndpoints({"alive"}, waitForKill));
     ASSERT_TRUE(killed.waitUntil([&] { return namesIn(dir_.path).count("setvane-2"); }));
     ASSERT_TRUE(alive.waitUntil([&] { return namesIn(dir_.path).count("alive"); }));
     EXPECT_EQ(killed.stop(SIGKILL), 128 + SIGKILL);
@@ -978,44 +986,24 @@ std::string queueStream(uint32_t to) {
 }
 
 // The descriptor of MSG_GetPollFd is readable exactly while something waits: in a socket, or
-// already read and queued (a second message that arrived with the first, one of another id).
-TEST_F(MsgPassTest, PollFdIsReadableWhileReadMessagesWait) {
-    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
-    pollfd service{MSG_GetPollFd("svc"), POLLIN, 0};
-    int peer = unixSocket("svc");
-    sendRaw(peer, frame(1, "a") + frame(2, "b") + frame(3, "c"));
-    ASSERT_EQ(poll(&service, 1, 1000), 1);
-    const struct {
-        const char* what;
-        uint32_t id;  // 0: any
-        std::string payload;
-        int readable;
-    } steps[] = {
-        {"one of three taken", 0, "a", 1},
-        {"the last by id, one of another id left", 3, "c", 1},
-        {"none left", 0, "b", 0},
-    };
-    for (const auto& step : steps) {
-        MSG_Msg* msg = step.id == 0 ? MSG_RecvAny("svc", 1000) : MSG_RecvMsg("svc", step.id, 1000);
-        EXPECT_EQ(take(msg), step.payload) << step.what;
-        EXPECT_EQ(poll(&service, 1, 0), step.readable) << step.what;
-    }
-    close(peer);
-}
-
-// What the socket did not take goes out as the peer reads: written by the receive loop of a
-// service that polls the descriptor of MSG_GetPollFd, by the next send that waits, and by the
-// receive loop even while the peer's own input is paused (its requests pile up unclaimed).
+// already read and queued (messages that arrived with the first, one of another id). What the
+// socket did not take goes out as the peer reads: written by the receive loop of a service that
+// polls that descriptor, by the next send that waits, and by the receive loop even while the
+// peer's own input is paused (its requests pile up unclaimed).
 TEST_F(MsgPassTest, QueuedFramesArriveInOrderAsThePeerReads) {
     ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
     pollfd service{MSG_GetPollFd("svc"), POLLIN, 0};
     ASSERT_GE(service.fd, 0);
     EXPECT_EQ(poll(&service, 1, 0), 0);
     int peer = unixSocket("svc");
-    sendRaw(peer, frame(1, ""));
+    sendRaw(peer, frame(1, "") + frame(2, "b") + frame(3, "c"));
     EXPECT_EQ(poll(&service, 1, 1000), 1) << "a new client with a message must wake the service";
     const uint32_t toPeer = senderOfNext("svc");
-    EXPECT_EQ(MSG_RecvAny("svc", 0), nullptr);
+    EXPECT_EQ(poll(&service, 1, 0), 1) << "two read and queued";
+    EXPECT_EQ(take(MSG_RecvMsg("svc", 3, 1000)), "c");
+    EXPECT_EQ(poll(&service, 1, 0), 1) << "one of another id queued";
+    EXPECT_EQ(take(MSG_RecvAny("svc", 1000)), "b");
+    EXPECT_EQ(poll(&service, 1, 0), 0) << "none left";
     std::string wire = queueStream(toPeer);
     EXPECT_EQ(poll(&service, 1, 0), 0) << "nothing to do while the client reads nothing";
     size_t queued = 0;
@@ -1089,23 +1077,27 @@ TEST_F(MsgPassTest, MemoryStaysWithinTheBoundAndGoesBack) {
     for (int fd : peers) {
         send(fd, more.data(), more.size(), MSG_NOSIGNAL);
     }
-    EXPECT_TRUE(soon([&] { return stillOpen(peers) < 48; })) << "nobody was dropped";
+    EXPECT_TRUE(testsupport::waitFor([&] { return stillOpen(peers) < 48; }))
+        << "nobody was dropped";
     EXPECT_LT(grown("VmRSS", rss), bound + 8) << "partial frames beyond the bound";
     for (int fd : peers) {
         close(fd);
     }
-    EXPECT_TRUE(soon([&] { return grown("VmRSS", rss) < 16; })) << "memory not given back";
+    EXPECT_TRUE(testsupport::waitFor([&] { return grown("VmRSS", rss) < 16; }))
+        << "memory not given back";
     peers.clear();
     for (int i = 0; i < 30; i++) {  // 3 MiB each waits for readers that never read: 90 MiB
         peers.push_back(unixSocket("svc"));
         sendRaw(peers.back(), frame(1, "fill"));
     }
-    EXPECT_TRUE(soon([&] { return stillOpen(peers) < 30; })) << "nobody was dropped";
+    EXPECT_TRUE(testsupport::waitFor([&] { return stillOpen(peers) < 30; }))
+        << "nobody was dropped";
     EXPECT_LT(grown("VmRSS", rss), bound + 8) << "unread answers beyond the bound";
     for (int fd : peers) {
         close(fd);
     }
-    EXPECT_TRUE(soon([&] { return grown("VmRSS", rss) < 16; })) << "memory not given back";
+    EXPECT_TRUE(testsupport::waitFor([&] { return grown("VmRSS", rss) < 16; }))
+        << "memory not given back";
 }
 
 // ---- Bad peers: cut off at once, without a word from the others, who go on ----

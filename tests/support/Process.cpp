@@ -100,6 +100,14 @@ Background::Background(const std::string& program, const std::vector<std::string
     }
 }
 
+Background::Background(const std::function<int()>& body) {
+    std::fflush(nullptr);  // else the child would write this process's buffered output again
+    pid = fork();
+    if (pid == 0) {
+        _exit(body());
+    }
+}
+
 Background::~Background() {
     stop(SIGKILL);
 }
@@ -113,18 +121,19 @@ bool Background::running() {
     return pid > 0;
 }
 
-bool Background::waitUntil(const std::function<bool()>& ready, int timeoutMs) {
-    const long long start = monotonicNs();
-    while (msSince(start) < timeoutMs) {
-        if (ready()) {
-            return true;
-        }
-        if (!running()) {
+bool waitFor(const std::function<bool()>& holds, int timeoutMs) {
+    for (const long long start = monotonicNs(); !holds(); usleep(2000)) {
+        if (msSince(start) >= timeoutMs) {
             return false;
         }
-        usleep(2000);
     }
-    return false;
+    return true;
+}
+
+bool Background::waitUntil(const std::function<bool()>& ready, int timeoutMs) {
+    bool met = false;
+    waitFor([&] { return (met = ready()) || !running(); }, timeoutMs);
+    return met;
 }
 
 bool Background::waitForLog(const std::string& text, int timeoutMs) {

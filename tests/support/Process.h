@@ -32,12 +32,18 @@ Outcome runProgram(const std::string& program, const std::vector<std::string>& a
 // `command` run by /bin/sh -c.
 Outcome runShell(const std::string& command, const Environment& env = {});
 
+// Polls `holds` every few milliseconds until it is true (true) or `timeoutMs` passed (false).
+bool waitFor(const std::function<bool()>& holds, int timeoutMs = 5000);
+
 // A child process that lives until stop() or the object's end (then SIGKILL). Its standard
 // output and error go to `logPath` (appended), or to /dev/null when that is empty.
 class Background {
   public:
     Background(const std::string& program, const std::vector<std::string>& argv,
                const Environment& env = {}, const std::string& logPath = "");
+    // `body` run in a copy of this process made by fork(), its result the child's exit status;
+    // the child writes where this process does.
+    explicit Background(const std::function<int()>& body);
     virtual ~Background();
     Background(const Background&) = delete;
     Background& operator=(const Background&) = delete;
@@ -51,8 +57,9 @@ class Background {
     std::string log() const;
     bool running();
 
-    // Sends `signal` and reaps the process: its exit status, or 128 + the signal that ended it.
-    // A process that had already ended gives the status it ended with; none started: -1.
+    // Sends `signal` (0: none, waits for the process to end) and reaps the process: its exit
+    // status, or 128 + the signal that ended it. A process that had already ended gives the
+    // status it ended with; none started: -1.
     int stop(int signal);
 
     pid_t pid = -1;  // -1 once the process was reaped
