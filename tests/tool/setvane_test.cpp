@@ -1,0 +1,348 @@
+// setvane as its users meet it: the shipped program, run with the command lines of
+// command_lines.txt, against the stand-in service (standin/) over the real libmsgpass and
+// against a libmsgpass that fails on request (fake_msgpass.c); how it is linked; and the
+// mirroring of its error lines into the system log.
+#include <google/protobuf/text_format.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "CaseFile.h"
+#include "Common/protobuf/v3/ConfigProtocol.h"
+#include "Common/protobuf/v3/configservice.pb.h"
+#include "Process.h"
+#include "TempDir.h"
+
+namespace testsupport {
+namespace {
+
+// `err` with the source location dropped from each line of the protocol buffer runtime's own
+// log ("[libprotobuf ERROR google/protobuf/x.cc:12] text" becomes "[libprotobuf ERROR] text"):
+// where the runtime keeps its log statements changes with its release, the rest is compared.
+std::string withoutRuntimeLogLocations(const std::string& err) {
+    static const std::regex kLocation(R"((\[libprotobuf [A-Z]+) [^ \]\n]+:[0-9]+\] )");
+    return std::regex_replace(err, kLocation, "$1] ");
+}
+
+// setvane with argv[0] "setvane"; BOOT_MODE is unset so that lines stay on the console. The
+// runtime's log lines in standard error lose their source location (above).
+Outcome runSetvane(const std::vector<std::string>& words, Environment env = {}) {
+    std::vector<std::string> argv = {"setvane"};
+    argv.insert(argv.end(), words.begin(), words.end());
+    env.insert(env.begin(), {"BOOT_MODE", std::nullopt});
+    Outcome run = runProgram(SETVANE_BINARY, argv, env);
+    run.err = withoutRuntimeLogLocations(run.err);
+    return run;
+}
+
+// The case file `name` of this folder.
+CaseFile toolCases(const std::string& name) {
+    return readCaseFile(std::string(TOOL_CASES_DIR) + "/" + name);
+}
+
+const char kHelpHint[] = "Please try `setvane --help' for more information.\n";
+
+std::string redLine(const std::string& text) {
+    return "\033[31m" + text + "\033[0m\n";
+}
+
+// ---- The command line as a user types it: the usage text and every misuse of an option, all
+// before any contact with the service ----
+
+TEST(CommandLine, EndsWithStatusOneAndExactStandardError) {
+    const std::string usage = readFile(std::string(TOOL_CASES_DIR) + "/usage.txt");
+    for (const CaseRow& row : toolCases("command_lines.txt").rows) {
+        SCOPED_TRACE(row.where + ": setvane " + row[0]);
+        const std::vector<std::string> words = split(row[0], " ");
+        std::string expected = usage;
+        if (row[1] != "usage") {
+            expected = "Wrong input: setvane";
+            for (size_t i = 0; i < words.size(); ++i) {
+                const bool bad = std::to_string(i + 1) == row[1];
+                expected += " " + (bad ? "\033[31m" + words[i] + "\033[0m" : words[i]);
+            }
+            expected += "\n" + redLine(row[2]) + kHelpHint;
+        }
+        TempDir dir;  // no service there: connecting by mistake would end differently
+        const Outcome run = runSetvane(words, {{"MSGPASS_DIR", dir.path}});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err, expected);
+    }
+}
+
+// ---- The stand-in service over the real libmsgpass: the request it receives (requests.txt), what
+// the tool prints for each answer, and its exit status ----
+
+// The message of type Message with the fields `text` (protobuf text format), encoded, in hex.
+template <typename Message>
+std::string hexOf(const std::string& text) {
+    Message message;
+    EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &message)) << text;
+    std::string hex;
+    for (unsigned char c : message.SerializeAsString()) {
+        hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+    }
+    return hex;
+}
+
+class ServiceTest : public ::testing::Test {
+  protected:
+    // setvane with `words` against a stand-in that answers every request with `replyHex`.
+    Outcome run(const std::string& replyHex, const std::vector<std::string>& words) {
+        Background service(
+            STANDIN_BINARY,
+            {"standin_service", "--reply-hex", replyHex, "--record", dir.file("requests")},
+            {{"MSGPASS_DIR", dir.path}}, dir.file("standin.log"));
+        EXPECT_TRUE(service.waitForLog("ready\n"));
+        return runSetvane(words, {{"MSGPASS_DIR", dir.path}});
+    }
+    TempDir dir;
+};
+
+TEST_F(ServiceTest, ReceivesExactlyTheRequestOfTheCommandLine) {
+    for (const CaseRow& row : toolCases("requests.txt").rows) {
+        SCOPED_TRACE(row.where);
+        std::remove(dir.file("requests").c_str());
+        const bool write = row[1] == "WriteReq";
+        // A write that asks for a reboot succeeds silently: the tool does not act on it.
+        const Outcome done =
+            run(write ? hexOf<ConfigIF::WriteRsp>("ret_message { error: 0 reboot_required: true }")
+                      : hexOf<ConfigIF::ReadRsp>("error: 0"),
+                split(row[0], "|"));
+        EXPECT_EQ(done.status, 0);
+        EXPECT_EQ(done.out + done.err, "");
+        // The stand-in records each request as its id and its payload in hex.
+        const std::string request = replaced(row[2], "{pid}", std::to_string(done.pid));
+        EXPECT_EQ(readFile(dir.file("requests")),
+                  write ? std::to_string(ConfigProtocol::kWriteReqMsgId) + " " +
+                              hexOf<ConfigIF::WriteReq>(request) + "\n"
+                        : std::to_string(ConfigProtocol::kReadReqMsgId) + " " +
+                              hexOf<ConfigIF::ReadReq>(request) + "\n");
+    }
+}
+
+TEST_F(ServiceTest, ReadPrintsEachValueOnItsOwnLineAndDebugTracesBothMessages) {
+    const Outcome done =
+        run(hexOf<ConfigIF::ReadRsp>(R"(error: 0 value: "" value: "a\nb" value: "\377\001\000z")"),
+            {"--debug", "x"});
+    EXPECT_EQ(done.status, 0);
+    EXPECT_EQ(done.out, std::string("\na\nb\n\xff\x01\0z\n", 10));
+    // The expected trace, in the escapes of the case files; "{pid}" is setvane's. The invalid
+    // UTF-8 of the last value is kept, and the runtime's complaint about it shows as it parses.
+    const std::string trace = unescape(readFile(std::string(TOOL_CASES_DIR) + "/debug_trace.txt"));
+    EXPECT_EQ(done.err, replaced(trace, "{pid}", std::to_string(done.pid)));
+}
+
+TEST_F(ServiceTest, ServiceErrorsAreNamedAndBecomeTheExitStatus) {
+    const char* const kNames[] = {"kErrGenericError", "kErrOutOfMemory",    "kErrBadParameter",
+                                  "kErrBadState",     "kErrOutOfResources", "kErrNotYetSupported",
+                                  "kErrItemNotFound", "kErrNotAuthorized",  "kErrAlreadyExists",
+                                  "kErrTimeOut",      "kErrPortLocked",     "-12/unknown_error"};
+    for (int error = -1; error >= -12; --error) {
+        const std::string code = std::to_string(error);
+        const std::string name = kNames[-error - 1];
+        const Outcome read =
+            run(hexOf<ConfigIF::ReadRsp>("error: " + code + " value: \"no\""), {"x"});
+        EXPECT_EQ(read.status, 256 + error) << name;
+        EXPECT_EQ(read.out, "");
+        EXPECT_EQ(read.err, redLine("ReadRsp error " + name));
+        const Outcome write =
+            run(hexOf<ConfigIF::WriteRsp>("ret_message { error: " + code + " }"), {"x", "-v", "1"});
+        EXPECT_EQ(write.status, 256 + error) << name;
+        EXPECT_EQ(write.out, "");
+        EXPECT_EQ(write.err, redLine("WriteRsp error " + name));
+    }
+}
+
+TEST_F(ServiceTest, ReplyThatDoesNotParseEndsWithStatus255) {
+    // Bytes that are no message at all; error 5, no member of the enumeration, in a read and in
+    // a write reply (an empty one is in failure_cases.txt). The runtime says what is missing, in
+    // its own log.
+    const char kMissing[] = "[libprotobuf ERROR] Can't parse message of type \"ConfigIF.";
+    const std::pair<const char*, std::string> cases[] = {
+        {"ffff", ""},
+        {"5005",
+         kMissing + std::string("ReadRsp\" because it is missing required fields: error\n")},
+        {"52025005", kMissing + std::string("WriteRsp\" because it is missing required fields: "
+                                            "ret_message.error\n")},
+    };
+    for (const auto& [reply, runtimeLine] : cases) {
+        const bool write = std::string(reply).rfind("52", 0) == 0;  // WriteRsp's field 10
+        const Outcome done = run(reply, write ? std::vector<std::string>{"x", "-v", "1"}
+                                              : std::vector<std::string>{"x"});
+        EXPECT_EQ(done.status, 255) << reply;
+        EXPECT_EQ(done.out, "");
+        EXPECT_EQ(done.err, runtimeLine + redLine("ParseFromArray() failed")) << reply;
+    }
+}
+
+// ---- A libmsgpass that fails on request and records every call: each failure is reported once,
+// with its exit status, and the calls (order, arguments, the handles released) are exactly those
+// listed with the case in failure_cases.txt ----
+
+TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOnes) {
+    const CaseFile file = toolCases("failure_cases.txt");
+    std::map<std::string, std::string> sequences;  // "@name" blocks: calls many cases share
+    for (const CaseBlock& block : file.blocks) {
+        if (block.head[0][0] == '@') {
+            sequences[block.head[0]] = block.text();
+        }
+    }
+    for (const CaseBlock& block : file.blocks) {
+        if (block.head[0][0] == '@') {
+            continue;
+        }
+        SCOPED_TRACE(block.head.where + ": " + block.head[0]);
+        TempDir dir;
+        std::map<std::string, std::string> settings = {{"run", "--client|cli|a|1"},
+                                                       {"reply", "5000"}};
+        for (size_t i = 1; i < block.head.fields.size(); ++i) {
+            const std::string& setting = block.head[i];
+            const size_t blank = std::min(setting.find(' '), setting.size());
+            settings[setting.substr(0, blank)] =
+                setting.substr(std::min(blank + 1, setting.size()));
+        }
+        Environment env = {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR},
+                           {"FAKE_MSGPASS_LOG", dir.file("calls")},
+                           {"FAKE_MSGPASS_REPLY", settings["reply"]}};
+        if (settings.count("fail") != 0) {
+            env.push_back({"FAKE_MSGPASS_FAIL", settings["fail"]});
+        }
+        std::string err, calls;
+        for (const CaseRow& row : block.body) {
+            if (row[0] == "err") {
+                err = row[1];
+            } else if (row[0][0] == '@') {
+                EXPECT_EQ(sequences.count(row[0]), 1u) << row.where;
+                calls += sequences[row[0]];
+            } else {
+                calls += row[0] + "\n";
+            }
+        }
+        EXPECT_EQ(settings.size(), settings.count("fail") + 3) << "unknown setting";
+        const Outcome run = runSetvane(split(settings["run"], "|"), env);
+        EXPECT_EQ(std::to_string(run.status), settings["status"]);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err, err);
+        EXPECT_EQ(readFile(dir.file("calls")),
+                  replaced(calls, "{L}", "setvane-" + std::to_string(run.pid)));
+    }
+}
+
+// ---- How the program is linked: libmsgpass dynamically and through its eleven client
+// operations only, so that the device's own library can take its place; the rest statically ----
+
+TEST(Binary, UsesOnlyTheElevenClientOperationsOfLibmsgpass) {
+    EXPECT_EQ(runShell("nm -D --undefined-only " SETVANE_BINARY
+                       " | grep -o ' MSG_[A-Za-z]*' | LC_ALL=C sort")
+                  .out,
+              " MSG_AllocMsg\n MSG_CloseLocal\n MSG_DebugSetName\n MSG_GetPayload\n"
+              " MSG_GetPayloadBytes\n MSG_GetPayloadMutable\n MSG_OpenLocal\n"
+              " MSG_OpenRemoteSync\n MSG_RecvMsg\n MSG_ReleaseMsg\n MSG_SendMsg\n");
+}
+
+TEST(Binary, LoadsOnlyLibmsgpassAndTheCLibraryDynamically) {
+    const std::string dynamic = runShell("readelf -d " SETVANE_BINARY).out;
+    EXPECT_NE(dynamic.find("[libmsgpass.so"), std::string::npos);
+    // RUNPATH, unlike RPATH, lets LD_LIBRARY_PATH choose another libmsgpass.
+    EXPECT_NE(dynamic.find("(RUNPATH)"), std::string::npos);
+    for (const char* absent : {"libprotobuf", "libstdc++", "libgcc_s", "(RPATH)"}) {
+        EXPECT_EQ(dynamic.find(absent), std::string::npos) << absent;
+    }
+}
+
+// ---- Error lines mirrored into the system log: the cases (mirror_targets.txt) run the tool's
+// production-log library in a probe (log_probe.cpp) with a pid file of the test's and an idle
+// process as the log daemon; one more runs the shipped program with the real paths. The probe
+// also shows what getProcessCmdline makes of a process ----
+
+const char kLine[] = "ReadRsp error kErrItemNotFound";
+const char kRecord[] = "setvane: (setvane x): ReadRsp error kErrItemNotFound";
+
+// An idle process under `argv`, playing the log daemon; ready once it said so.
+struct LogDaemon : Background {
+    LogDaemon(const TempDir& dir, const std::vector<std::string>& argv)
+        : Background(IDLE_PROCESS_BINARY, argv, {}, dir.file("daemon.log")) {
+        EXPECT_TRUE(waitForLog("ready\n")) << argv[0];
+    }
+};
+
+TEST(ProductionLog, MirrorsOnlyOnProductionDevicesLoggingToSyslogd) {
+    for (const CaseRow& row : toolCases("mirror_targets.txt").rows) {
+        SCOPED_TRACE(row.where);
+        TempDir dir;
+        LogDaemon daemon(dir, split(row[1], " "));
+        const std::string pidFile = dir.file("nxlog.pid");
+        if (row[2] == "(fifo)") {
+            ASSERT_EQ(mkfifo(pidFile.c_str(), 0600), 0);
+        } else if (row[2] != "-") {
+            ASSERT_TRUE(writeFile(pidFile, replaced(row[2], "{pid}", std::to_string(daemon.pid))));
+        }
+        // The log device is the probe's own standard error, so that one capture shows the record
+        // and the console line in the order they were written.
+        const bool noDevice = row[3] == "no device";
+        const Outcome run = runProgram(
+            LOG_PROBE_BINARY, {"setvane", "x"},
+            {{"BOOT_MODE", row[0] == "-" ? std::nullopt : std::optional<std::string>(row[0])},
+             {"PROBE_PID_FILE", pidFile},
+             {"PROBE_LOG_DEVICE", noDevice ? dir.file("absent") : "/proc/self/fd/2"}});
+        EXPECT_EQ(run.status, 0);
+        EXPECT_EQ(run.out, noDevice ? "DEBUG  " + std::string(kRecord) + "\n" : "");
+        EXPECT_EQ(run.err,
+                  (row[3] == "mirrored" ? "<3>" + std::string(kRecord) : "") + redLine(kLine));
+    }
+}
+
+// The shipped program with /tmp and /dev of its own, so that the real pid file and log device
+// are the test's. Needs root for the mount namespace.
+TEST(ProductionLog, TheShippedProgramMirrorsWithTheRealPaths) {
+    if (geteuid() != 0 || runShell("unshare --mount true").status != 0) {
+        GTEST_SKIP() << "needs root and mount namespaces to give setvane its own /tmp and /dev";
+    }
+    TempDir dir;
+    LogDaemon daemon(dir, {"/sbin/syslogd", "-n"});
+    // The program and the scripted libmsgpass are copied into the new /dev first: the build
+    // tree may itself be under /tmp.
+    const Outcome run =
+        runShell("unshare --mount sh -c 'mount -t tmpfs none /dev && cp " SETVANE_BINARY
+                 " /dev/setvane && "
+                 "cp -r " FAKE_MSGPASS_DIR
+                 " /dev/fake && : >/dev/vesklog && mount -t tmpfs none /tmp && "
+                 "echo " +
+                     std::to_string(daemon.pid) +
+                     " >/tmp/nxlog.pid && BOOT_MODE=PRODUCTION "
+                     "LD_LIBRARY_PATH=/dev/fake /dev/setvane x 2>&1; cat /dev/vesklog'",
+                 {{"FAKE_MSGPASS_REPLY", "50f9ffffffffffffffff01"}});
+    EXPECT_EQ(run.out, redLine(kLine) + "<3>setvane: (/dev/setvane x): " + kLine);
+}
+
+TEST(ProcessCmdline, JoinsTheWordsWithSingleSpaces) {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"setvane", "-r", "x"}, "setvane -r x"},
+        {{"a b\xff", "c\nd"}, "a b\xff c\nd"},  // a byte 0xff is not the end of the file
+        {{"", "b"}, " b"},
+        // Only the spaces for the last NUL and for the end of the file are trimmed.
+        {{"a", ""}, "a "},
+        {{"a", "", ""}, "a  "},
+        {{""}, ""},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        LogDaemon process(dir, c.first);
+        const Outcome run = runProgram(LOG_PROBE_BINARY, {"probe"},
+                                       {{"PROBE_CMDLINE_OF", std::to_string(process.pid)}});
+        EXPECT_EQ(run.err, "[" + c.second + "]");
+    }
+    // pid_max is never above 4194304.
+    EXPECT_EQ(runProgram(LOG_PROBE_BINARY, {"probe"}, {{"PROBE_CMDLINE_OF", "4194304"}}).err, "[]");
+}
+
+}  // namespace
+}  // namespace testsupport
