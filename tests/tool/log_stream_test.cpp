@@ -2,6 +2,10 @@
 // standard error. No mirror is installed here, so lines stay on the console.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "ErrorNames.h"
 #include "LogStream.h"
 
@@ -38,14 +42,24 @@ TEST(LogStream, EmitsARedLineAtEachNewlineOfItsText) {
     EXPECT_EQ(GetCapturedStderr(), "\033[31mpending more\033[0m\n");
 }
 
-// The named codes are checked end to end against the service; a service reply cannot carry
-// these, since they are not members of the enumeration.
-TEST(LogStream, NamesErrorCodesOutsideTheEnumerationByNumber) {
-    for (int code : {-13, 1, 5, -2147483647 - 1}) {
+// The members of the enumeration by name, other codes by number: no service reply can carry
+// those, since they are not members.
+TEST(LogStream, NamesErrorCodesByNameOrByNumber) {
+    const char* const kNames[] = {"kErrGenericError", "kErrOutOfMemory",    "kErrBadParameter",
+                                  "kErrBadState",     "kErrOutOfResources", "kErrNotYetSupported",
+                                  "kErrItemNotFound", "kErrNotAuthorized",  "kErrAlreadyExists",
+                                  "kErrTimeOut",      "kErrPortLocked"};
+    std::vector<std::pair<int, std::string>> cases = {{0, "kErrNoError"}};
+    for (int code = -1; code >= -11; --code) {
+        cases.emplace_back(code, kNames[-code - 1]);
+    }
+    for (int code : {-12, -13, 1, 5, -2147483647 - 1}) {
+        cases.emplace_back(code, std::to_string(code) + "/unknown_error");
+    }
+    for (const auto& [code, name] : cases) {
         CaptureStderr();
         LogStream::instance() << "error " << static_cast<CommonIF::eErrorType>(code) << '\n';
-        EXPECT_EQ(GetCapturedStderr(),
-                  "\033[31merror " + std::to_string(code) + "/unknown_error\033[0m\n");
+        EXPECT_EQ(GetCapturedStderr(), "\033[31merror " + name + "\033[0m\n");
     }
 }
 
