@@ -169,6 +169,8 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
         {"plain, one value stored", plain, 4321, true},
         {"scoped", scoped.SerializeAsString(), 4321, true},
         {"no instance", batchRead(kUser, {}), 4321, true},
+        {"as many instances as one may name", batchRead(kUser, Values(1024, kVolume)), 4321, true},
+        {"one instance too many", batchRead(kUser, Values(1025, kVolume)), 4321, false},
         {"two messages merged: the last role", plain + batchRead(kAdmin, {kVolume}), 4321, true},
         {"unknown field", plain + "\xf8\x01\x01", 4321, false},
         {"longer varint than needed",
