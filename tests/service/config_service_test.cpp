@@ -99,7 +99,8 @@ const std::vector<testsupport::CaseBlock>& sessions() {
 
 class Sessions : public ConfigServiceTest, public testing::WithParamInterface<size_t> {
   protected:
-    // Sends the request of `row` and checks the answer, and how many changes it stores.
+    // Sends the request of `row` and checks the answer, how many changes it stores, and why it
+    // was refused.
     void expectAnswer(const CaseRow& row) {
         std::istringstream head(row[0]);
         std::string type, role, word;
@@ -121,6 +122,9 @@ class Sessions : public ConfigServiceTest, public testing::WithParamInterface<si
         }
         if (!row[3].empty()) {
             EXPECT_EQ(std::to_string(answer.changes.size()), row[3]) << "changes stored";
+        }
+        if (!row[4].empty()) {
+            EXPECT_EQ(answer.refusals, std::vector<std::string>{row[4]}) << "logged reason";
         }
     }
 };
