@@ -113,7 +113,7 @@ TEST(CommandLine, ChecksVersionAndRefusalsSayTheirPieceOnce) {
 
 // A reload serves the new model with the stored values checked against it as at start-up; a
 // model that is refused changes nothing.
-TEST_F(Operated, ReloadServesTheNewModelAndKeepsWhatItIgnores) {
+TEST_F(Operated, ReloadServesTheNewModelAndARefusedOneChangesNothing) {
     ASSERT_EQ(client_->write("audio/volume", {"80"}), kErrNoError);
     const std::string narrower = testsupport::replaced(
         example_, R"(min="0" max="100" default="50")", R"(min="0" max="60" default="50")");
