@@ -127,7 +127,6 @@ TEST_F(Operated, ReloadServesTheNewModelAndARefusedOneChangesNothing) {
                    service_.model + ":2: unknown element <nod> in <device-model>\n");
     EXPECT_EQ(read("audio/volume"), "50");
     EXPECT_EQ(client_->write("audio/volume", {"70"}), kErrBadParameter) << "the narrower model";
-
 }
 
 // A store that cannot be opened again at a reload, for the new model or the one before, ends the
