@@ -917,16 +917,21 @@ TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
     }
     // Files of killed processes are swept when a process next publishes a name in the directory;
     // what is alive, or not a socket, stays.
-    auto waitForKill = [] {
-        for (;;) {
+    // Each says when its opens are done: an open sweeps after its name is in place, and a sweep
+    // still under way once the first is killed would take its files too soon.
+    int opened[2];
+    ASSERT_EQ(pipe(opened), 0);
+    auto sayThenWaitForKill = [&opened] {
+        for (bool said = write(opened[1], "o", 1) == 1; said;) {
             pause();
         }
-        return 0;
+        return 21;
     };
-    testsupport::Background& killed = spawn(withEndpoints({"setvane-1", "setvane-2"}, waitForKill));
-    testsupport::Background& alive = spawn(withEndpoints({"alive"}, waitForKill));
-    ASSERT_TRUE(killed.waitUntil([&] { return namesIn(dir_.path).count("setvane-2"); }));
-    ASSERT_TRUE(alive.waitUntil([&] { return namesIn(dir_.path).count("alive"); }));
+    testsupport::Background& killed =
+        spawn(withEndpoints({"setvane-1", "setvane-2"}, sayThenWaitForKill));
+    spawn(withEndpoints({"alive"}, sayThenWaitForKill));
+    char said[2];
+    ASSERT_EQ(read(opened[0], said, 1) + read(opened[0], said + 1, 1), 2);
     EXPECT_EQ(killed.stop(SIGKILL), 128 + SIGKILL);
     ASSERT_TRUE(testsupport::writeFile(dir_.file("plain"), "keep me"));
     // Another user's lock file, held for ever, must not stop those who may hold names.
@@ -944,8 +949,9 @@ TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
     EXPECT_EQ(namesIn(dir_.path), after);
     struct stat st {};
     EXPECT_TRUE(stat(dir_.file(".lock").c_str(), &st) == 0 && (!foreignLock || st.st_uid == 0));
-    close(bound);
-    close(lock);
+    for (int fd : {bound, lock, opened[0], opened[1]}) {
+        close(fd);
+    }
 }
 
 TEST_F(MsgPassTest, StatusTextsAreTheDocumentedOnes) {

@@ -23,11 +23,12 @@ TempDir::~TempDir() {
 }
 
 std::string readFile(const std::string& path) {
-    std::string text;
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return text;
-    }
+    return fd < 0 ? std::string() : drain(fd);
+}
+
+std::string drain(int fd) {
+    std::string text;
     char buffer[65536];
     for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
         text.append(buffer, static_cast<size_t>(n));

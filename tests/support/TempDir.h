@@ -25,6 +25,8 @@ class TempDir {
 
 // The whole content of `path`; "" when it cannot be read (a test that expects content fails).
 std::string readFile(const std::string& path);
+// Everything left to read from the descriptor `fd`, which is then closed.
+std::string drain(int fd);
 // Writes `content` to `path`, replacing it; false when that fails.
 bool writeFile(const std::string& path, const std::string& content);
 // `text` with every `from` replaced by `to`.
