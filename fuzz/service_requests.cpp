@@ -98,9 +98,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     checkErrors(*answer.message);
     Answer fromWire;
     std::string encoded;
-    if (request == ConfigProtocol::kBatchReadReqMsgId &&
-        f.service->answerBatchReadFromWire(data + 1, size - 1, Sender{sender}, &encoded,
-                                           &fromWire)) {
+    if (f.service->answerReadFromWire(request, data + 1, size - 1, Sender{sender}, &encoded,
+                                      &fromWire)) {
         FUZZ_CHECK(encoded == answer.message->SerializeAsString());
         FUZZ_CHECK(fromWire.msgId == answer.msgId && fromWire.requester == answer.requester);
         FUZZ_CHECK(answer.refusals.empty());

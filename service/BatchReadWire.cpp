@@ -1,17 +1,19 @@
-// The batch read straight from the request's bytes to the answer's bytes.
+// Reads straight from the request's bytes to the answer's bytes, single and batched.
 //
 // Parsing a hundred paths into messages and building a hundred answers as messages is most of
-// what a batch read costs the service: every node is an allocation and every name a copy. Here
+// what a batch read costs the service: every node is an allocation and every name a copy; for a
+// single read the messages cost more than the lookup itself. Here
 // the request is read with a small wire reader whose names are views into the payload, every
 // instance is looked up as it is read, and the answer is appended as the bytes the runtime would
-// write for the same BatchReadRsp: fields in number order, required ones always, optional ones
-// when set, varints in their shortest form, negative enums sign-extended to ten bytes.
+// write for the same ReadRsp or BatchReadRsp: fields in number order, required ones always,
+// optional ones when set, varints in their shortest form, negative enums sign-extended to ten
+// bytes.
 //
 // Only the plain form that clients send is taken: the known fields with their own wire types,
 // canonical varints, known enum values, every required field, a printable ASCII requester
 // name, a claim the sender may make, instances that all resolve and may all be read, and no
 // submission open on the sender's connection (whose staged writes the reads would see). On
-// anything else answerBatchReadFromWire() gives up and ConfigService::handle() answers in full,
+// anything else answerReadFromWire() gives up and ConfigService::handle() answers in full,
 // refusals and log lines included; a unit test and the fuzz target service_requests hold the
 // two to the same bytes.
 #include <algorithm>
@@ -37,7 +39,7 @@ constexpr uint32_t tagOf(uint32_t field, WireType type) {
     return field << 3 | type;
 }
 
-// BatchReadReq
+// ReadReq and BatchReadReq, alike on the wire but for one instance against many
 constexpr uint32_t kRequesterTag = tagOf(10, kLengthDelimited);
 constexpr uint32_t kRoleTag = tagOf(20, kVarint);
 constexpr uint32_t kInstanceTag = tagOf(30, kLengthDelimited);
@@ -166,14 +168,16 @@ bool readInstance(WireReader reader, WireInstance* instance) {
     return true;
 }
 
-// The head of a batch read: who asks, as what, and the instances' bytes, in order.
+// The head of a read: who asks, as what, and the instances' bytes, in order.
 struct WireBatch {
     std::string_view requester;
     int32_t role = -1;
     std::vector<WireReader> instances;
 };
 
-bool readBatch(const void* payload, size_t bytes, WireBatch* batch) {
+// At most `maxInstances` instances: a single read's instance given twice is one instance to the
+// runtime (the two are merged), which only the full path reproduces.
+bool readBatch(const void* payload, size_t bytes, size_t maxInstances, WireBatch* batch) {
     const auto* begin = static_cast<const uint8_t*>(payload);
     WireReader reader(begin, begin + bytes);
     bool hasRequester = false;
@@ -189,7 +193,7 @@ bool readBatch(const void* payload, size_t bytes, WireBatch* batch) {
                    CommonIF::eSecurityRole_IsValid(batch->role)) {
             continue;
         } else if (tag == kInstanceTag && reader.nested(&inner) &&
-                   batch->instances.size() < static_cast<size_t>(kMaxBatchInstances)) {
+                   batch->instances.size() < maxInstances) {
             batch->instances.push_back(inner);
         } else {
             return false;
@@ -271,18 +275,18 @@ char* putAnswered(char* at, const ResolvedVariable& found, int32_t scope) {
     return scope >= 0 ? putVarintField(at, kScopeTag, scope) : at;
 }
 
-// Appends one ReadRsp item of a read that succeeded.
-void appendItem(std::string* out, const std::vector<std::string>& values, bool isDefault,
-                const ResolvedVariable& found, int32_t scope) {
-    const size_t answered = answeredSize(found, scope);
+// The size of the ReadRsp of a read that succeeded.
+size_t itemSize(const std::vector<std::string>& values, size_t answered) {
     size_t size = varintFieldSize(kItemErrorTag, CommonIF::kErrNoError) +
                   varintFieldSize(kIsDefaultTag, 1) + delimitedSize(kAnsweredTag, answered);
     for (const std::string& value : values) {
         size += delimitedSize(kValueTag, value.size());
     }
-    const size_t start = out->size();
-    out->resize(start + delimitedSize(kItemTag, size));
-    char* at = putDelimitedHead(&(*out)[start], kItemTag, size);
+    return size;
+}
+
+char* putItem(char* at, const std::vector<std::string>& values, bool isDefault,
+              const ResolvedVariable& found, int32_t scope, size_t answered) {
     at = putVarintField(at, kItemErrorTag, CommonIF::kErrNoError);
     for (const std::string& value : values) {
         at = putDelimitedHead(at, kValueTag, value.size());
@@ -290,25 +294,48 @@ void appendItem(std::string* out, const std::vector<std::string>& values, bool i
     }
     at = putVarintField(at, kIsDefaultTag, isDefault ? 1 : 0);
     at = putDelimitedHead(at, kAnsweredTag, answered);
-    putAnswered(at, found, scope);
+    return putAnswered(at, found, scope);
+}
+
+// Appends the ReadRsp of a read that succeeded, as a BatchReadRsp's item when `asItem`.
+void appendItem(std::string* out, bool asItem, const std::vector<std::string>& values,
+                bool isDefault, const ResolvedVariable& found, int32_t scope) {
+    const size_t answered = answeredSize(found, scope);
+    const size_t size = itemSize(values, answered);
+    const size_t start = out->size();
+    out->resize(start + (asItem ? delimitedSize(kItemTag, size) : size));
+    char* at = &(*out)[start];
+    if (asItem) {
+        at = putDelimitedHead(at, kItemTag, size);
+    }
+    putItem(at, values, isDefault, found, scope, answered);
 }
 
 }  // namespace
 
-bool ConfigService::answerBatchReadFromWire(const void* payload, size_t bytes, const Sender& sender,
-                                            std::string* encoded, Answer* answer) const {
+bool ConfigService::answerReadFromWire(uint32_t requestId, const void* payload, size_t bytes,
+                                       const Sender& sender, std::string* encoded,
+                                       Answer* answer) const {
+    const bool batched = requestId == ConfigProtocol::kBatchReadReqMsgId;
+    if (!batched && requestId != ConfigProtocol::kReadReqMsgId) {
+        return false;
+    }
     WireBatch batch;
     std::string reason;
     if (bytes > kMaxRequestBytes || openSubmission(sender) != nullptr ||
-        !readBatch(payload, bytes, &batch) ||
+        !readBatch(payload, bytes, batched ? static_cast<size_t>(kMaxBatchInstances) : 1, &batch) ||
+        (!batched && batch.instances.size() != 1) ||
         checkClaim(static_cast<eSecurityRole>(batch.role), sender.uid, &reason) !=
             CommonIF::kErrNoError) {
         return false;
     }
     const auto role = static_cast<eSecurityRole>(batch.role);
     const Records& records = state_.committed();
-    encoded->resize(varintFieldSize(kBatchErrorTag, CommonIF::kErrNoError));
-    putVarintField(encoded->data(), kBatchErrorTag, CommonIF::kErrNoError);
+    encoded->clear();
+    if (batched) {
+        encoded->resize(varintFieldSize(kBatchErrorTag, CommonIF::kErrNoError));
+        putVarintField(encoded->data(), kBatchErrorTag, CommonIF::kErrNoError);
+    }
     WireInstance instance;
     ResolvedVariable found;
     for (const WireReader& bytesOfInstance : batch.instances) {
@@ -321,10 +348,10 @@ bool ConfigService::answerBatchReadFromWire(const void* payload, size_t bytes, c
             return false;
         }
         const std::vector<std::string>* stored = records.find(RecordKind::kValue, found.key);
-        appendItem(encoded, stored ? *stored : variable.defaults, stored == nullptr, found,
+        appendItem(encoded, batched, stored ? *stored : variable.defaults, stored == nullptr, found,
                    instance.scope);
     }
-    answer->msgId = ConfigProtocol::kBatchReadRspMsgId;
+    answer->msgId = batched ? ConfigProtocol::kBatchReadRspMsgId : ConfigProtocol::kReadRspMsgId;
     answer->requester = std::string(batch.requester.substr(0, 64));
     return true;
 }

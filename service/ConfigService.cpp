@@ -1,5 +1,8 @@
 #include "ConfigService.h"
 
+#include <type_traits>
+#include <utility>
+
 #include <google/protobuf/descriptor.h>
 
 #include "Common/protobuf/v3/ConfigProtocol.h"
@@ -65,12 +68,43 @@ bool isUnder(const VariableDef& variable, const std::string& path) {
 
 }  // namespace
 
+// Who asks, as what: the `name` and `role` fields that nearly every request carries.
+struct Asker {
+    const std::string* name = nullptr;  // null when the request has no name
+    bool claims = false;                // whether it has a role
+    eSecurityRole role = CommonIF::kUser;
+};
+
+template <typename T, typename = void>
+struct HasRole : std::false_type {};
+template <typename T>
+struct HasRole<T, std::void_t<decltype(std::declval<const T&>().role())>> : std::true_type {};
+template <typename T, typename = void>
+struct HasName : std::false_type {};
+template <typename T>
+struct HasName<T, std::void_t<decltype(std::declval<const T&>().name())>> : std::true_type {};
+
+template <typename Request>
+Asker askerOf(const Message& message) {
+    const auto& request = static_cast<const Request&>(message);
+    Asker asker;
+    if constexpr (HasRole<Request>::value) {
+        asker.claims = true;
+        asker.role = request.role();
+    }
+    if constexpr (HasName<Request>::value) {
+        asker.name = &request.name();
+    }
+    return asker;
+}
+
 struct ConfigService::Command {
     uint32_t requestId;
     uint32_t responseId;
     const Message& (*request)();
     const Message& (*response)();
     void (*handle)(const ConfigService&, const Message&, const Sender&, Message*, Answer*);
+    Asker (*asker)(const Message&);  // read without a look at the descriptor, on every request
 };
 
 template <typename Request, typename Response,
@@ -86,7 +120,8 @@ void ConfigService::adapt(const ConfigService& service, const Message& request,
         ConfigProtocol::k##Type##ReqMsgId, ConfigProtocol::k##Type##RspMsgId, \
             &prototype<ConfigIF::Type##Req>, &prototype<ConfigIF::Type##Rsp>, \
             &ConfigService::adapt<ConfigIF::Type##Req, ConfigIF::Type##Rsp,   \
-                                  &ConfigService::handler>                    \
+                                  &ConfigService::handler>,                   \
+            &askerOf<ConfigIF::Type##Req>                                     \
     }
 
 const ConfigService::Command ConfigService::kCommands[] = {
@@ -254,18 +289,16 @@ void ConfigService::handle(uint32_t requestId, const void* payload, size_t bytes
     Message* request = command->request().New(arena);
     std::string reason;
     eErrorType error = CommonIF::kErrNoError;
-    if (!parseRequest(payload, bytes, request, &reason)) {
+    const bool parsed = parseRequest(payload, bytes, request, &reason);
+    const Asker asker = command->asker(*request);
+    if (!parsed) {
         error = CommonIF::kErrBadParameter;
-    } else {
-        const FieldDescriptor* role = request->GetDescriptor()->FindFieldByName("role");
-        if (role != nullptr) {
-            answer->role =
-                static_cast<eSecurityRole>(request->GetReflection()->GetEnumValue(*request, role));
-            error = checkClaim(answer->role, sender.uid, &reason);
-        }
+    } else if (asker.claims) {
+        answer->role = asker.role;
+        error = checkClaim(answer->role, sender.uid, &reason);
     }
-    if (const FieldDescriptor* name = request->GetDescriptor()->FindFieldByName("name")) {
-        answer->requester = printable(request->GetReflection()->GetString(*request, name), 64);
+    if (asker.name != nullptr) {
+        answer->requester = printable(*asker.name, 64);
     }
     if (error == CommonIF::kErrNoError) {
         command->handle(*this, *request, sender, answer->message, answer);

@@ -103,14 +103,15 @@ class ConfigService {
         handle(requestId, payload, bytes, Sender{senderUid}, arena, answer);
     }
 
-    // Answers a batch read in the plain form clients send (see BatchReadWire.cpp) without
-    // building messages: on true, *encoded holds the BatchReadRsp's bytes, exactly those that
-    // handle() would answer, and *answer its id and requester (answer->message stays null; a
-    // batch it takes refuses nothing). False when the request is not in that form, refuses
-    // something, or comes from a connection with an open submission: then handle() must answer
-    // it. *encoded is reused from call to call.
-    bool answerBatchReadFromWire(const void* payload, size_t bytes, const Sender& sender,
-                                 std::string* encoded, Answer* answer) const;
+    // Answers a ReadReq or BatchReadReq (`requestId`) in the plain form clients send (see
+    // BatchReadWire.cpp) without building messages: on true, *encoded holds the response's
+    // bytes, exactly those that handle() would answer, and *answer its id and requester
+    // (answer->message stays null; a read it takes refuses nothing). False for any other
+    // request, when the request is not in that form, refuses something, or comes from a
+    // connection with an open submission: then handle() must answer it. *encoded is reused from
+    // call to call.
+    bool answerReadFromWire(uint32_t requestId, const void* payload, size_t bytes,
+                            const Sender& sender, std::string* encoded, Answer* answer) const;
 
     // Turns the answer to a change into the answer for when storing it failed with `error`.
     static void answerUnstored(const std::string& error, google::protobuf::Message* response);

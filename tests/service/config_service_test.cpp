@@ -149,9 +149,10 @@ INSTANTIATE_TEST_SUITE_P(File, Sessions, testing::Range(size_t{0}, sessions().si
                              return "line" + std::to_string(sessions()[info.param].head.line);
                          });
 
-// A batch read in the form clients send is answered straight from its bytes with exactly the
-// bytes of the full answer; anything else is left to the full answer.
-TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItToIt) {
+// A read or batch read in the form clients send is answered straight from its bytes with exactly
+// the bytes of the full answer; anything else is left to the full answer. A ReadReq is a
+// BatchReadReq of one instance on the wire.
+TEST_F(ConfigServiceTest, ReadsFromTheWireAnswerAsTheFullAnswerOrLeaveItToIt) {
     ASSERT_EQ(write(kDns, {"10.0.0.1", "10.0.0.2"}).error(), kErrNoError);
     const std::string plain = batchRead(kUser, {kMtu, kDns, "audio/microphone 2/gain 1"});
     ConfigIF::BatchReadReq scoped;
@@ -161,6 +162,10 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
     noInstance.set_name("test");
     noInstance.set_role(kUser);
     noInstance.add_instance()->add_node()->set_name("audio");
+    ConfigIF::BatchReadReq scopedSingle;
+    ASSERT_TRUE(scopedSingle.ParseFromString(batchRead(kUser, {kMtu})));
+    scopedSingle.mutable_instance(0)->set_scope(ConfigIF::kLocal);
+    constexpr uint32_t kRead = ConfigProtocol::kReadReqMsgId;
     std::string notPrintable = plain;
     notPrintable[3] = '\xe9';  // in the requester's name "test"
     const struct {
@@ -169,6 +174,7 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
         uid_t uid;
         bool taken;
         uint32_t connection = 0;
+        uint32_t request = ConfigProtocol::kBatchReadReqMsgId;
     } cases[] = {
         {"plain, one value stored", plain, 4321, true},
         {"scoped", scoped.SerializeAsString(), 4321, true},
@@ -189,6 +195,13 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
          false},
         {"claim beyond the sender", batchRead(kSystem, {kMtu}), 4321, false},
         {"connection with staged writes", plain, 990, false, 1},
+        {"single, stored", batchRead(kUser, {kDns}), 4321, true, 0, kRead},
+        {"single, default, scoped", scopedSingle.SerializeAsString(), 4321, true, 0, kRead},
+        {"single given twice: merged", batchRead(kUser, {kMtu, kDns}), 4321, false, 0, kRead},
+        {"single without its instance", batchRead(kUser, {}), 4321, false, 0, kRead},
+        {"single beyond the claim", batchRead(kUser, {"provisioning/serial-number"}), 4321, false,
+         0, kRead},
+        {"single with staged writes", batchRead(kUser, {kMtu}), 990, false, 1, kRead},
     };
     ASSERT_EQ(error("Submit", "kAdmin", "instance { } type: kSubmitStart", on(1)), kErrNoError);
     ASSERT_TRUE(
@@ -197,11 +210,11 @@ TEST_F(ConfigServiceTest, BatchReadFromTheWireAnswersAsTheFullAnswerOrLeavesItTo
     for (const auto& c : cases) {
         std::string encoded = "left over";
         Answer fromWire;
-        const bool taken = service_->answerBatchReadFromWire(
-            c.bytes.data(), c.bytes.size(), on(c.connection, c.uid), &encoded, &fromWire);
+        const bool taken =
+            service_->answerReadFromWire(c.request, c.bytes.data(), c.bytes.size(),
+                                         on(c.connection, c.uid), &encoded, &fromWire);
         EXPECT_EQ(taken, c.taken) << c.what;
-        const Answer full =
-            ask(ConfigProtocol::kBatchReadReqMsgId, c.bytes, on(c.connection, c.uid));
+        const Answer full = ask(c.request, c.bytes, on(c.connection, c.uid));
         if (taken) {
             EXPECT_EQ(encoded, full.message->SerializeAsString()) << c.what;
             EXPECT_EQ(fromWire.msgId, full.msgId) << c.what;

@@ -9,8 +9,10 @@
 #ifndef COMMON_PROTOBUF_V3_CONFIGPROTOCOL_H
 #define COMMON_PROTOBUF_V3_CONFIGPROTOCOL_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 
 #include <google/protobuf/message_lite.h>
@@ -69,16 +71,72 @@ inline const char* messageNameOf(uint32_t msgId) {
     return nullptr;
 }
 
+namespace detail {
+
+constexpr size_t lengthOf(const char* text) {
+    size_t length = 0;
+    while (text[length] != '\0') {
+        ++length;
+    }
+    return length;
+}
+
+// Whether `response` is `request` with its "Req" suffix turned into "Rsp".
+constexpr bool answers(const char* response, const char* request) {
+    const size_t length = lengthOf(request);
+    if (length < 3 || lengthOf(response) != length) {
+        return false;
+    }
+    for (size_t i = 0; i + 3 < length; ++i) {
+        if (response[i] != request[i]) {
+            return false;
+        }
+    }
+    const char* tail = request + length - 3;
+    const char* answerTail = response + length - 3;
+    return tail[0] == 'R' && tail[1] == 'e' && tail[2] == 'q' && answerTail[0] == 'R' &&
+           answerTail[1] == 's' && answerTail[2] == 'p';
+}
+
+struct Exchange {
+    uint32_t request;
+    uint32_t response;  // 0: the request has no response in the protocol, or is no request
+};
+
+constexpr size_t kTypeCount = std::size(kMessageTypes) + std::size(kWatchMessageTypes);
+
+constexpr const MessageType& typeAt(size_t i) {
+    return i < std::size(kMessageTypes) ? kMessageTypes[i]
+                                        : kWatchMessageTypes[i - std::size(kMessageTypes)];
+}
+
+// Paired once, when compiling: the service asks for every message it receives.
+constexpr std::array<Exchange, kTypeCount> pairRequests() {
+    std::array<Exchange, kTypeCount> exchanges{};
+    for (size_t i = 0; i < kTypeCount; ++i) {
+        exchanges[i] = {typeAt(i).id, 0};
+        for (size_t j = 0; j < kTypeCount; ++j) {
+            if (answers(typeAt(j).name, typeAt(i).name)) {
+                exchanges[i].response = typeAt(j).id;
+            }
+        }
+    }
+    return exchanges;
+}
+
+constexpr std::array<Exchange, kTypeCount> kExchanges = pairRequests();
+
+}  // namespace detail
+
 // The id of the response to the request of id `requestId` ("ReadReq" -> "ReadRsp"), or 0 when
 // that id is no request or its response is not in the protocol.
-inline uint32_t responseIdOf(uint32_t requestId) {
-    const char* request = messageNameOf(requestId);
-    const std::string name = request != nullptr ? request : "";
-    const size_t suffix = name.size() - 3;
-    if (name.size() < 3 || name.compare(suffix, 3, "Req") != 0) {
-        return 0;
+constexpr uint32_t responseIdOf(uint32_t requestId) {
+    for (const detail::Exchange& exchange : detail::kExchanges) {
+        if (exchange.request == requestId) {
+            return exchange.response;
+        }
     }
-    return messageIdOf(name.substr(0, suffix) + "Rsp");
+    return 0;
 }
 
 // The step of encodeMessage that failed.
