@@ -18,8 +18,7 @@ constexpr char kLogModule[] = "server";
 // Requests served between two looks at the committer, so answers to writes are not held back
 // by a steady stream of reads.
 constexpr int kRequestsPerRound = 64;
-// The loop also looks at the endpoint this often when nothing wakes it, so a wake-up that the
-// library coalesced can never leave a request waiting.
+// The loop also looks at its events this often when nothing wakes it, as a safety net.
 constexpr int kIdlePollMs = 1000;
 
 // The first block of the request arena: enough for a batch of a thousand reads.
@@ -29,8 +28,8 @@ constexpr size_t kArenaBlockBytes = 512 * 1024;
 constexpr size_t kLinesPerSender = 20;
 constexpr auto kSenderWindow = std::chrono::seconds(10);
 
-// What run() waits on, by slot of its poll set.
-enum PollSlot { kStopSlot, kRequestSlot, kCommittedSlot, kPauseSlot, kPollSlotCount };
+// What run() waits on besides requests, by slot of its poll set.
+enum EventSlot { kStopSlot, kCommittedSlot, kPauseSlot, kEventSlotCount };
 
 }  // namespace
 
@@ -205,8 +204,7 @@ void Server::serve(uint32_t id, const MSG_Sender& sender, const void* payload, s
                                      ? subscriber->second.cursor
                                      : log_.end();
     const Sender from{sender.uid, sender.address, &submissions_, &callbacks_, firstChange};
-    if (id == ConfigProtocol::kBatchReadReqMsgId &&
-        service_->answerBatchReadFromWire(payload, bytes, from, &encoded_, &answer)) {
+    if (service_->answerReadFromWire(id, payload, bytes, from, &encoded_, &answer)) {
         sendEncoded(sender.address, answer.msgId, encoded_);
         return;
     }
@@ -304,16 +302,17 @@ void Server::endIdleSubmissions() {
     }
 }
 
-bool Server::serveRequests() {
-    for (int served = 0; served < kRequestsPerRound; ++served) {
-        MSG_Msg* request = MSG_RecvAny(endpoint_.c_str(), 0);
-        if (request == nullptr) {
-            return false;
-        }
+bool Server::serveRequests(MSG_Msg* first) {
+    MSG_Msg* request = first;
+    for (int served = 0; request != nullptr; ++served) {
         dispatch(request);
         MSG_ReleaseMsg(request);
+        if (served + 1 == kRequestsPerRound) {
+            return true;
+        }
+        request = MSG_RecvQueued(endpoint_.c_str());
     }
-    return true;
+    return false;
 }
 
 void Server::finishWrites() {
@@ -393,46 +392,76 @@ bool Server::drainWrites() {
     return true;
 }
 
-bool Server::run(int stopFd, Pause* pause) {
-    int requestFd = MSG_GetPollFd(endpoint_.c_str());
-    pollfd watched[kPollSlotCount] = {};
-    watched[kStopSlot] = {stopFd, POLLIN, 0};
-    watched[kRequestSlot] = {requestFd, POLLIN, 0};
-    watched[kCommittedSlot] = {committer_->readyFd(), POLLIN, 0};
-    watched[kPauseSlot] = {pause != nullptr ? pause->fd() : -1, POLLIN, 0};
-    if (requestFd < 0) {
-        logmsg_err(kLogModule, "MSG_GetPollFd() failed; looking for requests every %d ms\n",
-                   kIdlePollMs);
+bool Server::watchEvents(const pollfd* events, bool watch) {
+    for (int slot = 0; slot < kEventSlotCount; ++slot) {
+        if (events[slot].fd < 0) {
+            continue;
+        }
+        const int status = watch ? MSG_WatchFd(endpoint_.c_str(), events[slot].fd)
+                                 : MSG_UnwatchFd(endpoint_.c_str(), events[slot].fd);
+        if (watch && status != MSG_OK) {
+            logmsg_err(kLogModule, "MSG_WatchFd() failed: %s\n", MSG_StatusText(status));
+            return false;
+        }
     }
-    logmsg_info(kLogModule, "serving %s\n", endpoint_.c_str());
+    return true;
+}
+
+Server::Step Server::takeEvents(pollfd* events, bool timedOut, Pause* pause) {
+    const int ready = poll(events, kEventSlotCount, 0);
+    if (ready < 0 && errno != EINTR) {
+        logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
+        return Step::kFail;
+    }
+    if (ready > 0 && events[kStopSlot].revents != 0) {
+        return Step::kStop;
+    }
+    if (ready > 0 && events[kPauseSlot].revents != 0) {
+        // The committer, and with it its descriptor, may be another one afterwards.
+        watchEvents(events, false);
+        if (!drainWrites() || !pause->run(this)) {
+            return Step::kFail;
+        }
+        events[kCommittedSlot].fd = committer_->readyFd();
+        if (!watchEvents(events, true)) {
+            return Step::kFail;
+        }
+    }
+    if ((timedOut && ready == 0) || (ready > 0 && events[kCommittedSlot].revents != 0)) {
+        finishWrites();
+    }
+    return Step::kServe;
+}
+
+bool Server::run(int stopFd, Pause* pause) {
+    pollfd events[kEventSlotCount] = {};
+    events[kStopSlot] = {stopFd, POLLIN, 0};
+    events[kCommittedSlot] = {committer_->readyFd(), POLLIN, 0};
+    events[kPauseSlot] = {pause != nullptr ? pause->fd() : -1, POLLIN, 0};
+    // The endpoint's wait watches these too, so one blocking receive waits for requests and for
+    // them: an idle service answers a request with the wait, the read and the answer's write,
+    // where a poll loop of its own around the endpoint took a wait and a look more.
+    bool healthy = watchEvents(events, true);
+    if (healthy) {
+        logmsg_info(kLogModule, "serving %s\n", endpoint_.c_str());
+    }
     bool moreRequests = false;
-    bool healthy = true;
-    for (;;) {
-        int ready =
-            poll(watched, kPollSlotCount, moreRequests ? 0 : msUntilNextDeadline(kIdlePollMs));
-        if (ready < 0 && errno != EINTR) {
-            logmsg_err(kLogModule, "poll: %s\n", std::strerror(errno));
-            healthy = false;
-            break;
-        }
-        if (ready > 0 && watched[kStopSlot].revents != 0) {
-            break;
-        }
-        if (ready > 0 && watched[kPauseSlot].revents != 0) {
-            if (!drainWrites() || !pause->run(this)) {
-                healthy = false;
+    while (healthy) {
+        MSG_Msg* request =
+            MSG_RecvAny(endpoint_.c_str(), moreRequests ? 0 : msUntilNextDeadline(kIdlePollMs));
+        moreRequests = serveRequests(request);
+        // A receive ends without a request when an event is ready or at the deadline; after a
+        // full round the events are looked at too, so that neither kind of work starves.
+        if (request == nullptr || moreRequests) {
+            const Step step = takeEvents(events, request == nullptr, pause);
+            if (step != Step::kServe) {
+                healthy = step == Step::kStop;
                 break;
             }
-            watched[kCommittedSlot].fd = committer_->readyFd();
-        }
-        if (ready <= 0 || watched[kCommittedSlot].revents != 0) {
-            finishWrites();
         }
         endIdleSubmissions();
         throttle_.tick();
         expireAsks();
-        // Served after the writes, and with a cap: neither kind of work can starve the other.
-        moreRequests = serveRequests();
         forgetClosedConnections();
         pumpAll();
         // Whatever this round submitted goes to the disk together.

@@ -15,6 +15,8 @@
 #ifndef CONFIGSRVC_SERVER_H
 #define CONFIGSRVC_SERVER_H
 
+#include <poll.h>
+
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -128,8 +130,13 @@ class Server {
         std::deque<HeldAnswer> answers;
     };
 
-    // Serves what the endpoint holds, up to a round's worth; true when more may be waiting.
-    bool serveRequests();
+    // Serves `first` and what the endpoint has already read, up to a round's worth; true when
+    // more may be waiting.
+    bool serveRequests(MSG_Msg* first);
+    // What a look at the service's own events (run()'s slots) decided.
+    enum class Step { kServe, kStop, kFail };
+    Step takeEvents(::pollfd* events, bool timedOut, Pause* pause);
+    bool watchEvents(const ::pollfd* events, bool watch);
     void dispatch(MSG_Msg* request);
     void serve(uint32_t id, const MSG_Sender& sender, const void* payload, size_t bytes);
     void logRefusals(uint32_t requestId, const MSG_Sender& sender, const Answer& answer);

@@ -129,6 +129,8 @@ void msg_conn_drop(struct msg_endpoint* ep, struct msg_conn* conn) {
         ep->gone_count--;
     }
     ep->gone[ep->gone_count++] = conn->address;
+    /* An event loop that waits in a receive learns of it now, not at its next request. */
+    ep->foreign_ready |= ep->foreign_count > 0;
     for (struct msg_conn** link = &ep->conns; *link; link = &(*link)->next) {
         if (*link == conn) {
             *link = conn->next;

@@ -224,6 +224,7 @@ enum { kMsgStageBytes = 64 * 1024 };
 #define kMsgWakeToken 0u
 #define kMsgListenToken (1ull << 32)
 #define kMsgNameToken (2ull << 32)
+#define kMsgForeignToken (3ull << 32) /* | the caller's descriptor (MSG_WatchFd) */
 
 struct msg_endpoint {
     struct msg_endpoint* next; /* registry link */
@@ -248,6 +249,9 @@ struct msg_endpoint {
     int closed;
     int leader;              /* a thread is waiting in epoll for the endpoint */
     int polling;             /* ... with poll() (receive.c), on what was there when it began */
+    int foreign_ready;       /* a receive ends: a descriptor of MSG_WatchFd is readable, or */
+                             /* with one watched, a connection closed or the name changed */
+    int foreign_count;       /* descriptors watched (MSG_WatchFd) */
     int connected_out;       /* MSG_OpenRemoteSync has succeeded once */
     int listen_paused;       /* out of descriptors: stop accepting until a connection goes */
     int64_t listen_retry_at; /* or until then: the descriptors may not have been ours */

@@ -289,6 +289,28 @@ int MSG_GetSender(const MSG_Msg* msg, MSG_Sender* sender);
  * The descriptor stays owned by the library and is closed with the endpoint. */
 int MSG_GetPollFd(const char* localName);
 
+/* Makes the waits of receives on `localName` also watch `fd`, a descriptor of the caller's (an
+ * eventfd, a pipe, a signalfd): when a receive finds it readable, that receive returns NULL at
+ * once (a message already queued waits for the next receive), and so does a zero time-out
+ * receive. While any descriptor is watched, a receive also ends with NULL when one of the
+ * endpoint's connections closes (MSG_TakeClosed tells which) and when its published name changes
+ * in the directory (MSG_CheckPublished tells how). A service can then wait for its requests, its
+ * own events and its clients leaving in one blocking MSG_RecvAny, where a poll loop around
+ * MSG_GetPollFd costs a wait and a look more per request.
+ * The caller reads what makes `fd` readable (it stays readable, and ends receives at once, until
+ * then); the library never reads, writes or closes it, and closing it ends the watch.
+ * MSG_ERR_BAD_ARG for a negative `fd` or one watched already, MSG_ERR_NOT_OPEN, MSG_ERR_SYSTEM
+ * when the wait cannot take it (errno). */
+int MSG_WatchFd(const char* localName, int fd);
+
+/* Ends the watch of MSG_WatchFd. MSG_ERR_BAD_ARG for a descriptor not watched. */
+int MSG_UnwatchFd(const char* localName, int fd);
+
+/* The oldest message of any id that the endpoint has already read from its peers, or NULL at
+ * once: no look at the sockets, no wait, no system call. For a service that took one message
+ * with a blocking MSG_RecvAny and serves what that wait brought in before it waits again. */
+MSG_Msg* MSG_RecvQueued(const char* localName);
+
 /* Closes connection `remoteAddress` of `localName` from this end, as the library does with a peer
  * that breaks the rules: what waits in its send queue is dropped, the peer sees the connection
  * end, and the address is noted for MSG_TakeClosed. For a service that must stop serving one

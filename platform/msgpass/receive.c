@@ -327,6 +327,11 @@ static void serve_events(struct msg_endpoint* ep, const struct epoll_event* even
         }
         if (token == kMsgNameToken) {
             msg_name_events(ep);
+            ep->foreign_ready |= ep->foreign_count > 0; /* MSG_CheckPublished may say more now */
+            continue;
+        }
+        if ((token & ~0xffffffffull) == kMsgForeignToken) {
+            ep->foreign_ready = 1;
             continue;
         }
         struct msg_conn* conn = msg_conn_find(ep, (uint32_t)token);
@@ -462,6 +467,11 @@ static MSG_Msg* receive(const char* localName, int any, uint32_t id, int timeout
     MSG_Msg* msg = NULL;
     pthread_mutex_lock(&ep->lock);
     while (!ep->closed) {
+        if (ep->foreign_ready) {
+            /* First, so that a queue kept full by busy peers cannot hide the caller's events. */
+            ep->foreign_ready = 0;
+            break;
+        }
         msg = take_queued(ep, any, id);
         if (msg || (!any && orphaned(ep))) {
             break;
@@ -490,6 +500,60 @@ MSG_EXPORT MSG_Msg* MSG_RecvMsg(const char* localName, uint32_t msgId, int timeo
 
 MSG_EXPORT MSG_Msg* MSG_RecvAny(const char* localName, int timeoutMs) {
     return receive(localName, 1, 0, timeoutMs);
+}
+
+MSG_EXPORT MSG_Msg* MSG_RecvQueued(const char* localName) {
+    struct msg_endpoint* ep;
+    if (msg_endpoint_lookup(localName, &ep) != MSG_OK) {
+        return NULL;
+    }
+    pthread_mutex_lock(&ep->lock);
+    MSG_Msg* msg = ep->closed ? NULL : take_queued(ep, 1, 0);
+    sync_pending(ep);
+    pthread_mutex_unlock(&ep->lock);
+    msg_endpoint_put(ep);
+    return msg;
+}
+
+/* Adds (`watch`) or removes the caller's descriptor `fd` in the endpoint's epoll set. */
+static int change_watch(const char* localName, int fd, int watch) {
+    if (fd < 0) {
+        return MSG_ERR_BAD_ARG;
+    }
+    struct msg_endpoint* ep;
+    int status = msg_endpoint_lookup(localName, &ep);
+    if (status != MSG_OK) {
+        return status;
+    }
+    pthread_mutex_lock(&ep->lock);
+    if (ep->closed) {
+        status = MSG_ERR_NOT_OPEN;
+    } else if (msg_endpoint_ensure_wait_set(ep) != 0) {
+        status = MSG_ERR_SYSTEM;
+    } else {
+        struct epoll_event event = {.events = EPOLLIN, .data.u64 = kMsgForeignToken | (uint32_t)fd};
+        if (epoll_ctl(ep->wait_fd, watch ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, fd, &event) != 0) {
+            status = errno == EEXIST || errno == ENOENT || errno == EBADF || errno == EPERM
+                         ? MSG_ERR_BAD_ARG
+                         : MSG_ERR_SYSTEM;
+        } else {
+            ep->foreign_count += watch ? 1 : -1;
+            if (ep->polling) {
+                msg_endpoint_wake_poller(ep); /* its poll() does not follow the new epoll set */
+            }
+        }
+    }
+    pthread_mutex_unlock(&ep->lock);
+    msg_endpoint_put(ep);
+    return status;
+}
+
+MSG_EXPORT int MSG_WatchFd(const char* localName, int fd) {
+    return change_watch(localName, fd, 1);
+}
+
+MSG_EXPORT int MSG_UnwatchFd(const char* localName, int fd) {
+    return change_watch(localName, fd, 0);
 }
 
 static int make_poll_fd(struct msg_endpoint* ep) {

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -17,6 +18,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <ctime>
@@ -989,6 +991,55 @@ std::string queueStream(uint32_t to) {
     }
     EXPECT_LT(msSince(start), 1000) << "the sends waited for a peer that does not read";
     return wire;
+}
+
+// A service's event loop in one blocking receive: its own descriptor, or a client leaving, ends
+// the wait at once; what one wait read is taken without another look at the sockets.
+TEST_F(MsgPassTest, WatchedDescriptorsAndClosedConnectionsEndAReceive) {
+    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
+    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const uint64_t one = 1;
+    EXPECT_EQ(MSG_WatchFd("svc", -1), MSG_ERR_BAD_ARG);
+    EXPECT_EQ(MSG_UnwatchFd("svc", event), MSG_ERR_BAD_ARG) << "not watched";
+    EXPECT_EQ(MSG_WatchFd("nobody", event), MSG_ERR_NOT_OPEN);
+    ASSERT_EQ(MSG_WatchFd("svc", event), MSG_OK);
+    EXPECT_EQ(MSG_WatchFd("svc", event), MSG_ERR_BAD_ARG) << "watched already";
+    EXPECT_EQ(MSG_RecvQueued("svc"), nullptr) << "nothing read yet";
+
+    int peer = unixSocket("svc");
+    sendRaw(peer, frame(1, "a") + frame(2, "b"));
+    EXPECT_EQ(take(MSG_RecvAny("svc", 1000)), "a");
+    EXPECT_EQ(take(MSG_RecvQueued("svc")), "b") << "read by the same wait";
+    std::thread writer([&] {
+        usleep(50 * 1000);
+        EXPECT_EQ(write(event, &one, sizeof one), 8);
+    });
+    // A five-second wait that something ended well before its time-out.
+    const auto endedEarly = [] {
+        const auto start = std::chrono::steady_clock::now();
+        return MSG_RecvAny("svc", 5000) == nullptr &&
+               std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
+    };
+    EXPECT_TRUE(endedEarly()) << "the event";
+    writer.join();
+    sendRaw(peer, frame(3, "c"));
+    usleep(50 * 1000);
+    EXPECT_EQ(MSG_RecvAny("svc", 0), nullptr) << "the event, still readable, comes first";
+    uint64_t count = 0;
+    ASSERT_EQ(read(event, &count, sizeof count), 8);
+    EXPECT_EQ(take(MSG_RecvAny("svc", 1000)), "c");
+
+    uint32_t gone = 0;
+    int taken = 0;
+    close(peer);
+    EXPECT_TRUE(endedEarly()) << "the client left";
+    EXPECT_EQ(MSG_TakeClosed("svc", &gone, 1, &taken), MSG_OK);
+    EXPECT_EQ(taken, 1);
+    ASSERT_EQ(MSG_UnwatchFd("svc", event), MSG_OK);
+    EXPECT_EQ(write(event, &one, sizeof one), 8);
+    EXPECT_EQ(MSG_RecvAny("svc", 100), nullptr);
+    EXPECT_EQ(MSG_RecvQueued("svc"), nullptr);
+    close(event);
 }
 
 // The descriptor of MSG_GetPollFd is readable exactly while something waits: in a socket, or
