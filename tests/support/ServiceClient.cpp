@@ -34,11 +34,8 @@ CommonIF::eErrorType ServiceClient::call(const std::string& type, CommonIF::eSec
 
 CommonIF::eErrorType ServiceClient::submit(const std::string& path, ConfigIF::SubmitType type,
                                            CommonIF::eSecurityRole role) {
-    ConfigIF::SubmitRsp answer;
-    const bool answered =
-        session.submit(submitRequest(path, type, role), &answer, kAnswerMs) == ConfigSession::kOk;
-    EXPECT_TRUE(answered) << "submit " << path;
-    return answered ? answer.error() : CommonIF::kErrGenericError;
+    return call("Submit", role,
+                "instance { {{" + path + "}} } type: " + ConfigIF::SubmitType_Name(type));
 }
 
 std::vector<std::string> ServiceClient::values(const std::vector<std::string>& paths,
