@@ -54,7 +54,7 @@ TEST_P(Logmsg, WritesExactlyTheseBytes) {
     for (const CaseRow& row : cases()[GetParam()].body) {
         if (row[0] == "run") {
             args.insert(args.end(), row.fields.begin() + 1, row.fields.end());
-        } else if (std::string(" argv0 nodevice status device out err ").find(" " + row[0] + " ") !=
+        } else if (std::string(" nodevice status device out err ").find(" " + row[0] + " ") !=
                    std::string::npos) {
             fields[row[0]] += row[1];
         } else {
@@ -63,9 +63,7 @@ TEST_P(Logmsg, WritesExactlyTheseBytes) {
     }
     std::replace(args.begin(), args.end(), std::string("@loadable"),
                  std::string(LOGMSG_LOADABLE_PATH));
-    const ProbeRun run =
-        runProbe(args, fields.count("nodevice") == 0,
-                 fields["argv0"].empty() ? "/probes/logmsg_probe" : fields["argv0"]);
+    const ProbeRun run = runProbe(args, fields.count("nodevice") == 0);
     if (run.outcome.status == 77) {
         GTEST_SKIP() << "the probe cannot do this in this build";
     }
@@ -79,6 +77,19 @@ INSTANTIATE_TEST_SUITE_P(Case, Logmsg, ::testing::Range(size_t{0}, cases().size(
                          [](const ::testing::TestParamInfo<size_t>& info) {
                              return cases()[info.param].head[0];
                          });
+
+// The application name in the header: the one given to init, else the end of the program's path
+// (the table before the blocks of logmsg_cases.txt).
+TEST(LogmsgName, ComesFromInitOrFromTheProgramsPath) {
+    for (const CaseRow& row : readCaseFile(LOGMSG_CASES_PATH).rows) {
+        SCOPED_TRACE(row.where);
+        const ProbeRun run = runProbe({"init", row[1], "err", "-", "x\n", "-"}, true, row[0]);
+        EXPECT_EQ(run.outcome.status, 0);
+        EXPECT_EQ(run.device, row[2]);
+        EXPECT_EQ(run.outcome.out, "");
+        EXPECT_EQ(run.outcome.err, row[3]);
+    }
+}
 
 // Records of equal length, so that each starts at a multiple of it.
 TEST(LogmsgThreads, PartialLinesOfThreadsNeverMix) {
