@@ -198,17 +198,17 @@ TEST(Binary, LoadsOnlyLibmsgpassAndTheCLibraryDynamically) {
 }
 
 // ---- Error lines mirrored into the system log: the cases (mirror_targets.txt) run the tool's
-// production-log library in a probe (log_probe.cpp) with a pid file of the test's and an idle
-// process as the log daemon; one more runs the shipped program with the real paths. The probe
+// production-log library in a probe (log_probe.cpp) with a pid file of the test's and the probe
+// idling as the log daemon; one more runs the shipped program with the real paths. The probe
 // also shows what getProcessCmdline makes of a process ----
 
 const char kLine[] = "ReadRsp error kErrItemNotFound";
 const char kRecord[] = "setvane: (setvane x): ReadRsp error kErrItemNotFound";
 
-// An idle process under `argv`, playing the log daemon; ready once it said so.
+// The probe idling under `argv`, playing the log daemon; ready once it said so.
 struct LogDaemon : Background {
     LogDaemon(const TempDir& dir, const std::vector<std::string>& argv)
-        : Background(IDLE_PROCESS_BINARY, argv, {}, dir.file("daemon.log")) {
+        : Background(LOG_PROBE_BINARY, argv, {{"PROBE_IDLE", "1"}}, dir.file("daemon.log")) {
         EXPECT_TRUE(waitForLog("ready\n")) << argv[0];
     }
 };
