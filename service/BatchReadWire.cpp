@@ -320,7 +320,14 @@ bool ConfigService::answerReadFromWire(uint32_t requestId, const void* payload, 
     if (!batched && requestId != ConfigProtocol::kReadReqMsgId) {
         return false;
     }
-    WireBatch batch;
+    // Kept from call to call (each thread its own), so that a warm service reads without
+    // allocating: every call clears what it reuses.
+    thread_local WireBatch batch;
+    thread_local WireInstance instance;
+    thread_local ResolvedVariable found;
+    batch.requester = {};
+    batch.role = -1;
+    batch.instances.clear();
     std::string reason;
     if (bytes > kMaxRequestBytes || openSubmission(sender) != nullptr ||
         !readBatch(payload, bytes, batched ? static_cast<size_t>(kMaxBatchInstances) : 1, &batch) ||
@@ -336,8 +343,6 @@ bool ConfigService::answerReadFromWire(uint32_t requestId, const void* payload, 
         encoded->resize(varintFieldSize(kBatchErrorTag, CommonIF::kErrNoError));
         putVarintField(encoded->data(), kBatchErrorTag, CommonIF::kErrNoError);
     }
-    WireInstance instance;
-    ResolvedVariable found;
     for (const WireReader& bytesOfInstance : batch.instances) {
         if (!readInstance(bytesOfInstance, &instance) || !model_.resolve(instance.path, &found)) {
             return false;

@@ -155,10 +155,10 @@ class Client {
             return got.size() == header_.size() + settings_.payload + 2 &&
                    got.compare(0, header_.size(), header_) == 0;
         }
-        ConfigIF::ReadRsp answer;
-        return session_.read(read_, &answer, kAnswerMs) == ConfigSession::kOk &&
-               answer.error() == CommonIF::kErrNoError && answer.value_size() == 1 &&
-               answer.value(0).size() == settings_.payload;
+        // The answer is parsed into the message of the last one, whose parts it reuses.
+        return session_.read(read_, &answer_, kAnswerMs) == ConfigSession::kOk &&
+               answer_.error() == CommonIF::kErrNoError && answer_.value_size() == 1 &&
+               answer_.value(0).size() == settings_.payload;
     }
 
     Tally run(Clock::time_point until) {
@@ -178,7 +178,8 @@ class Client {
     int client_;
     KvConnection kv_;
     ConfigSession session_;
-    ConfigIF::ReadReq read_;
+    ConfigIF::ReadReq read_;  // the same request every time, as the key-value client's GET
+    ConfigIF::ReadRsp answer_;
     const std::string header_ = "$" + std::to_string(settings_.payload) + "\r\n";
 };
 
