@@ -450,26 +450,27 @@ bool Server::run(int stopFd, Pause* pause) {
         MSG_Msg* request =
             MSG_RecvAny(endpoint_.c_str(), moreRequests ? 0 : msUntilNextDeadline(kIdlePollMs));
         moreRequests = serveRequests(request);
-        // A receive ends without a request when an event is ready or at the deadline; after a
-        // full round the events are looked at too, so that neither kind of work starves.
+        // A receive ends without a request when an event is ready, a client left, the name
+        // changed, or at the deadline; after a full round all that is looked at too, so that
+        // neither kind of work starves. A round that served requests alone needs no look.
         if (request == nullptr || moreRequests) {
             const Step step = takeEvents(events, request == nullptr, pause);
             if (step != Step::kServe) {
                 healthy = step == Step::kStop;
                 break;
             }
+            forgetClosedConnections();
+            if (!stillReachable()) {
+                healthy = false;
+                break;
+            }
         }
         endIdleSubmissions();
         throttle_.tick();
         expireAsks();
-        forgetClosedConnections();
         pumpAll();
         // Whatever this round submitted goes to the disk together.
         committer_->release();
-        if (!stillReachable()) {
-            healthy = false;
-            break;
-        }
     }
     logmsg_info(kLogModule, "stopping: answering the writes already submitted\n");
     committer_->stop();
