@@ -4,8 +4,8 @@
 //
 // Connects as NAME, registers for PATH ("" for everything) and serves callbacks until killed.
 // MODE: watch (notifications printed as "v PATH VALUES"), resume (the same, kept in FILE with a
-// "mark N" line after each commit, all in one write, and resumed after FILE's last mark when
-// started again), veto (a validator that refuses with "vetoed by NAME"), allow, hang (a validator
+// "mark N" line after each commit's notices, and resumed after FILE's last mark when started
+// again), veto (a validator that refuses with "vetoed by NAME"), allow, hang (a validator
 // that never answers), write (a validator that first tries to write what it is asked about and
 // prints "wrote STATUS ERROR"), skip (a validator that refuses all but the client named "skipper"),
 // reboot (an applier that says a reboot is needed). Prints "ready" once registered and
@@ -92,7 +92,8 @@ class Client : public configclient::CallbackHandler {
         if (file_.empty()) {
             return;
         }
-        // One write: a kill leaves the notices of a commit and its mark in the file, or neither.
+        // One write, but a kill can still cut one that spans pages: what follows the last mark
+        // is cut off when the next client starts (resumePoint).
         pending_ += "mark " + std::to_string(sequence) + "\n";
         const int fd = open(file_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
         if (fd < 0 ||
@@ -125,14 +126,23 @@ ConfigIF::CallbackType typeOf(const std::string& mode) {
     return mode == "reboot" ? ConfigIF::kOnChange : ConfigIF::kDynamicValidator;
 }
 
-// The number of the last mark in `file`, or 0 when it has none.
-uint64_t lastMark(const std::string& file) {
+// The number of the last mark in `file`, or 0 when it has none. What follows that mark was cut
+// short by a kill (notices whose mark never came) and is cut off, as it will be sent again.
+uint64_t resumePoint(const std::string& file) {
     std::ifstream in(file);
     uint64_t last = 0;
+    off_t end = 0;
+    off_t marked = 0;
     for (std::string line; std::getline(in, line);) {
-        if (line.rfind("mark ", 0) == 0) {
+        end += static_cast<off_t>(line.size()) + 1;
+        if (line.rfind("mark ", 0) == 0 && !in.eof()) {
             last = std::stoull(line.substr(5));
+            marked = end;
         }
+    }
+    if (end != 0 && truncate(file.c_str(), marked) != 0) {
+        std::perror(file.c_str());
+        _exit(3);
     }
     return last;
 }
@@ -155,7 +165,7 @@ int main(int argc, char** argv) {
     Client client(mode, name, &session, file);
     configclient::CallbackDispatcher dispatcher(&session, &client);
     if (mode == "resume") {
-        const uint64_t after = lastMark(file);
+        const uint64_t after = resumePoint(file);
         CommonIF::eErrorType error = CommonIF::kErrNoError;
         uint64_t sequence = 0;
         if (dispatcher.resume(name, CommonIF::kAdmin, after != 0 ? &after : nullptr, 5000, &error,
