@@ -19,13 +19,13 @@ void appendVarint(uint64_t value, std::string* out) {
 }
 
 // The entry of `notice`, a notification without its user_context, about `path`.
-ChangeEntry entryOf(ConfigIF::CallbackType type, uint32_t msgId,
-                    const google::protobuf::Message& notice, std::string path) {
+template <typename Notice>
+ChangeEntry entryOf(ConfigIF::CallbackType type, uint32_t msgId, const Notice& notice,
+                    std::string path) {
     ChangeEntry entry;
     entry.type = type;
     entry.msgId = msgId;
-    entry.contextField =
-        static_cast<uint32_t>(notice.GetDescriptor()->FindFieldByName("user_context")->number());
+    entry.contextField = Notice::kUserContextFieldNumber;
     entry.path = std::move(path);
     entry.body = notice.SerializePartialAsString();
     return entry;

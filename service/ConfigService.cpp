@@ -505,7 +505,7 @@ eErrorType ConfigService::checkWrite(const ConfigIF::InstValue& target, eSecurit
     change->values.assign(target.value().begin(), target.value().end());
     if (change->values.empty() && !variable.isList) {
         change->reset = true;
-    } else if (!checkRecord(model_, records, change, reason)) {
+    } else if (!canonicalValues(variable, change, reason)) {
         return CommonIF::kErrBadParameter;
     } else {
         change->reset = change->values == variable.defaults;

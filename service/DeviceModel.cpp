@@ -47,6 +47,7 @@ DeviceModel::Walked DeviceModel::walk(const std::vector<PathStep>& path,
     if (path.size() > kMaxPathDepth) {
         return Walked::kNowhere;
     }
+    found->answered.reserve(path.size());
     const NodeDef* node = &root_;
     for (size_t i = 0; i < path.size(); ++i) {
         const PathStep& step = path[i];
@@ -97,6 +98,7 @@ bool inScope(const std::string& scope, const std::string& key) {
 bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) const {
     // Keys look like "net[1]/interface[2]/address"; names never hold '[', ']' or '/'.
     std::vector<PathStep> path;
+    path.reserve(static_cast<size_t>(std::count(key.begin(), key.end(), '/')) + 1);
     size_t pos = 0;
     while (pos <= key.size()) {
         size_t slash = key.find('/', pos);

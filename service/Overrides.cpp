@@ -209,6 +209,15 @@ const std::string* detachedOf(const Records& records, const std::vector<std::str
     return nullptr;
 }
 
+bool canonicalValues(const VariableDef& variable, StoredChange* change, std::string* reason) {
+    std::vector<std::string> canonical;
+    if (!checkValues(variable, change->values, &canonical, reason)) {
+        return false;
+    }
+    change->values = std::move(canonical);
+    return true;
+}
+
 bool checkRecord(const DeviceModel& model, const Records& records, StoredChange* change,
                  std::string* reason) {
     if (change->reset) {
@@ -245,16 +254,14 @@ bool checkRecord(const DeviceModel& model, const Records& records, StoredChange*
         return false;
     }
     VariableDef scratch;
-    VariableDef copy = effectiveVariable(records, found, &scratch);
+    const VariableDef& effective = effectiveVariable(records, found, &scratch);
+    if (change->kind == RecordKind::kValue) {
+        return canonicalValues(effective, change, reason);
+    }
+    VariableDef copy = effective;  // what the override would make of it
     switch (change->kind) {
-        case RecordKind::kValue: {
-            std::vector<std::string> canonical;
-            if (!checkValues(copy, change->values, &canonical, reason)) {
-                return false;
-            }
-            change->values = std::move(canonical);
-            return true;
-        }
+        case RecordKind::kValue:
+            break;
         case RecordKind::kOptions:
             return applyOptions(change->values, &copy, reason) && defaultsFit(copy, reason);
         case RecordKind::kLevels:

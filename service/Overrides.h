@@ -48,6 +48,8 @@ bool applyLevels(const std::vector<std::string>& record, VariableDef* variable,
 // value change. Resets are always fine. False with a reason a person can act on.
 bool checkRecord(const DeviceModel& model, const Records& records, StoredChange* change,
                  std::string* reason);
+// The same for a value change whose variable, as overridden, the caller has found already.
+bool canonicalValues(const VariableDef& variable, StoredChange* change, std::string* reason);
 
 // The record of a detached component.
 constexpr char kDetached[] = "detached";
