@@ -1,6 +1,7 @@
 #include "ChangeLog.h"
 
 #include <sstream>
+#include <string_view>
 
 #include <pugixml.hpp>
 
@@ -18,17 +19,53 @@ void appendVarint(uint64_t value, std::string* out) {
     out->push_back(static_cast<char>(value));
 }
 
-// The entry of `notice`, a notification without its user_context, about `path`.
+void appendBytes(uint32_t field, std::string_view bytes, std::string* out) {
+    appendVarint(field << 3 | 2, out);  // length-delimited
+    appendVarint(bytes.size(), out);
+    out->append(bytes);
+}
+
+// The entry of a notification of type Notice, `body` being its encoding without user_context,
+// about `path`.
 template <typename Notice>
-ChangeEntry entryOf(ConfigIF::CallbackType type, uint32_t msgId, const Notice& notice,
-                    std::string path) {
+ChangeEntry entryOfBody(ConfigIF::CallbackType type, uint32_t msgId, std::string body,
+                        std::string path) {
     ChangeEntry entry;
     entry.type = type;
     entry.msgId = msgId;
     entry.contextField = Notice::kUserContextFieldNumber;
     entry.path = std::move(path);
-    entry.body = notice.SerializePartialAsString();
+    entry.body = std::move(body);
     return entry;
+}
+
+template <typename Notice>
+ChangeEntry entryOf(ConfigIF::CallbackType type, uint32_t msgId, const Notice& notice,
+                    std::string path) {
+    return entryOfBody<Notice>(type, msgId, notice.SerializePartialAsString(), std::move(path));
+}
+
+// A ConfigChangedNtfy without user_context, written as the runtime writes it (fields in number
+// order, shortest varints). Every committed value change has one; building and encoding it as
+// messages cost more than the rest of the commit's bookkeeping together.
+std::string valueNoticeBody(const ResolvedVariable& found, const std::vector<std::string>& values) {
+    std::string instance;
+    std::string node;
+    for (const PathStep& step : found.answered) {
+        node.clear();
+        appendBytes(ConfigIF::Node::kNameFieldNumber, step.name, &node);
+        appendVarint(ConfigIF::Node::kInstanceFieldNumber << 3, &node);  // a varint
+        appendVarint(static_cast<uint64_t>(static_cast<int64_t>(step.instance)), &node);
+        appendBytes(ConfigIF::Inst::kNodeFieldNumber, node, &instance);
+    }
+    std::string instanceValue;
+    appendBytes(ConfigIF::InstValue::kInstanceFieldNumber, instance, &instanceValue);
+    for (const std::string& value : values) {
+        appendBytes(ConfigIF::InstValue::kValueFieldNumber, value, &instanceValue);
+    }
+    std::string body;
+    appendBytes(ConfigIF::ConfigChangedNtfy::kInstanceValFieldNumber, instanceValue, &body);
+    return body;
 }
 
 void fillInstance(const ResolvedVariable& found, ConfigIF::Inst* instance,
@@ -71,14 +108,13 @@ bool instanceNotice(const DeviceModel& model, const Records& after, const Stored
     const VariableDef& variable = effectiveVariable(after, found, &scratch);
     std::vector<int32_t> numbers;
     if (change.kind == RecordKind::kValue) {
-        ConfigIF::ConfigChangedNtfy notice;
-        ConfigIF::InstValue* value = notice.mutable_instance_val();
-        fillInstance(found, value->mutable_instance(), &numbers);
-        for (const std::string& one : change.reset ? variable.defaults : change.values) {
-            value->add_value(one);
+        for (const PathStep& step : found.answered) {
+            numbers.push_back(step.instance);
         }
-        *entry = entryOf(ConfigIF::kChangeNotify, ConfigProtocol::kConfigChangedNtfyMsgId, notice,
-                         variable.path);
+        *entry = entryOfBody<ConfigIF::ConfigChangedNtfy>(
+            ConfigIF::kChangeNotify, ConfigProtocol::kConfigChangedNtfyMsgId,
+            valueNoticeBody(found, change.reset ? variable.defaults : change.values),
+            variable.path);
     } else if (change.kind == RecordKind::kOptions) {
         ConfigIF::OptionsChangedNtfy notice;
         fillInstance(found, notice.mutable_instance(), &numbers);

@@ -26,20 +26,26 @@ TEST(CallbacksTest, BoundIsPerConnection) {
     EXPECT_EQ(callbacks.dropConnection(8), kMaxCallbacksPerConnection);
 }
 
-// A committed record tells what it is now, once, and only when it changed.
+// A committed record tells what it is now, once, and only when it changed, in the bytes the
+// runtime would write for it (a value's notice is written without building messages).
 TEST_F(ConfigServiceTest, ACommittedChangeToldAsItIsNow) {
+    const std::string kLong(200, 'l');  // lengths of two bytes, in the value and around it
     const struct {
         RecordKind kind;
         const char* key;
         bool hadRecord;  // whether a record stood before: {"x"} for values
         bool reset;
-        const char* values;    // separated by ','
-        const char* expected;  // the notice (ConfigPath.h shorthands) but its user_context; "" none
+        std::string values;    // separated by ','
+        std::string expected;  // the notice (ConfigPath.h shorthands) but its user_context; "" none
     } cases[] = {
         {RecordKind::kValue, "audio[1]/volume", false, false, "80",
          "instance_val { instance { {{audio 1/volume 1}} } value: '80' }"},
         {RecordKind::kValue, "audio[1]/volume", true, true, "",  // the default again
          "instance_val { instance { {{audio 1/volume 1}} } value: '50' }"},
+        {RecordKind::kValue, "network[1]/interface[3]/dns", false, false, ",10.0.0.1," + kLong,
+         "instance_val { instance { {{network 1/interface 3/dns 1}} } value: '' value: '10.0.0.1'"
+         " value: '" +
+             kLong + "' }"},
         {RecordKind::kValue, "audio[1]/volume", false, true, "", ""},   // was default already
         {RecordKind::kValue, "audio[1]/volume", true, false, "x", ""},  // the same value
         {RecordKind::kAttributes, "audio.volume", false, false, "max,90",
@@ -59,16 +65,16 @@ TEST_F(ConfigServiceTest, ACommittedChangeToldAsItIsNow) {
         const Values before = c.hadRecord ? Values{"x"} : Values{};
         std::vector<ChangeEntry> entries;
         noticesOf(model_, after, change, c.hadRecord ? &before : nullptr, &entries);
-        ASSERT_EQ(entries.size(), *c.expected == '\0' ? 0u : 1u);
+        ASSERT_EQ(entries.size(), c.expected.empty() ? 0u : 1u);
         if (entries.empty()) {
             continue;
         }
         const std::string type = ConfigProtocol::messageNameOf(entries[0].msgId);
         const auto notice = testsupport::messageOf(type, "");
-        const auto expected =
-            testsupport::messageOf(type, c.expected + std::string(" user_context: 'u'"));
+        const auto expected = testsupport::messageOf(type, c.expected + " user_context: 'u'");
         ASSERT_TRUE(notice && expected && notice->ParseFromString(encodeNotice(entries[0], "u")));
         EXPECT_EQ(notice->ShortDebugString(), expected->ShortDebugString());
+        EXPECT_EQ(encodeNotice(entries[0], "u"), expected->SerializeAsString());
     }
 }
 
