@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
@@ -222,16 +221,6 @@ bool seesAll(Background* subscriber, const std::string& prefix, int count) {
         20000);
 }
 
-long residentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::stol(line.substr(6));
-        }
-    }
-    return -1;
-}
-
 // A subscriber that reads nothing (stopped) costs the others nothing and the service less than
 // 1 MiB while 10,000 commits from 8 writers pass it by; once it reads again it gets every one of
 // them, once, in the order the other subscriber saw.
@@ -244,9 +233,9 @@ TEST_F(Callbacks, ASubscriberFarBehindCostsNothingAndGetsEverything) {
     writeMany(kBehind + 2000, 8, "warm");
     ASSERT_TRUE(other->waitForLog("warm-7-1499")) << "the warm-up did not reach the subscribers";
     ASSERT_EQ(kill(slow->pid, SIGSTOP), 0);
-    const long before = residentKiB(service_.pid());
+    const long before = testsupport::statusKiB(service_.pid(), "VmRSS");
     writeMany(kBehind, 8, "behind");
-    const long after = residentKiB(service_.pid());
+    const long after = testsupport::statusKiB(service_.pid(), "VmRSS");
 #ifndef __SANITIZE_ADDRESS__
     EXPECT_LT(after - before, 1024) << before << " KiB before, " << after << " KiB after";
 #else
@@ -276,11 +265,8 @@ TEST_F(Callbacks, ASubscriberBeyondTheLogIsDisconnectedNotSkipped) {
     }
     EXPECT_TRUE(service_.waitForOutput("fell more than 100 notifications behind: disconnected"));
     ASSERT_EQ(kill(slow->pid, SIGCONT), 0);
-    const long long resumed = testsupport::monotonicNs();
-    while (slow->running() && testsupport::msSince(resumed) < 5000) {
-        usleep(10000);
-    }
-    EXPECT_FALSE(slow->running()) << "it reads the end of its connection, and stops";
+    EXPECT_TRUE(testsupport::waitFor([&] { return !slow->running(); }))
+        << "it reads the end of its connection, and stops";
     // What it got before is a run without gaps, from the first write on.
     const std::vector<std::string> seen = linesOf(slow->log(), "v ");
     for (size_t i = 0; i < seen.size(); ++i) {

@@ -27,8 +27,7 @@ class ProfileTest : public ConfigServiceTest {
     std::string readAll() {
         const Answer answer =
             ask(ConfigProtocol::kBatchReadReqMsgId,
-                batchRead(kProvisioning, {kMtu, kDns, kVolume, kHostname, kWatchdog, kSerial}),
-                kService);
+                batchRead(kProvisioning, {kMtu, kDns, kVolume, kHostname, kWatchdog, kSerial}));
         return answer.message->ShortDebugString();
     }
 
@@ -44,7 +43,7 @@ TEST_F(ProfileTest, CreateClearApplyGivesBackExactlyTheSameValues) {
     ASSERT_EQ(write(kWatchdog, {"false"}, kSystem).error(), kErrNoError);
     const std::string before = readAll();
     ASSERT_EQ(create("backup", kSystem), kErrNoError);
-    ASSERT_TRUE(ask(ConfigProtocol::kClearConfigCmdMsgId, "", kService).refusals.empty());
+    ASSERT_TRUE(ask(ConfigProtocol::kClearConfigCmdMsgId, "").refusals.empty());
     ASSERT_NE(readAll(), before);
     EXPECT_EQ(apply("backup", kSystem), kErrNoError);
     EXPECT_EQ(readAll(), before);

@@ -55,7 +55,8 @@ class ConfigServiceTest : public testing::Test {
     }
 
     // Answers a request as the server does: its changes are stored before it is answered.
-    Answer ask(uint32_t requestId, const std::string& payload, const Sender& sender) {
+    Answer ask(uint32_t requestId, const std::string& payload,
+               const Sender& sender = Sender{kService}) {
         Answer answer;
         service_->handle(requestId, payload.data(), payload.size(), sender, &arena_, &answer);
         if (!answer.changes.empty()) {
@@ -71,10 +72,6 @@ class ConfigServiceTest : public testing::Test {
             }
         }
         return answer;
-    }
-
-    Answer ask(uint32_t requestId, const std::string& payload, uid_t uid) {
-        return ask(requestId, payload, Sender{uid});
     }
 
     // Answers the request of type `type` ("Submit" for a SubmitReq) claiming the role named
@@ -99,7 +96,7 @@ class ConfigServiceTest : public testing::Test {
 
     ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {
         return static_cast<const ConfigIF::ReadRsp&>(
-            *ask(ConfigProtocol::kReadReqMsgId, payload, uid).message);
+            *ask(ConfigProtocol::kReadReqMsgId, payload, Sender{uid}).message);
     }
 
     ConfigIF::ReadRsp read(const std::string& path, eSecurityRole role = kProvisioning,
@@ -109,7 +106,7 @@ class ConfigServiceTest : public testing::Test {
 
     ConfigIF::ReturnMessage writeBytes(const std::string& payload, uid_t uid = kService) {
         return static_cast<const ConfigIF::WriteRsp&>(
-                   *ask(ConfigProtocol::kWriteReqMsgId, payload, uid).message)
+                   *ask(ConfigProtocol::kWriteReqMsgId, payload, Sender{uid}).message)
             .ret_message();
     }
 

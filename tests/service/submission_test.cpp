@@ -87,7 +87,7 @@ TEST_F(ConfigServiceTest, BareCommandsAreObeyedOnlyFromUidsThatMayClaimEveryRole
         {ConfigProtocol::kClearConfigCmdMsgId, "\x08\x01", kService, true},  // unknown field
     };
     for (const auto& c : cases) {
-        const Answer answer = ask(c.id, c.payload, c.uid);
+        const Answer answer = ask(c.id, c.payload, Sender{c.uid});
         EXPECT_EQ(answer.message, nullptr);
         EXPECT_EQ(answer.msgId, 0u);
         EXPECT_EQ(answer.refusals.empty(), c.obeyed) << c.uid << " " << c.payload;

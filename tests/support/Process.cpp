@@ -154,4 +154,14 @@ long msSince(long long startNs) {
     return static_cast<long>((monotonicNs() - startNs) / 1000000);
 }
 
+long statusKiB(pid_t pid, const std::string& field) {
+    for (const std::string& line :
+         split(readFile("/proc/" + std::to_string(pid) + "/status"), "\n")) {
+        if (line.rfind(field + ":", 0) == 0) {
+            return std::stol(line.substr(field.size() + 1));
+        }
+    }
+    return -1;
+}
+
 }  // namespace testsupport

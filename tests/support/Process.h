@@ -71,6 +71,9 @@ class Background {
 long msSince(long long startNs);
 long long monotonicNs();
 
+// Field `field` of /proc/<pid>/status ("VmRSS", "VmSize") in KiB, or -1 when it cannot be read.
+long statusKiB(pid_t pid, const std::string& field);
+
 }  // namespace testsupport
 
 #endif  // TESTS_SUPPORT_PROCESS_H
