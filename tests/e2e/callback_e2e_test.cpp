@@ -107,7 +107,7 @@ TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
     const CallbackCase cases[] = {
         {"allow", "test", kErrNoError, "", false, ""},
         {"veto", "test", kErrBadParameter, "vetoed by v-veto", false, ""},
-        {"skip", "skipper", kErrNoError, "", false, ""},  // validate_skipname: not asked of its own
+        {"skip", "skipper", kErrNoError, "", false, ""},  // validate_skipname: not asked
         {"skip", "test", kErrBadParameter, "vetoed by v-skip", false, ""},
         {"hang", "test", kErrTimeOut, "did not answer within 300 ms", false, ""},
         {"reboot", "test", kErrNoError, "", true, ""},

@@ -7,9 +7,9 @@
 // "mark N" line after each commit's notices, and resumed after FILE's last mark when started
 // again), veto (a validator that refuses with "vetoed by NAME"), allow, hang (a validator
 // that never answers), write (a validator that first tries to write what it is asked about and
-// prints "wrote STATUS ERROR"), skip (a validator that refuses all but the client named "skipper"),
-// reboot (an applier that says a reboot is needed). Prints "ready" once registered and
-// "asked VALUES" for every callback request.
+// prints "wrote STATUS ERROR"), skip (a validator like veto, registered not to be asked about
+// writes of the client named "skipper"), reboot (an applier that says a reboot is needed). Prints
+// "ready" once registered and "asked VALUES" for every callback request.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -62,7 +62,7 @@ class Client : public configclient::CallbackHandler {
             std::printf("wrote %d %d\n", status, static_cast<int>(response.ret_message().error()));
             std::fflush(stdout);
         }
-        if (mode_ == "veto" || (mode_ == "skip" && request.name() != "skipper")) {
+        if (mode_ == "veto" || mode_ == "skip") {
             *message = "vetoed by " + name_;
             return CommonIF::kErrBadParameter;
         }
