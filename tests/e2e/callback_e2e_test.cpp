@@ -105,7 +105,6 @@ struct CallbackCase {
 // registration goes with its connection, so a veto of the past holds up nothing.
 TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
     const CallbackCase cases[] = {
-        {"allow", "test", kErrNoError, "", false, ""},
         {"veto", "test", kErrBadParameter, "vetoed by v-veto", false, ""},
         {"skip", "skipper", kErrNoError, "", false, ""},  // validate_skipname: not asked
         {"skip", "test", kErrBadParameter, "vetoed by v-skip", false, ""},

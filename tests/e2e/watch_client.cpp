@@ -5,7 +5,7 @@
 // Connects as NAME, registers for PATH ("" for everything) and serves callbacks until killed.
 // MODE: watch (notifications printed as "v PATH VALUES"), resume (the same, kept in FILE with a
 // "mark N" line after each commit's notices, and resumed after FILE's last mark when started
-// again), veto (a validator that refuses with "vetoed by NAME"), allow, hang (a validator
+// again), veto (a validator that refuses with "vetoed by NAME"), hang (a validator
 // that never answers), write (a validator that first tries to write what it is asked about and
 // prints "wrote STATUS ERROR"), skip (a validator like veto, registered not to be asked about
 // writes of the client named "skipper"), reboot (an applier that says a reboot is needed). Prints
