@@ -5,11 +5,11 @@
 // Connects as NAME, registers for PATH ("" for everything) and serves callbacks until killed.
 // MODE: watch (notifications printed as "v PATH VALUES"), resume (the same, kept in FILE with a
 // "mark N" line after each commit's notices, and resumed after FILE's last mark when started
-// again), veto (a validator that refuses with "vetoed by NAME"), hang (a validator
-// that never answers), write (a validator that first tries to write what it is asked about and
-// prints "wrote STATUS ERROR"), skip (a validator like veto, registered not to be asked about
-// writes of the client named "skipper"), reboot (an applier that says a reboot is needed). Prints
-// "ready" once registered and "asked VALUES" for every callback request.
+// again), veto (a validator that refuses with "vetoed by NAME", registered not to be asked about
+// writes of the client named "skipper"), hang (a validator that never answers), write (a
+// validator that first tries to write what it is asked about and prints "wrote STATUS ERROR"),
+// reboot (an applier that says a reboot is needed). Prints "ready" once registered and "asked
+// VALUES" for every callback request.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -62,7 +62,7 @@ class Client : public configclient::CallbackHandler {
             std::printf("wrote %d %d\n", status, static_cast<int>(response.ret_message().error()));
             std::fflush(stdout);
         }
-        if (mode_ == "veto" || mode_ == "skip") {
+        if (mode_ == "veto") {
             *message = "vetoed by " + name_;
             return CommonIF::kErrBadParameter;
         }
@@ -181,7 +181,7 @@ int main(int argc, char** argv) {
     request.set_node_name(argv[3]);
     request.set_type(typeOf(mode));
     request.set_user_context("ctx-" + name);
-    if (mode == "skip") {
+    if (mode == "veto") {
         request.set_validate_skipname("skipper");
     }
     ConfigIF::RegisterClientCallbackRsp registered;
