@@ -319,16 +319,10 @@ TEST_F(Callbacks, AWriterThatWatchesHearsOfItsChangeBeforeItsAnswer) {
         std::vector<std::string> seen;
     } counter;
     configclient::CallbackDispatcher dispatcher(&writer_->session, &counter);
-    ConfigIF::RegisterClientCallbackReq request;
-    request.set_name("test");
-    request.set_role(kAdmin);
-    request.set_node_name("system.location");
-    request.set_type(ConfigIF::kChangeNotify);
-    request.set_user_context("mine");
-    ConfigIF::RegisterClientCallbackRsp registered;
-    ASSERT_EQ(writer_->session.registerClientCallback(request, &registered, kAnswerMs),
-              ConfigSession::kOk);
-    ASSERT_EQ(registered.error(), kErrNoError);
+    ASSERT_EQ(
+        writer_->call("RegisterClientCallback", kAdmin,
+                      "node_name: 'system.location' type: kChangeNotify user_context: 'mine'"),
+        kErrNoError);
     for (int i = 0; i < 20; ++i) {
         const std::string value = "own-" + std::to_string(i);
         ASSERT_EQ(writer_->write(kLocation, {value}), kErrNoError);
