@@ -131,6 +131,10 @@ class Client {
         read_.set_name("kv-bench");
         read_.set_role(CommonIF::kUser);
         setLocation(read_.mutable_instance());
+        write_.set_name("kv-bench");
+        write_.set_role(CommonIF::kAdmin);
+        setLocation(write_.mutable_instance_val()->mutable_instance());
+        write_.mutable_instance_val()->add_value();
         return session_.connect("kv-bench-" + std::to_string(getpid()), kConnectMs) ==
                ConfigSession::kOk;
     }
@@ -139,14 +143,9 @@ class Client {
         if (settings_.target == "kv") {
             return kv_.ask({"SET", kKey, value}) == "+OK\r\n";
         }
-        ConfigIF::WriteRsp answer;
-        ConfigIF::WriteReq request;
-        request.set_name("kv-bench");
-        request.set_role(CommonIF::kAdmin);
-        setLocation(request.mutable_instance_val()->mutable_instance());
-        request.mutable_instance_val()->add_value(value);
-        return session_.write(request, &answer, kAnswerMs) == ConfigSession::kOk &&
-               answer.ret_message().error() == CommonIF::kErrNoError;
+        *write_.mutable_instance_val()->mutable_value(0) = value;
+        return session_.write(write_, &written_, kAnswerMs) == ConfigSession::kOk &&
+               written_.ret_message().error() == CommonIF::kErrNoError;
     }
 
     bool readOnce() {
@@ -155,7 +154,6 @@ class Client {
             return got.size() == header_.size() + settings_.payload + 2 &&
                    got.compare(0, header_.size(), header_) == 0;
         }
-        // The answer is parsed into the message of the last one, whose parts it reuses.
         return session_.read(read_, &answer_, kAnswerMs) == ConfigSession::kOk &&
                answer_.error() == CommonIF::kErrNoError && answer_.value_size() == 1 &&
                answer_.value(0).size() == settings_.payload;
@@ -178,8 +176,12 @@ class Client {
     int client_;
     KvConnection kv_;
     ConfigSession session_;
-    ConfigIF::ReadReq read_;  // the same request every time, as the key-value client's GET
+    // Requests and answers are kept from one request to the next, so that encoding and parsing
+    // reuse their parts; a write changes only its value.
+    ConfigIF::ReadReq read_;
     ConfigIF::ReadRsp answer_;
+    ConfigIF::WriteReq write_;
+    ConfigIF::WriteRsp written_;
     const std::string header_ = "$" + std::to_string(settings_.payload) + "\r\n";
 };
 
