@@ -10,7 +10,6 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,8 +37,7 @@ constexpr long kReleasedWithinMs = 50;
 
 std::vector<std::string> linesOf(const std::string& text, const std::string& prefix) {
     std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
+    for (const std::string& line : testsupport::split(text, "\n")) {
         if (line.rfind(prefix, 0) == 0) {
             lines.push_back(line);
         }
