@@ -348,11 +348,20 @@ void Server::finishWrite(const FinishedWrite& done, Change change) {
     } else if (!done.error.empty()) {
         logmsg_err(kLogModule, "%s\n", done.error.c_str());
     }
+    // A writer that watches nobody, with no applier to ask, is answered before the notices of
+    // its change are made: in a batch, each answer would otherwise wait for the notices of all
+    // the writes before it. (A watching writer's answer follows its notices: see reply().)
+    const bool answerFirst = done.committed && change.message != nullptr &&
+                             subscribers_.count(change.address) == 0 &&
+                             !callbacks_.any(ConfigIF::kOnChange);
+    if (answerFirst) {
+        send(change.address, change.msgId, *change.message);
+    }
     if (done.committed) {
         logCommit(done, change, before);
     }
-    if (change.message == nullptr) {
-        return;  // a bare command: nobody waits for an answer
+    if (change.message == nullptr || answerFirst) {
+        return;  // a bare command (nobody waits for an answer), or answered
     }
     if (!done.committed) {
         ConfigService::answerUnstored(done.error, change.message.get());
