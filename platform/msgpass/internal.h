@@ -228,7 +228,7 @@ enum { kMsgStageBytes = 64 * 1024 };
 
 struct msg_endpoint {
     struct msg_endpoint* next; /* registry link */
-    int refs;                  /* registry plus callers in flight; under the registry lock */
+    int refs; /* registry plus callers in flight; atomic (taken under the registry lock) */
     char name[MSG_MAX_NAME_BYTES + 1];
     char dir[kMsgPathBytes];
     char path[kMsgPathBytes];

@@ -56,17 +56,17 @@ struct msg_endpoint* msg_endpoint_get(const char* name) {
     msg_registry_lock();
     struct msg_endpoint* ep = msg_registry_find_locked(name);
     if (ep) {
-        ep->refs++;
+        __atomic_add_fetch(&ep->refs, 1, __ATOMIC_RELAXED);
     }
     msg_registry_unlock();
     return ep;
 }
 
+/* Without the registry's lock: while an endpoint is registered the registry's own reference
+ * keeps the count above zero, so only the last put after its removal can free it, and no get
+ * can find it then. */
 void msg_endpoint_put(struct msg_endpoint* ep) {
-    msg_registry_lock();
-    int last = --ep->refs == 0;
-    msg_registry_unlock();
-    if (last) {
+    if (__atomic_sub_fetch(&ep->refs, 1, __ATOMIC_ACQ_REL) == 0) {
         msg_endpoint_free(ep);
     }
 }
