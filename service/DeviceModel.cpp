@@ -1,7 +1,7 @@
 #include "DeviceModel.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <charconv>
 
 namespace configsrvc {
 
@@ -13,9 +13,12 @@ int32_t effectiveInstance(int32_t requested) {
 }
 
 void appendStep(std::string* key, std::string_view name, int32_t instance) {
+    char digits[16];
+    const char* end = std::to_chars(digits, digits + sizeof digits, instance).ptr;
+    const size_t length = static_cast<size_t>(end - digits);
     *key += name;
     *key += '[';
-    *key += std::to_string(instance);
+    key->append(digits, length);
     *key += "]/";
 }
 
@@ -96,9 +99,10 @@ bool inScope(const std::string& scope, const std::string& key) {
 }
 
 bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) const {
-    // Keys look like "net[1]/interface[2]/address"; names never hold '[', ']' or '/'.
-    std::vector<PathStep> path;
-    path.reserve(static_cast<size_t>(std::count(key.begin(), key.end(), '/')) + 1);
+    // Keys look like "net[1]/interface[2]/address"; names never hold '[', ']' or '/'. Every
+    // committed change is resolved from its key, so the steps are kept from call to call.
+    thread_local std::vector<PathStep> path;
+    path.clear();
     size_t pos = 0;
     while (pos <= key.size()) {
         size_t slash = key.find('/', pos);
@@ -113,13 +117,14 @@ bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) co
                 return false;
             }
             step.name = part.substr(0, open);
-            std::string digits(part.substr(open + 1, part.size() - open - 2));
-            char* end = nullptr;
-            long number = std::strtol(digits.c_str(), &end, 10);
-            if (*end != '\0' || number < 1 || number > kMaxInstances) {
+            const char* first = part.data() + open + 1;
+            const char* last = part.data() + part.size() - 1;
+            int32_t number = 0;
+            const auto [end, error] = std::from_chars(first, last, number);
+            if (error != std::errc() || end != last || number < 1 || number > kMaxInstances) {
                 return false;
             }
-            step.instance = static_cast<int32_t>(number);
+            step.instance = number;
         }
         path.push_back(step);
         if (slash == std::string::npos) {
@@ -127,6 +132,7 @@ bool DeviceModel::resolveKey(const std::string& key, ResolvedVariable* found) co
         }
         pos = slash + 1;
     }
+    // Only the key as the model writes it: not "net[01]", say.
     return resolve(path, found) && found->key == key;
 }
 
