@@ -135,7 +135,12 @@ class Server {
     bool serveRequests(MSG_Msg* first);
     // What a look at the service's own events (run()'s slots) decided.
     enum class Step { kServe, kStop, kFail };
+    // Looks at the service's own events without waiting: a stop; a reload (the writes drained,
+    // `pause` run, the new committer's descriptor watched); committed writes, answered, as they
+    // also are when `timedOut` (the receive ended at its deadline) and nothing is ready.
     Step takeEvents(::pollfd* events, bool timedOut, Pause* pause);
+    // Has the endpoint's wait watch the slots' descriptors (or no longer, when !`watch`); false,
+    // logged, when one could not be watched.
     bool watchEvents(const ::pollfd* events, bool watch);
     void dispatch(MSG_Msg* request);
     void serve(uint32_t id, const MSG_Sender& sender, const void* payload, size_t bytes);
