@@ -27,6 +27,31 @@ TEST(ModelLoader, DefaultsAreKeptInCanonicalForm) {
     EXPECT_EQ(n.variable->defaults, std::vector<std::string>{"0"});
 }
 
+// Stored records name their instance by key; only the key as the model writes it resolves.
+TEST(ModelLoader, KeysResolveOnlyInTheirOwnForm) {
+    DeviceModel model;
+    std::string error;
+    ASSERT_TRUE(
+        parseModel("<device-model>\n  <node name='n' instances='3'>\n"
+                   "    <variable name='v' kind='integer' default='1'/>\n  </node>\n"
+                   "</device-model>\n",
+                   "m.xml", &model, &error))
+        << error;
+    const struct {
+        const char* key;
+        bool resolves;
+    } kCases[] = {
+        {"n[1]/v", true},           {"n[3]/v", true},     {"n[4]/v", false},  {"n[0]/v", false},
+        {"n[01]/v", false},         {"n[+1]/v", false},   {"n[ 1]/v", false}, {"n[1 ]/v", false},
+        {"n[]/v", false},           {"n[1x]/v", false},   {"n/v", false},     {"n[1]/v/", false},
+        {"n[4294967297]/v", false}, {"n[1]/v[1]", false},
+    };
+    for (const auto& c : kCases) {
+        ResolvedVariable found;
+        EXPECT_EQ(model.resolveKey(c.key, &found), c.resolves) << c.key;
+    }
+}
+
 // Who may claim what, by uid, with the service running as 990. Without a word from the model,
 // users other than root and the service's own may claim kUser only.
 TEST(ModelLoader, ClaimsAreNarrowUnlessTheModelWidensThem) {
