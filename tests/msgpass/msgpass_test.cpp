@@ -420,7 +420,7 @@ TEST_F(MsgPassTest, LongWaitsSleepUntilTheEndpointCloses) {
 }
 
 // A client thread waiting on its one connection hears at once from a second one that another
-// thread made meanwhile, and sees it go.
+// thread made meanwhile.
 TEST_F(MsgPassTest, AWaitingClientHearsAConnectionMadeMeanwhile) {
     connectPair();
     MSG_Msg* got = nullptr;
@@ -435,13 +435,6 @@ TEST_F(MsgPassTest, AWaitingClientHearsAConnectionMadeMeanwhile) {
     waiter.join();
     EXPECT_LT(msSince(start), 1000) << "the new connection was not waited on";
     EXPECT_EQ(take(got), "from other");
-    ASSERT_EQ(MSG_CloseLocal("other"), MSG_OK);
-    std::thread closed([&] { got = MSG_RecvMsg("client", 5, 5000); });
-    usleep(50 * 1000);
-    ASSERT_EQ(MSG_CloseLocal("server"), MSG_OK);  // its last connection goes: nothing to wait for
-    closed.join();
-    EXPECT_EQ(got, nullptr);
-    EXPECT_LT(msSince(start), 3000) << "a client without connections waited on";
 }
 
 // With descriptors used up elsewhere in the process, the service (no connection of its own to
@@ -691,28 +684,6 @@ TEST_F(MsgPassTest, AnImpostorGetsNothingAndTheServiceTakesItsName) {
     close(heard[0]);
 }
 
-// A client under another uid, in a directory it cannot write to, talks to the service (which
-// knows it by its ids) and leaves nothing behind; it may not serve a name there.
-TEST_F(MsgPassTest, ClientsNeedNoWriteAccessAndLeaveNothing) {
-    SKIP_UNLESS_ROOT();
-    ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
-    ASSERT_EQ(MSG_OpenService("svc"), MSG_OK);
-    Responder responder("svc");
-    testsupport::Background& client = spawn([] {
-        uint32_t address = 0;
-        if (!becomeNobody() || MSG_OpenLocal("client") != MSG_OK ||
-            MSG_OpenService("other") != MSG_ERR_NOT_ALLOWED ||
-            MSG_OpenRemoteSync("client", "svc", 2000, &address) != MSG_OK) {
-            return 20;
-        }
-        return ask("client", address, "sender") == std::to_string(getpid()) + " 65534 65534" ? 0
-                                                                                             : 21;
-    });
-    EXPECT_EQ(client.stop(0), 0) << "client exit status";
-    const std::set<std::string> left{".lock", "svc"};
-    EXPECT_EQ(namesIn(dir_.path), left);
-}
-
 // Connects to every name that appears in `dir` but `spare` and writes `forged` at once, as uid
 // 65534 when run as root; writes 'r' to `heard` when it watches, then 'c' for each connection.
 int forgeAnswers(const std::string& dir, const std::string& spare, const std::string& forged,
@@ -839,11 +810,12 @@ int stillOpen(const std::vector<int>& fds) {
     return open;
 }
 
-// Uid 65534 opens connection after connection to a service whose process may have 128
-// descriptors, and sends nothing but one message on the first. Beyond its share they are closed
-// at once and root's client is served; the silent ones are dropped after the idle limit, the one
-// that sent a message stays.
-TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
+// Uid 65534, in a directory it cannot write to, may not serve a name there, but is a client of
+// the service (which knows it by its ids) and leaves nothing behind. Then it opens connection
+// after connection to the service, whose process may have 128 descriptors, and sends nothing but
+// one message on the first. Beyond its share they are closed at once and root's client is served;
+// the silent ones are dropped after the idle limit, the one that sent a message stays.
+TEST_F(MsgPassTest, AnotherUsersClientIsServedAndItsConnectionsCappedAndDropped) {
     SKIP_UNLESS_ROOT();
     ASSERT_EQ(chmod(dir_.path.c_str(), 0755), 0);
     int counts[2];
@@ -851,15 +823,22 @@ TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
     const rlimit low{128, 128};
     ASSERT_GT(spawnService([&] { return setrlimit(RLIMIT_NOFILE, &low) == 0; }), 0);
     spawn([&] {
+        uint32_t address = 0;
+        const bool served =
+            becomeNobody() && MSG_OpenLocal("client") == MSG_OK &&
+            MSG_OpenService("other") == MSG_ERR_NOT_ALLOWED &&
+            MSG_OpenRemoteSync("client", "svc", 2000, &address) == MSG_OK &&
+            ask("client", address, "sender") == std::to_string(getpid()) + " 65534 65534" &&
+            MSG_CloseLocal("client") == MSG_OK;
         std::vector<int> fds;
-        for (int i = 0, nobody = becomeNobody(); nobody && i < 300; i++) {
+        for (int i = 0; served && i < 300; i++) {
             fds.push_back(socketAt(dir_.file("svc"), false, SOCK_NONBLOCK));
             if (i == 0) {
                 sendRaw(fds.back(), frame(1, "talk"));
             }
         }
         usleep(500 * 1000);
-        const int early = stillOpen(fds);
+        const int early = served ? stillOpen(fds) : -1;
         usleep((MSG_IDLE_CONNECTION_MS + 1500) * 1000);
         const int late = stillOpen(fds);
         return write(counts[1], &early, sizeof early) + write(counts[1], &late, sizeof late) == 8
@@ -874,9 +853,10 @@ TEST_F(MsgPassTest, OneUsersConnectionsAreCappedAndSilentOnesDropped) {
     int early = -1, late = -1;
     ASSERT_EQ(read(counts[0], &early, sizeof early), (ssize_t)sizeof early);
     ASSERT_EQ(read(counts[0], &late, sizeof late), (ssize_t)sizeof late);
-    EXPECT_GE(early, 1);
+    EXPECT_GE(early, 1) << "-1: uid 65534 was no client, or served a name, or was misnamed";
     EXPECT_LE(early, MSG_MAX_CONNS_PER_USER);
     EXPECT_EQ(late, 1) << "silent connections were kept, or the talking one dropped";
+    EXPECT_EQ(namesIn(dir_.path), (std::set<std::string>{".lock", "svc"}));
     close(counts[0]);
     close(counts[1]);
 }
