@@ -1,9 +1,7 @@
 // Submissions, profiles and bare commands through the client library against the real configsrvc:
 // all or nothing across SIGKILL, clients that go away or reload, profiles where the service keeps
-// them, commands from users who may not. What each request means is tested in the service core.
+// them, bare commands obeyed unanswered. What each request means is tested in the service core.
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -101,36 +99,14 @@ TEST_F(Submissions, ProfilesAreFilesOfTheStateFolder) {
     EXPECT_EQ(client.value(mtuOf(2)), "1300");
 }
 
-// A bare command from a user who may not claim every role changes nothing; from root it does.
-TEST_F(Submissions, BareCommandsFromUnprivilegedSendersAreIgnored) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to send as another user (uid 65534)";
-    }
-    ServiceClient root("root");
-    ASSERT_EQ(root.write(mtuOf(1), {"1400"}), kErrNoError);
-    const pid_t child = fork();
-    if (child == 0) {
-        Session nobody;
-        const bool sent = setresgid(65534, 65534, 65534) == 0 &&
-                          setresuid(65534, 65534, 65534) == 0 &&
-                          nobody.connect("nobody", testsupport::kConnectMs) == Session::kOk &&
-                          nobody.clearConfig() == Session::kOk && nobody.flushAll() == Session::kOk;
-        _exit(sent ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_EQ(status, 0) << "the unprivileged client could not send";
-    EXPECT_TRUE(service_.waitForOutput("uid 65534 may not claim every role", 2));
-    EXPECT_EQ(root.value(mtuOf(1)), "1400");
-    ASSERT_EQ(root.session.clearConfig(), Session::kOk);
+// A bare command is obeyed with no answer: its change shows once it is stored. (Whose are
+// obeyed is decided in the service core, by the uid the endpoint tells: LimitedPeer.)
+TEST_F(Submissions, BareCommandsAreObeyedWithoutAnAnswer) {
+    ServiceClient client("commands");
+    ASSERT_EQ(client.write(mtuOf(1), {"1400"}), kErrNoError);
+    ASSERT_EQ(client.session.clearConfig(), Session::kOk);
     EXPECT_TRUE(service_.waitForOutput("ClearConfigCmd from pid"));
-    // Nothing answers a bare command: its change shows once it is stored.
-    std::string value;
-    for (int tries = 0; tries < 500 && value != "1500"; ++tries) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        value = root.value(mtuOf(1));
-    }
-    EXPECT_EQ(value, "1500");
+    EXPECT_TRUE(testsupport::waitFor([&] { return client.value(mtuOf(1)) == "1500"; }));
 }
 
 }  // namespace

@@ -78,22 +78,26 @@ TEST_F(ConfigServiceTest, BareCommandsAreObeyedOnlyFromUidsThatMayClaimEveryRole
         uint32_t id;
         const char* payload;
         uid_t uid;
-        bool obeyed;
+        const char* refusal;  // as logged; "" when obeyed
     } cases[] = {
-        {ConfigProtocol::kFlushAllCmdMsgId, "", 4321, false},
-        {ConfigProtocol::kClearConfigCmdMsgId, "", 1500, false},
-        {ConfigProtocol::kClearConfigCmdMsgId, "\xff", kService, false},
-        {ConfigProtocol::kFlushAllCmdMsgId, "", 0, true},
-        {ConfigProtocol::kClearConfigCmdMsgId, "\x08\x01", kService, true},  // unknown field
+        {ConfigProtocol::kFlushAllCmdMsgId, "", 4321,
+         "uid 4321 may not claim every role, which it takes: ignored"},
+        {ConfigProtocol::kClearConfigCmdMsgId, "", 1500,
+         "uid 1500 may not claim every role, which it takes: ignored"},
+        {ConfigProtocol::kClearConfigCmdMsgId, "\xff", kService,
+         "request does not parse as ConfigIF.FlushAllCmd: ignored"},
+        {ConfigProtocol::kFlushAllCmdMsgId, "", 0, ""},
+        {ConfigProtocol::kClearConfigCmdMsgId, "\x08\x01", kService, ""},  // unknown field
     };
     for (const auto& c : cases) {
+        const bool obeyed = *c.refusal == '\0';
         const Answer answer = ask(c.id, c.payload, Sender{c.uid});
         EXPECT_EQ(answer.message, nullptr);
         EXPECT_EQ(answer.msgId, 0u);
-        EXPECT_EQ(answer.refusals.empty(), c.obeyed) << c.uid << " " << c.payload;
-        EXPECT_EQ(answer.checkpoint, c.obeyed && c.id == ConfigProtocol::kFlushAllCmdMsgId);
+        EXPECT_EQ(answer.refusals, obeyed ? Values{} : Values{c.refusal}) << c.uid;
+        EXPECT_EQ(answer.checkpoint, obeyed && c.id == ConfigProtocol::kFlushAllCmdMsgId);
         if (c.id == ConfigProtocol::kClearConfigCmdMsgId) {
-            EXPECT_EQ(answer.changes.size(), c.obeyed ? 2u : 0u) << c.uid;
+            EXPECT_EQ(answer.changes.size(), obeyed ? 2u : 0u) << c.uid;
         }
     }
     EXPECT_TRUE(read(kMtu).is_default());
