@@ -1,6 +1,6 @@
-// The service core on the example model: the request table of requests.txt, what a table of
-// single requests cannot show (sequences, reopening the store), and the store's
-// refusals of databases it cannot trust.
+// The service core on the example model: the sessions of sessions.txt, what they cannot show
+// (answers straight from the wire, the store's files), and the store's refusals of databases it
+// cannot trust.
 #include "service_fixture.h"
 
 #include <gmock/gmock.h>
@@ -9,7 +9,6 @@
 #include <sqlite3.h>
 #include <sys/resource.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <sstream>
@@ -30,67 +29,6 @@ namespace {
 using testing::ElementsAre;
 using testsupport::CaseRow;
 
-// The values of a field of requests.txt, each in double quotes.
-Values valuesIn(const std::string& text) {
-    Values values;
-    for (size_t open = text.find('"'); open != std::string::npos;) {
-        const size_t close = text.find('"', open + 1);
-        values.push_back(text.substr(open + 1, close - open - 1));
-        open = close == std::string::npos ? close : text.find('"', close + 1);
-    }
-    return values;
-}
-
-const std::vector<CaseRow>& requestRows() {
-    static const std::vector<CaseRow> rows = testsupport::readCaseFile(REQUESTS).rows;
-    return rows;
-}
-
-class Requests : public ConfigServiceTest, public testing::WithParamInterface<size_t> {};
-
-// The row of requests.txt numbered by the parameter.
-TEST_P(Requests, GetTheAnswerListed) {
-    const CaseRow& row = requestRows()[GetParam()];
-    const std::string roleName = testsupport::replaced(row[0], " +override", "");
-    const std::string errorName = testsupport::replaced(row[3], " +reboot", "");
-    const bool payload = row[0] == "payload", override = roleName != row[0];
-    const size_t equals = row[2].find(" =");
-    eSecurityRole role = kUser;
-    eErrorType expected = kErrNoError;
-    ASSERT_TRUE(row.fields.size() >= 4 && row.fields.size() <= 5 &&
-                (payload || eSecurityRole_Parse(roleName, &role)) &&
-                eErrorType_Parse(errorName, &expected) &&
-                (equals != std::string::npos || !override))
-        << row.where << ": malformed row";
-    const uid_t uid = static_cast<uid_t>(std::strtoul(row[1].c_str(), nullptr, 10));
-    const std::string path = row[2].substr(0, equals);
-    ConfigIF::ReturnMessage written;
-    if (payload) {
-        EXPECT_EQ(readBytes(valuesIn(row[2]).at(0), uid).error(), expected);
-        written = writeBytes(valuesIn(row[2]).at(0), uid);
-    } else if (equals == std::string::npos) {
-        const ConfigIF::ReadRsp response = read(path, role, uid);
-        EXPECT_EQ(response.error(), expected);
-        EXPECT_EQ(valuesOf(response), valuesIn(row[4]));
-        return;
-    } else {
-        written = write(path, valuesIn(row[2].substr(equals)), role, uid, override);
-    }
-    EXPECT_EQ(written.error(), expected);
-    EXPECT_EQ(written.reboot_required(), errorName != row[3]);
-    if (expected == kErrNoError) {
-        EXPECT_EQ(valuesOf(read(path)), valuesIn(row[4]));
-    } else {
-        EXPECT_THAT(written.error_message(), ElementsAre(row[4]));
-        EXPECT_TRUE(payload || expected == kErrItemNotFound || read(path).is_default());
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, Requests, testing::Range(size_t{0}, requestRows().size()),
-                         [](const testing::TestParamInfo<size_t>& info) {
-                             return "line" + std::to_string(requestRows()[info.param].line);
-                         });
-
 const std::vector<testsupport::CaseBlock>& sessions() {
     static const std::vector<testsupport::CaseBlock> blocks =
         testsupport::readCaseFile(SESSIONS).blocks;
@@ -109,7 +47,11 @@ class Sessions : public ConfigServiceTest, public testing::WithParamInterface<si
         for (uint32_t number = 0; head >> word >> number;) {
             (word == "on" ? sender.connection : sender.uid) = number;
         }
-        const Answer answer = ask(type, role, row[1], sender);
+        const bool bytes = row[1].size() >= 2 && row[1].front() == '"' && row[1].back() == '"';
+        const Answer answer =
+            bytes ? ask(ConfigProtocol::messageIdOf(type + "Req"),
+                        row[1].substr(1, row[1].size() - 2), sender)
+                  : ask(type, role, row[1], sender);
         const bool whole = row[2].rfind("= ", 0) == 0;
         const auto expected = testsupport::messageOf(type + "Rsp", row[2].substr(whole ? 2 : 0));
         ASSERT_TRUE(answer.message != nullptr && expected != nullptr);
