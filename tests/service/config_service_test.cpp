@@ -48,10 +48,9 @@ class Sessions : public ConfigServiceTest, public testing::WithParamInterface<si
             (word == "on" ? sender.connection : sender.uid) = number;
         }
         const bool bytes = row[1].size() >= 2 && row[1].front() == '"' && row[1].back() == '"';
-        const Answer answer =
-            bytes ? ask(ConfigProtocol::messageIdOf(type + "Req"),
-                        row[1].substr(1, row[1].size() - 2), sender)
-                  : ask(type, role, row[1], sender);
+        const Answer answer = bytes ? ask(ConfigProtocol::messageIdOf(type + "Req"),
+                                          row[1].substr(1, row[1].size() - 2), sender)
+                                    : ask(type, role, row[1], sender);
         const bool whole = row[2].rfind("= ", 0) == 0;
         const auto expected = testsupport::messageOf(type + "Rsp", row[2].substr(whole ? 2 : 0));
         ASSERT_TRUE(answer.message != nullptr && expected != nullptr);
