@@ -94,28 +94,19 @@ class ConfigServiceTest : public testing::Test {
         return Sender{uid, connection, &submissions_, &callbacks_};
     }
 
-    ConfigIF::ReadRsp readBytes(const std::string& payload, uid_t uid = kService) {
+    ConfigIF::ReadRsp read(const std::string& path, eSecurityRole role = kProvisioning) {
+        const std::string request = testsupport::readRequest(path, role).SerializeAsString();
         return static_cast<const ConfigIF::ReadRsp&>(
-            *ask(ConfigProtocol::kReadReqMsgId, payload, Sender{uid}).message);
-    }
-
-    ConfigIF::ReadRsp read(const std::string& path, eSecurityRole role = kProvisioning,
-                           uid_t uid = kService) {
-        return readBytes(testsupport::readRequest(path, role).SerializeAsString(), uid);
-    }
-
-    ConfigIF::ReturnMessage writeBytes(const std::string& payload, uid_t uid = kService) {
-        return static_cast<const ConfigIF::WriteRsp&>(
-                   *ask(ConfigProtocol::kWriteReqMsgId, payload, Sender{uid}).message)
-            .ret_message();
+            *ask(ConfigProtocol::kReadReqMsgId, request).message);
     }
 
     ConfigIF::ReturnMessage write(const std::string& path, const Values& values,
-                                  eSecurityRole role = kAdmin, uid_t uid = kService,
-                                  bool override = false) {
-        ConfigIF::WriteReq request = testsupport::writeRequest(path, values, role);
-        request.set_override_security(override);
-        return writeBytes(request.SerializeAsString(), uid);
+                                  eSecurityRole role = kAdmin) {
+        const std::string request =
+            testsupport::writeRequest(path, values, role).SerializeAsString();
+        return static_cast<const ConfigIF::WriteRsp&>(
+                   *ask(ConfigProtocol::kWriteReqMsgId, request).message)
+            .ret_message();
     }
 
     std::string database() const { return folder_.file("values.db"); }
