@@ -1,14 +1,18 @@
-// Callbacks and notifications between real processes: the real configsrvc, watch_client
-// programs as validators, appliers and subscribers, and writers in processes of their own.
+// Callbacks and notifications through the real configsrvc: validators, appliers and subscribers
+// are clients of this process, each on a connection of its own and served on a thread of its
+// own. A client is killed by closing its connection: that is all the service sees of a killed one.
+#include <poll.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -19,8 +23,8 @@
 
 namespace {
 
+using configclient::CallbackDispatcher;
 using configclient::ConfigSession;
-using testsupport::Background;
 using testsupport::kAnswerMs;
 using testsupport::ServiceClient;
 using namespace CommonIF;
@@ -35,15 +39,118 @@ constexpr long kReleasedWithinMs = 250;
 constexpr long kReleasedWithinMs = 50;
 #endif
 
-std::vector<std::string> linesOf(const std::string& text, const std::string& prefix) {
-    std::vector<std::string> lines;
-    for (const std::string& line : testsupport::split(text, "\n")) {
-        if (line.rfind(prefix, 0) == 0) {
-            lines.push_back(line);
+// "v PATH VALUES" for a notice of a value: its path of names joined by '.', its values by ','.
+std::string lineOf(const ConfigIF::ConfigChangedNtfy& notice) {
+    std::string line = "v ";
+    for (const ConfigIF::Node& node : notice.instance_val().instance().node()) {
+        line += (line.size() > 2 ? "." : "") + node.name();
+    }
+    for (int i = 0; i < notice.instance_val().value_size(); ++i) {
+        line += (i == 0 ? " " : ",") + notice.instance_val().value(i);
+    }
+    return line;
+}
+
+// A client registered for `path` as `mode` says: watch (notifications kept as lineOf() lines),
+// veto (a validator that refuses with "vetoed by NAME", not asked about the writes of the client
+// named "skipper"), write (a validator that first writes what it is asked about, and keeps
+// "wrote STATUS ERROR"), reboot (an applier that asks for a reboot), hang (a validator never
+// served: asked, it never answers). Others are served from the start until pause().
+class Peer : public configclient::CallbackHandler {
+  public:
+    Peer(const std::string& mode, const std::string& name, const std::string& path)
+        : mode_(mode), client_(name), dispatcher_(&client_.session, this) {
+        const std::string type = mode == "watch"    ? "kChangeNotify"
+                                 : mode == "reboot" ? "kOnChange"
+                                                    : "kDynamicValidator";
+        EXPECT_EQ(client_.call("RegisterClientCallback", kAdmin,
+                               "node_name: '" + path + "' user_context: 'ctx' type: " + type +
+                                   (mode == "veto" ? " validate_skipname: 'skipper'" : "")),
+                  kErrNoError)
+            << name;
+        if (mode != "hang") {
+            serve();
         }
     }
-    return lines;
-}
+    ~Peer() override { pause(); }
+
+    void serve() {
+        stop_ = false;
+        thread_ = std::thread([this] {
+            int handled = 0;
+            while (!stop_ && (handled = dispatcher_.dispatch(20)) >= 0) {
+            }
+            gone_ = handled < 0;
+        });
+    }
+    void pause() {
+        stop_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    // Whether a request waits for it unread, within five seconds (for a peer not served).
+    bool asked() {
+        pollfd ready{dispatcher_.pollFd(), POLLIN, 0};
+        return poll(&ready, 1, 5000) == 1;
+    }
+    // Whether the service closed its connection, seen once it is served.
+    bool gone() const { return gone_; }
+    // Waits until it kept `count` lines starting with `prefix`.
+    bool holds(const std::string& prefix, size_t count = 1, int timeoutMs = 5000) {
+        return testsupport::waitFor(
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex_);
+                return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& line) {
+                           return line.rfind(prefix, 0) == 0;
+                       }) >= static_cast<long>(count);
+            },
+            timeoutMs);
+    }
+    std::vector<std::string> lines() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return lines_;
+    }
+
+    eErrorType validate(const ConfigIF::DynamicValidateReq& request,
+                        std::string* message) override {
+        if (mode_ == "write") {
+            ConfigIF::WriteReq write;
+            write.set_name(client_.session.name());
+            write.set_role(kAdmin);
+            *write.mutable_instance_val() = request.instance_val();
+            ConfigIF::WriteRsp response;
+            const int status = client_.session.write(write, &response, kAnswerMs);
+            keep("wrote " + std::to_string(status) + " " +
+                 std::to_string(response.ret_message().error()));
+        }
+        if (mode_ == "veto") {
+            *message = "vetoed by " + client_.session.name();
+            return kErrBadParameter;
+        }
+        return kErrNoError;
+    }
+    eErrorType apply(const ConfigIF::OnChangeReq&, bool* reboot, std::string*) override {
+        *reboot = true;
+        return kErrNoError;
+    }
+    void configChanged(const ConfigIF::ConfigChangedNtfy& notice) override { keep(lineOf(notice)); }
+
+  private:
+    void keep(const std::string& line) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(line);
+    }
+
+    const std::string mode_;
+    ServiceClient client_;
+    CallbackDispatcher dispatcher_;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::atomic<bool> gone_{false};
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
 
 class Callbacks : public testing::Test {
   protected:
@@ -56,20 +163,6 @@ class Callbacks : public testing::Test {
         service_.options = options;
         ASSERT_TRUE(service_.start(&error_)) << error_;
         writer_ = std::make_unique<ServiceClient>("writer");
-    }
-
-    // A watch_client in `mode`, registered for `path`, once it says so.
-    std::unique_ptr<Background> client(const std::string& mode, const std::string& name,
-                                       const std::string& path, const std::string& file = "") {
-        std::vector<std::string> argv{"watch_client", mode, name, path};
-        if (!file.empty()) {
-            argv.push_back(file);
-        }
-        auto process = std::make_unique<Background>(
-            WATCH_CLIENT_BIN, argv, testsupport::Environment{},
-            service_.root() + "/" + name + "-" + std::to_string(++clients_) + ".log");
-        EXPECT_TRUE(process->waitForLog("ready")) << process->log();
-        return process;
     }
 
     // The writer's write of `value` to system/location under the client name `name`: the whole
@@ -85,7 +178,6 @@ class Callbacks : public testing::Test {
     testsupport::ServiceProcess service_;
     std::unique_ptr<ServiceClient> writer_;
     std::string error_;
-    int clients_ = 0;
 };
 
 struct CallbackCase {
@@ -99,8 +191,8 @@ struct CallbackCase {
 
 // What a validator answers reaches the writer and decides whether the value is stored; an
 // applier's reboot_required reaches the writer; a validator that writes what it is asked about
-// is refused at once, not deadlocked. Each client is killed before the next case: its
-// registration goes with its connection, so a veto of the past holds up nothing.
+// is refused at once, not deadlocked. Each client goes before the next case: its registration
+// goes with its connection, so a veto of the past holds up nothing.
 TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
     const CallbackCase cases[] = {
         {"veto", "skipper", kErrNoError, "", false, ""},  // validate_skipname: not asked
@@ -112,7 +204,7 @@ TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
     int round = 0;
     for (const CallbackCase& c : cases) {
         SCOPED_TRACE(std::string(c.mode) + " for " + c.writerName);
-        auto callback = client(c.mode, std::string("v-") + c.mode, "system");
+        Peer callback(c.mode, std::string("v-") + c.mode, "system");
         const std::string value = "value-" + std::to_string(++round);
         const std::string before = writer_->value(kLocation);
         const long long start = testsupport::monotonicNs();
@@ -129,8 +221,7 @@ TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
         } else {
             EXPECT_LT(took, kDeadlineMs);
         }
-        EXPECT_TRUE(callback->waitForLog(c.printed)) << callback->log();
-        callback->stop(SIGKILL);
+        EXPECT_TRUE(c.printed.empty() || callback.holds(c.printed));
     }
 }
 
@@ -138,7 +229,7 @@ TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
 // the validator releases the write.
 TEST_F(Callbacks, AHungValidatorHoldsOnlyItsChange) {
     start({"--callback-timeout", "10000"});
-    auto validator = client("hang", "hung", "system.location");
+    auto validator = std::make_unique<Peer>("hang", "hung", "system.location");
     ServiceClient reader("reader");
     ConfigIF::ReturnMessage result;
     long long answered = 0;
@@ -146,14 +237,14 @@ TEST_F(Callbacks, AHungValidatorHoldsOnlyItsChange) {
         result = write("held");
         answered = testsupport::monotonicNs();
     });
-    ASSERT_TRUE(validator->waitForLog("asked held"));
+    ASSERT_TRUE(validator->asked());
     for (int i = 0; i < 20; ++i) {
         const long long start = testsupport::monotonicNs();
         EXPECT_EQ(reader.value("audio/volume"), "50");
         EXPECT_LT(testsupport::msSince(start), 50);
     }
     const long long killed = testsupport::monotonicNs();
-    ASSERT_EQ(kill(validator->pid, SIGKILL), 0);
+    validator.reset();
     writer.join();
     EXPECT_LT((answered - killed) / 1000000, kReleasedWithinMs)
         << "the write waited on for a validator gone";
@@ -207,28 +298,19 @@ void writeMany(int count, int threads, const std::string& prefix) {
     return ::testing::AssertionSuccess();
 }
 
-// Waits until `subscriber` has printed `count` values of writeMany() with `prefix`.
-bool seesAll(Background* subscriber, const std::string& prefix, int count) {
-    return subscriber->waitUntil(
-        [&] {
-            return linesOf(subscriber->log(), "v system.location " + prefix + "-").size() >=
-                   static_cast<size_t>(count);
-        },
-        20000);
-}
-
-// A subscriber that reads nothing (stopped) costs the others nothing and the service less than
-// 1 MiB while 10,000 commits from 8 writers pass it by; once it reads again it gets every one of
-// them, once, in the order the other subscriber saw.
+// A subscriber that reads nothing costs the others nothing and the service less than 1 MiB
+// while 10,000 commits from 8 writers pass it by; once it reads again it gets every one of them,
+// once, in the order the other subscriber saw.
 TEST_F(Callbacks, ASubscriberFarBehindCostsNothingAndGetsEverything) {
     constexpr int kBehind = 10000;
     // The log reaches its bound first: from then on what it keeps no longer grows.
     start({"--retain-changes", std::to_string(kBehind + 2000)});
-    auto slow = client("watch", "slow", "system.location");
-    auto other = client("watch", "other", "system.location");
+    Peer slow("watch", "slow", "system.location");
+    Peer other("watch", "other", "system.location");
     writeMany(kBehind + 2000, 8, "warm");
-    ASSERT_TRUE(other->waitForLog("warm-7-1499")) << "the warm-up did not reach the subscribers";
-    ASSERT_EQ(kill(slow->pid, SIGSTOP), 0);
+    ASSERT_TRUE(other.holds("v system.location warm-7-1499"))
+        << "the warm-up did not reach the subscribers";
+    slow.pause();
     const long before = testsupport::statusKiB(service_.pid(), "VmRSS");
     writeMany(kBehind, 8, "behind");
     const long after = testsupport::statusKiB(service_.pid(), "VmRSS");
@@ -239,20 +321,19 @@ TEST_F(Callbacks, ASubscriberFarBehindCostsNothingAndGetsEverything) {
     (void)before;
     (void)after;
 #endif
-    EXPECT_TRUE(seesAll(other.get(), "behind", kBehind));
-    EXPECT_TRUE(holdsEveryWriteOnceInOrder(linesOf(other->log(), "v "), "behind", kBehind));
-    ASSERT_EQ(kill(slow->pid, SIGCONT), 0);
-    EXPECT_TRUE(seesAll(slow.get(), "behind", kBehind));
-    EXPECT_TRUE(linesOf(slow->log(), "v ") == linesOf(other->log(), "v "))
-        << "the subscribers saw different changes or orders";
+    EXPECT_TRUE(other.holds("v system.location behind-", kBehind, 20000));
+    EXPECT_TRUE(holdsEveryWriteOnceInOrder(other.lines(), "behind", kBehind));
+    slow.serve();
+    EXPECT_TRUE(slow.holds("v system.location behind-", kBehind, 20000));
+    EXPECT_TRUE(slow.lines() == other.lines()) << "the subscribers saw different changes or orders";
 }
 
 // A subscriber that falls behind what the log keeps is disconnected, with a line naming it,
 // never left with a gap it cannot see.
 TEST_F(Callbacks, ASubscriberBeyondTheLogIsDisconnectedNotSkipped) {
     start({"--retain-changes", "100"});
-    auto slow = client("watch", "slow", "system.location");
-    ASSERT_EQ(kill(slow->pid, SIGSTOP), 0);
+    Peer slow("watch", "slow", "system.location");
+    slow.pause();
     // Long values, so that what the connection holds fills well before 4,000 are written.
     const std::string padding(200, 'p');
     for (int i = 0; i < 4000 && service_.output().find("fell more than") == std::string::npos;
@@ -260,22 +341,73 @@ TEST_F(Callbacks, ASubscriberBeyondTheLogIsDisconnectedNotSkipped) {
         ASSERT_EQ(writer_->write(kLocation, {padding + std::to_string(i)}), kErrNoError);
     }
     EXPECT_TRUE(service_.waitForOutput("fell more than 100 notifications behind: disconnected"));
-    ASSERT_EQ(kill(slow->pid, SIGCONT), 0);
-    EXPECT_TRUE(testsupport::waitFor([&] { return !slow->running(); }))
+    slow.serve();
+    EXPECT_TRUE(testsupport::waitFor([&] { return slow.gone(); }))
         << "it reads the end of its connection, and stops";
     // What it got before is a run without gaps, from the first write on.
-    const std::vector<std::string> seen = linesOf(slow->log(), "v ");
+    const std::vector<std::string> seen = slow.lines();
     for (size_t i = 0; i < seen.size(); ++i) {
         EXPECT_EQ(seen[i], "v system.location " + padding + std::to_string(i));
     }
 }
 
-// A subscriber killed and restarted 1,000 times under a stream of writes, resuming each time
-// after the last commit it recorded: in the end it recorded every write once, in order.
-TEST_F(Callbacks, ASubscriberKilledAThousandTimesResumesWithoutGapsOrRepeats) {
+// A subscriber of system.location that records a commit's notices once its mark came, and on
+// each new connection resumes after the last mark it recorded (from now on when none).
+class Resumer : public configclient::CallbackHandler {
+  public:
+    // Connects anew, resumes and, when `registers`, registers again; the connection before
+    // closes unannounced, at whatever point of the stream it was read to.
+    void connect(int number, bool registers = true) {
+        dispatcher_.reset();
+        client_.reset();
+        client_ = std::make_unique<ServiceClient>("resumer-" + std::to_string(number));
+        dispatcher_ = std::make_unique<CallbackDispatcher>(&client_->session, this);
+        pending_.clear();
+        eErrorType error = kErrGenericError;
+        uint64_t sequence = 0;
+        ASSERT_EQ(dispatcher_->resume("resumer", kAdmin, mark_ != 0 ? &mark_ : nullptr, kAnswerMs,
+                                      &error, &sequence),
+                  ConfigSession::kOk);
+        ASSERT_EQ(error, kErrNoError);
+        ASSERT_TRUE(!registers ||
+                    client_->call("RegisterClientCallback", kAdmin,
+                                  "node_name: 'system.location' "
+                                  "type: kChangeNotify user_context: 'r'") == kErrNoError);
+    }
+    // Reads what comes for `us` microseconds, or until `enough` holds.
+    void read(
+        long us, const std::function<bool()>& enough = [] { return false; }) {
+        const long long end = testsupport::monotonicNs() + us * 1000;
+        while (testsupport::monotonicNs() < end && !enough() && dispatcher_->dispatch(1) >= 0) {
+        }
+    }
+
+    void configChanged(const ConfigIF::ConfigChangedNtfy& notice) override {
+        pending_.push_back(lineOf(notice));
+    }
+    void committed(uint64_t sequence) override {
+        recorded.insert(recorded.end(), pending_.begin(), pending_.end());
+        pending_.clear();
+        mark_ = sequence;
+    }
+    void resyncNeeded(uint64_t, uint64_t) override { resynced = true; }
+
+    std::vector<std::string> recorded;
+    bool resynced = false;
+
+  private:
+    std::unique_ptr<ServiceClient> client_;
+    std::unique_ptr<CallbackDispatcher> dispatcher_;
+    std::vector<std::string> pending_;
+    uint64_t mark_ = 0;
+};
+
+// A subscriber that goes away and comes back 1,000 times under a stream of writes, resuming each
+// time after the last commit it recorded: in the end it recorded every write once, in order.
+TEST_F(Callbacks, ASubscriberGoneAThousandTimesResumesWithoutGapsOrRepeats) {
     constexpr int kCycles = 1000;
-    const std::string file = service_.root() + "/seen";
-    auto first = client("resume", "resumer", "system.location", file);
+    Resumer resumer;
+    resumer.connect(0);
     std::atomic<bool> stop{false};
     std::atomic<int> written{0};
     std::thread writer([&] {
@@ -285,26 +417,21 @@ TEST_F(Callbacks, ASubscriberKilledAThousandTimesResumesWithoutGapsOrRepeats) {
             ++written;
         }
     });
-    ASSERT_TRUE(first->waitUntil(
-        [&] { return testsupport::readFile(file).find("mark") != std::string::npos; }));
-    first->stop(SIGKILL);
+    resumer.read(5000000, [&] { return !resumer.recorded.empty(); });
     std::mt19937 random(20261123);
-    for (int cycle = 0; cycle < kCycles && !HasFailure(); ++cycle) {
-        Background subscriber(WATCH_CLIENT_BIN,
-                              {"watch_client", "resume", "resumer", "system.location", file});
-        usleep(random() % 4000);
-        subscriber.stop(SIGKILL);
+    for (int cycle = 1; cycle <= kCycles && !HasFailure(); ++cycle) {
+        resumer.connect(cycle, random() % 8 != 0);
+        resumer.read(random() % 4000);
     }
     stop = true;
     writer.join();
     EXPECT_GT(written, kCycles / 10) << "too few writes to tell anything";
     const std::string last = "v system.location s-0-" + std::to_string(written - 1);
-    auto final = client("resume", "resumer", "system.location", file);
-    EXPECT_TRUE(final->waitUntil(
-        [&] { return testsupport::readFile(file).find(last) != std::string::npos; }, 10000));
-    EXPECT_EQ(final->log().find("resync"), std::string::npos);
-    EXPECT_TRUE(
-        holdsEveryWriteOnceInOrder(linesOf(testsupport::readFile(file), "v "), "s", written));
+    resumer.connect(kCycles + 1);
+    resumer.read(10000000,
+                 [&] { return !resumer.recorded.empty() && resumer.recorded.back() == last; });
+    EXPECT_FALSE(resumer.resynced);
+    EXPECT_TRUE(holdsEveryWriteOnceInOrder(resumer.recorded, "s", written));
 }
 
 // A writer that also watches gets the notification of its own change before the answer to its
