@@ -8,8 +8,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -51,23 +51,39 @@ std::string lineOf(const ConfigIF::ConfigChangedNtfy& notice) {
     return line;
 }
 
+// What a resuming subscriber recorded over its connections: the notices of each commit, once its
+// mark came, and the last mark.
+struct Record {
+    std::vector<std::string> lines;
+    uint64_t mark = 0;
+    bool resynced = false;
+};
+
 // A client registered for `path` as `mode` says: watch (notifications kept as lineOf() lines),
+// resume (the same into `record`, after resuming from its mark, or from now on when it has none),
 // veto (a validator that refuses with "vetoed by NAME", not asked about the writes of the client
 // named "skipper"), write (a validator that first writes what it is asked about, and keeps
 // "wrote STATUS ERROR"), reboot (an applier that asks for a reboot), hang (a validator never
-// served: asked, it never answers). Others are served from the start until pause().
+// served: asked, it never answers). Others are served from the start until pause(). Its
+// connection closes with it, unannounced, at whatever point it had read to.
 class Peer : public configclient::CallbackHandler {
   public:
-    Peer(const std::string& mode, const std::string& name, const std::string& path)
-        : mode_(mode), client_(name), dispatcher_(&client_.session, this) {
-        const std::string type = mode == "watch"    ? "kChangeNotify"
-                                 : mode == "reboot" ? "kOnChange"
-                                                    : "kDynamicValidator";
+    Peer(const std::string& mode, const std::string& name, const std::string& path,
+         Record* record = nullptr)
+        : mode_(mode), record_(record), client_(name), dispatcher_(&client_.session, this) {
+        eErrorType error = kErrNoError;
+        uint64_t sequence = 0;
+        EXPECT_TRUE(record == nullptr ||
+                    dispatcher_.resume(name, kAdmin, record->mark != 0 ? &record->mark : nullptr,
+                                       kAnswerMs, &error, &sequence) == ConfigSession::kOk);
+        const std::string type = mode == "watch" || mode == "resume" ? "kChangeNotify"
+                                 : mode == "reboot"                  ? "kOnChange"
+                                                                     : "kDynamicValidator";
         EXPECT_EQ(client_.call("RegisterClientCallback", kAdmin,
                                "node_name: '" + path + "' user_context: 'ctx' type: " + type +
                                    (mode == "veto" ? " validate_skipname: 'skipper'" : "")),
                   kErrNoError)
-            << name;
+            << name << " resumed with " << error;
         if (mode != "hang") {
             serve();
         }
@@ -78,7 +94,7 @@ class Peer : public configclient::CallbackHandler {
         stop_ = false;
         thread_ = std::thread([this] {
             int handled = 0;
-            while (!stop_ && (handled = dispatcher_.dispatch(20)) >= 0) {
+            while (!stop_ && (handled = dispatcher_.dispatch(1)) >= 0) {
             }
             gone_ = handled < 0;
         });
@@ -96,12 +112,13 @@ class Peer : public configclient::CallbackHandler {
     }
     // Whether the service closed its connection, seen once it is served.
     bool gone() const { return gone_; }
-    // Waits until it kept `count` lines starting with `prefix`.
+    // Waits until it kept (or recorded) `count` lines starting with `prefix`.
     bool holds(const std::string& prefix, size_t count = 1, int timeoutMs = 5000) {
         return testsupport::waitFor(
             [&] {
                 std::lock_guard<std::mutex> lock(mutex_);
-                return std::count_if(lines_.begin(), lines_.end(), [&](const std::string& line) {
+                const std::vector<std::string>& kept = record_ ? record_->lines : lines_;
+                return std::count_if(kept.begin(), kept.end(), [&](const std::string& line) {
                            return line.rfind(prefix, 0) == 0;
                        }) >= static_cast<long>(count);
             },
@@ -135,6 +152,13 @@ class Peer : public configclient::CallbackHandler {
         return kErrNoError;
     }
     void configChanged(const ConfigIF::ConfigChangedNtfy& notice) override { keep(lineOf(notice)); }
+    void committed(uint64_t sequence) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        record_->lines.insert(record_->lines.end(), lines_.begin(), lines_.end());
+        lines_.clear();
+        record_->mark = sequence;
+    }
+    void resyncNeeded(uint64_t, uint64_t) override { record_->resynced = true; }
 
   private:
     void keep(const std::string& line) {
@@ -143,6 +167,7 @@ class Peer : public configclient::CallbackHandler {
     }
 
     const std::string mode_;
+    Record* record_;
     ServiceClient client_;
     CallbackDispatcher dispatcher_;
     std::thread thread_;
@@ -351,63 +376,12 @@ TEST_F(Callbacks, ASubscriberBeyondTheLogIsDisconnectedNotSkipped) {
     }
 }
 
-// A subscriber of system.location that records a commit's notices once its mark came, and on
-// each new connection resumes after the last mark it recorded (from now on when none).
-class Resumer : public configclient::CallbackHandler {
-  public:
-    // Connects anew, resumes and, when `registers`, registers again; the connection before
-    // closes unannounced, at whatever point of the stream it was read to.
-    void connect(int number, bool registers = true) {
-        dispatcher_.reset();
-        client_.reset();
-        client_ = std::make_unique<ServiceClient>("resumer-" + std::to_string(number));
-        dispatcher_ = std::make_unique<CallbackDispatcher>(&client_->session, this);
-        pending_.clear();
-        eErrorType error = kErrGenericError;
-        uint64_t sequence = 0;
-        ASSERT_EQ(dispatcher_->resume("resumer", kAdmin, mark_ != 0 ? &mark_ : nullptr, kAnswerMs,
-                                      &error, &sequence),
-                  ConfigSession::kOk);
-        ASSERT_EQ(error, kErrNoError);
-        ASSERT_TRUE(!registers ||
-                    client_->call("RegisterClientCallback", kAdmin,
-                                  "node_name: 'system.location' "
-                                  "type: kChangeNotify user_context: 'r'") == kErrNoError);
-    }
-    // Reads what comes for `us` microseconds, or until `enough` holds.
-    void read(
-        long us, const std::function<bool()>& enough = [] { return false; }) {
-        const long long end = testsupport::monotonicNs() + us * 1000;
-        while (testsupport::monotonicNs() < end && !enough() && dispatcher_->dispatch(1) >= 0) {
-        }
-    }
-
-    void configChanged(const ConfigIF::ConfigChangedNtfy& notice) override {
-        pending_.push_back(lineOf(notice));
-    }
-    void committed(uint64_t sequence) override {
-        recorded.insert(recorded.end(), pending_.begin(), pending_.end());
-        pending_.clear();
-        mark_ = sequence;
-    }
-    void resyncNeeded(uint64_t, uint64_t) override { resynced = true; }
-
-    std::vector<std::string> recorded;
-    bool resynced = false;
-
-  private:
-    std::unique_ptr<ServiceClient> client_;
-    std::unique_ptr<CallbackDispatcher> dispatcher_;
-    std::vector<std::string> pending_;
-    uint64_t mark_ = 0;
-};
-
 // A subscriber that goes away and comes back 1,000 times under a stream of writes, resuming each
 // time after the last commit it recorded: in the end it recorded every write once, in order.
 TEST_F(Callbacks, ASubscriberGoneAThousandTimesResumesWithoutGapsOrRepeats) {
     constexpr int kCycles = 1000;
-    Resumer resumer;
-    resumer.connect(0);
+    Record record;
+    auto first = std::make_unique<Peer>("resume", "resumer", "system.location", &record);
     std::atomic<bool> stop{false};
     std::atomic<int> written{0};
     std::thread writer([&] {
@@ -417,21 +391,20 @@ TEST_F(Callbacks, ASubscriberGoneAThousandTimesResumesWithoutGapsOrRepeats) {
             ++written;
         }
     });
-    resumer.read(5000000, [&] { return !resumer.recorded.empty(); });
+    EXPECT_TRUE(first->holds("v "));
+    first.reset();
     std::mt19937 random(20261123);
-    for (int cycle = 1; cycle <= kCycles && !HasFailure(); ++cycle) {
-        resumer.connect(cycle, random() % 8 != 0);
-        resumer.read(random() % 4000);
+    for (int cycle = 0; cycle < kCycles && !HasFailure(); ++cycle) {
+        Peer subscriber("resume", "resumer", "system.location", &record);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 4000));
     }
     stop = true;
     writer.join();
     EXPECT_GT(written, kCycles / 10) << "too few writes to tell anything";
-    const std::string last = "v system.location s-0-" + std::to_string(written - 1);
-    resumer.connect(kCycles + 1);
-    resumer.read(10000000,
-                 [&] { return !resumer.recorded.empty() && resumer.recorded.back() == last; });
-    EXPECT_FALSE(resumer.resynced);
-    EXPECT_TRUE(holdsEveryWriteOnceInOrder(resumer.recorded, "s", written));
+    Peer last("resume", "resumer", "system.location", &record);
+    EXPECT_TRUE(last.holds("v system.location s-0-" + std::to_string(written - 1), 1, 10000));
+    EXPECT_FALSE(record.resynced);
+    EXPECT_TRUE(holdsEveryWriteOnceInOrder(record.lines, "s", written));
 }
 
 // A writer that also watches gets the notification of its own change before the answer to its

@@ -136,9 +136,8 @@ TEST_F(Operated, ReloadThatCannotReopenTheStoreStopsTheService) {
     const std::string database = service_.state() + "/values.db";
     ASSERT_TRUE(testsupport::writeFile(database, "SQLite format 3\nnot really"));
     ASSERT_TRUE(service_.signal(SIGHUP));
-    for (int ms = 0; ms < 10000 && service_.signal(0); ++ms) {
-        usleep(1000);  // until it ends; one that hangs is killed below and fails
-    }
+    // Until it ends; one that hangs is killed below and fails.
+    testsupport::waitFor([&] { return !service_.signal(0); }, 10000);
     EXPECT_EQ(service_.stop(SIGKILL), 1) << service_.output();
     EXPECT_THAT(service_.output(),
                 HasSubstr("<2>configsrvc: main: cannot open the store again, for either model: " +
@@ -165,9 +164,7 @@ TEST_F(Operated, RemovedEndpointComesBackAndATakenOneStopsTheService) {
         service_.root() + "/other.log");
     EXPECT_TRUE(other.waitForLog("serving ConfigSrvc")) << other.log();
     ASSERT_TRUE(service_.signal(SIGCONT));
-    for (int ms = 0; ms < 10000 && service_.signal(0); ++ms) {
-        usleep(1000);
-    }
+    testsupport::waitFor([&] { return !service_.signal(0); }, 10000);
     EXPECT_EQ(service_.stop(SIGKILL), 1) << service_.output();
     EXPECT_THAT(service_.output(), HasSubstr("<3>configsrvc: server: the endpoint ConfigSrvc can "
                                              "no longer be reached: a live endpoint of that name "
