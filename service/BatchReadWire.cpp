@@ -26,6 +26,7 @@
 #include "Common/protobuf/v3/ConfigProtocol.h"
 #include "ConfigService.h"
 #include "Overrides.h"
+#include "WireWriter.h"
 
 namespace configsrvc {
 
@@ -33,22 +34,12 @@ namespace {
 
 using CommonIF::eSecurityRole;
 
-enum WireType : uint32_t { kVarint = 0, kLengthDelimited = 2 };
-
-constexpr uint32_t tagOf(uint32_t field, WireType type) {
-    return field << 3 | type;
-}
+using namespace wire;
 
 // ReadReq and BatchReadReq, alike on the wire but for one instance against many
 constexpr uint32_t kRequesterTag = tagOf(10, kLengthDelimited);
 constexpr uint32_t kRoleTag = tagOf(20, kVarint);
 constexpr uint32_t kInstanceTag = tagOf(30, kLengthDelimited);
-// Inst
-constexpr uint32_t kNodeTag = tagOf(10, kLengthDelimited);
-constexpr uint32_t kScopeTag = tagOf(20, kVarint);
-// Node
-constexpr uint32_t kNodeNameTag = tagOf(10, kLengthDelimited);
-constexpr uint32_t kNodeInstanceTag = tagOf(20, kVarint);
 // BatchReadRsp
 constexpr uint32_t kBatchErrorTag = tagOf(10, kVarint);
 constexpr uint32_t kItemTag = tagOf(20, kLengthDelimited);
@@ -202,77 +193,6 @@ bool readBatch(const void* payload, size_t bytes, size_t maxInstances, WireBatch
     const auto printableAscii = [](char c) { return c >= 0x20 && c <= 0x7e; };
     return hasRequester && batch->role >= 0 &&
            std::all_of(batch->requester.begin(), batch->requester.end(), printableAscii);
-}
-
-size_t varintSize(uint64_t value) {
-    size_t size = 1;
-    while (value >= 0x80) {
-        value >>= 7;
-        ++size;
-    }
-    return size;
-}
-
-// How the runtime writes an int32 or enum: negative numbers as their 64-bit two's complement.
-uint64_t asVarint(int32_t value) {
-    return static_cast<uint64_t>(static_cast<int64_t>(value));
-}
-
-size_t delimitedSize(uint32_t tag, size_t length) {
-    return varintSize(tag) + varintSize(length) + length;
-}
-
-size_t varintFieldSize(uint32_t tag, int32_t value) {
-    return varintSize(tag) + varintSize(asVarint(value));
-}
-
-// The writers below write into room already made for them and return the end of what they
-// wrote: a batch answer is thousands of small fields, and growing a string for each costs more
-// than working them out.
-char* putVarint(char* at, uint64_t value) {
-    while (value >= 0x80) {
-        *at++ = static_cast<char>(value | 0x80);
-        value >>= 7;
-    }
-    *at++ = static_cast<char>(value);
-    return at;
-}
-
-char* putVarintField(char* at, uint32_t tag, int32_t value) {
-    return putVarint(putVarint(at, tag), asVarint(value));
-}
-
-char* putDelimitedHead(char* at, uint32_t tag, size_t length) {
-    return putVarint(putVarint(at, tag), length);
-}
-
-char* putBytes(char* at, std::string_view bytes) {
-    std::memcpy(at, bytes.data(), bytes.size());
-    return at + bytes.size();
-}
-
-size_t answeredNodeSize(const PathStep& step) {
-    return delimitedSize(kNodeNameTag, step.name.size()) +
-           varintFieldSize(kNodeInstanceTag, step.instance);
-}
-
-// The answered Inst: the model's names and instance numbers, and the request's scope.
-size_t answeredSize(const ResolvedVariable& found, int32_t scope) {
-    size_t size = scope >= 0 ? varintFieldSize(kScopeTag, scope) : 0;
-    for (const PathStep& step : found.answered) {
-        size += delimitedSize(kNodeTag, answeredNodeSize(step));
-    }
-    return size;
-}
-
-char* putAnswered(char* at, const ResolvedVariable& found, int32_t scope) {
-    for (const PathStep& step : found.answered) {
-        at = putDelimitedHead(at, kNodeTag, answeredNodeSize(step));
-        at = putDelimitedHead(at, kNodeNameTag, step.name.size());
-        at = putBytes(at, step.name);
-        at = putVarintField(at, kNodeInstanceTag, step.instance);
-    }
-    return scope >= 0 ? putVarintField(at, kScopeTag, scope) : at;
 }
 
 // The size of the ReadRsp of a read that succeeded.

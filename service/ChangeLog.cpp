@@ -6,23 +6,21 @@
 #include <pugixml.hpp>
 
 #include "Overrides.h"
+#include "WireWriter.h"
 
 namespace configsrvc {
 
 namespace {
 
 void appendVarint(uint64_t value, std::string* out) {
+    char bytes[10];  // a 64-bit varint takes at most ten
+    size_t count = 0;
     while (value >= 0x80) {
-        out->push_back(static_cast<char>((value & 0x7f) | 0x80));
+        bytes[count++] = static_cast<char>((value & 0x7f) | 0x80);
         value >>= 7;
     }
-    out->push_back(static_cast<char>(value));
-}
-
-void appendBytes(uint32_t field, std::string_view bytes, std::string* out) {
-    appendVarint(field << 3 | 2, out);  // length-delimited
-    appendVarint(bytes.size(), out);
-    out->append(bytes);
+    bytes[count++] = static_cast<char>(value);
+    out->append(bytes, count);
 }
 
 // The entry of a notification of type Notice, `body` being its encoding without user_context,
@@ -45,26 +43,27 @@ ChangeEntry entryOf(ConfigIF::CallbackType type, uint32_t msgId, const Notice& n
     return entryOfBody<Notice>(type, msgId, notice.SerializePartialAsString(), std::move(path));
 }
 
-// A ConfigChangedNtfy without user_context, written as the runtime writes it (fields in number
-// order, shortest varints). Every committed value change has one; building and encoding it as
-// messages cost more than the rest of the commit's bookkeeping together.
+// A ConfigChangedNtfy without user_context, written as the runtime writes it. Every committed
+// value change has one; building and encoding it as messages cost more than the rest of the
+// commit's bookkeeping together.
 std::string valueNoticeBody(const ResolvedVariable& found, const std::vector<std::string>& values) {
-    std::string instance;
-    std::string node;
-    for (const PathStep& step : found.answered) {
-        node.clear();
-        appendBytes(ConfigIF::Node::kNameFieldNumber, step.name, &node);
-        appendVarint(ConfigIF::Node::kInstanceFieldNumber << 3, &node);  // a varint
-        appendVarint(static_cast<uint64_t>(static_cast<int64_t>(step.instance)), &node);
-        appendBytes(ConfigIF::Inst::kNodeFieldNumber, node, &instance);
-    }
-    std::string instanceValue;
-    appendBytes(ConfigIF::InstValue::kInstanceFieldNumber, instance, &instanceValue);
+    using namespace wire;
+    constexpr uint32_t kInstanceValTag =
+        tagOf(ConfigIF::ConfigChangedNtfy::kInstanceValFieldNumber, kLengthDelimited);
+    constexpr uint32_t kInstanceTag =
+        tagOf(ConfigIF::InstValue::kInstanceFieldNumber, kLengthDelimited);
+    constexpr uint32_t kValueTag = tagOf(ConfigIF::InstValue::kValueFieldNumber, kLengthDelimited);
+    const size_t instance = answeredSize(found, -1);
+    size_t instanceValue = delimitedSize(kInstanceTag, instance);
     for (const std::string& value : values) {
-        appendBytes(ConfigIF::InstValue::kValueFieldNumber, value, &instanceValue);
+        instanceValue += delimitedSize(kValueTag, value.size());
     }
-    std::string body;
-    appendBytes(ConfigIF::ConfigChangedNtfy::kInstanceValFieldNumber, instanceValue, &body);
+    std::string body(delimitedSize(kInstanceValTag, instanceValue), '\0');
+    char* at = putDelimitedHead(body.data(), kInstanceValTag, instanceValue);
+    at = putAnswered(putDelimitedHead(at, kInstanceTag, instance), found, -1);
+    for (const std::string& value : values) {
+        at = putBytes(putDelimitedHead(at, kValueTag, value.size()), value);
+    }
     return body;
 }
 
@@ -100,13 +99,14 @@ ChangeEntry attributeNotice(const std::string& path, const std::vector<std::stri
 // The notice of a changed value, options or levels record of an instance.
 bool instanceNotice(const DeviceModel& model, const Records& after, const StoredChange& change,
                     ChangeEntry* entry) {
-    ResolvedVariable found;
+    thread_local ResolvedVariable found;  // its room is kept from commit to commit
     if (!model.resolveKey(change.key, &found)) {
         return false;
     }
     VariableDef scratch;
     const VariableDef& variable = effectiveVariable(after, found, &scratch);
     std::vector<int32_t> numbers;
+    numbers.reserve(found.answered.size());
     if (change.kind == RecordKind::kValue) {
         for (const PathStep& step : found.answered) {
             numbers.push_back(step.instance);

@@ -138,8 +138,9 @@ Server::Change Server::keep(const MSG_Sender& sender, Answer* answer, bool valid
     change.pid = sender.pid;
     change.msgId = answer->msgId;
     if (answer->message != nullptr) {
+        // Into a fresh message, a merge is the copy without CopyFrom's reflective type check.
         change.message.reset(answer->message->New());
-        change.message->CopyFrom(*answer->message);
+        change.message->MergeFrom(*answer->message);
     }
     change.changes = std::move(validateOnly ? answer->proposed : answer->changes);
     change.checkpoint = answer->checkpoint;
@@ -318,6 +319,7 @@ bool Server::serveRequests(MSG_Msg* first) {
 void Server::finishWrites() {
     finished_.clear();
     committer_->takeFinished(&finished_);
+    answerUnwatchedWriters();
     for (const FinishedWrite& done : finished_) {
         if (waiting_.empty() || waiting_.front().ticket != done.write.ticket) {
             state_->finish(done.committed);
@@ -329,6 +331,30 @@ void Server::finishWrites() {
         finishWrite(done, std::move(change));
     }
     pumpAll();
+}
+
+bool Server::answersFirst(const FinishedWrite& done, const Change& change) const {
+    return done.committed && change.message != nullptr &&
+           subscribers_.count(change.address) == 0 && !callbacks_.any(ConfigIF::kOnChange);
+}
+
+void Server::answerUnwatchedWriters() {
+    // The writers of a batch come back together: every answer that waited for the notices and
+    // bookkeeping of the writes before it in the batch would hold its writer, and with it the
+    // next batch, back that much longer. Nothing a writer can ask next is served before the
+    // batch is finished below, so it cannot see the records from before its change.
+    auto waiting = waiting_.begin();
+    for (const FinishedWrite& done : finished_) {
+        if (waiting == waiting_.end() || waiting->ticket != done.write.ticket) {
+            return;  // finishWrites() reports the mismatch
+        }
+        Change& change = waiting->change;
+        if (answersFirst(done, change)) {
+            send(change.address, change.msgId, *change.message);
+            change.answered = true;
+        }
+        ++waiting;
+    }
 }
 
 void Server::finishWrite(const FinishedWrite& done, Change change) {
@@ -348,19 +374,10 @@ void Server::finishWrite(const FinishedWrite& done, Change change) {
     } else if (!done.error.empty()) {
         logmsg_err(kLogModule, "%s\n", done.error.c_str());
     }
-    // A writer that watches nobody, with no applier to ask, is answered before the notices of
-    // its change are made: in a batch, each answer would otherwise wait for the notices of all
-    // the writes before it. (A watching writer's answer follows its notices: see reply().)
-    const bool answerFirst = done.committed && change.message != nullptr &&
-                             subscribers_.count(change.address) == 0 &&
-                             !callbacks_.any(ConfigIF::kOnChange);
-    if (answerFirst) {
-        send(change.address, change.msgId, *change.message);
-    }
     if (done.committed) {
         logCommit(done, change, before);
     }
-    if (change.message == nullptr || answerFirst) {
+    if (change.message == nullptr || change.answered) {
         return;  // a bare command (nobody waits for an answer), or answered
     }
     if (!done.committed) {

@@ -93,6 +93,7 @@ class Server {
         std::string requester;
         CommonIF::eSecurityRole role = CommonIF::kUser;
         std::string submitScope;
+        bool answered = false;  // its writer has its answer already (answerUnwatchedWriters)
     };
     // A change held back until its changes are on disk.
     struct Waiting {
@@ -150,6 +151,11 @@ class Server {
     void submit(Change change);
     void finishWrites();
     void finishWrite(const FinishedWrite& done, Change change);
+    // Whether the writer of `change`, just stored, is answered before its notices are made: it
+    // watches nothing and no applier waits to be asked.
+    bool answersFirst(const FinishedWrite& done, const Change& change) const;
+    // Answers, in batch order, the finished writes that answersFirst() allows.
+    void answerUnwatchedWriters();
     void endIdleSubmissions();
     // Forgets what was kept for the connections that closed since the last look.
     void forgetClosedConnections();
