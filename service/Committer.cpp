@@ -114,8 +114,10 @@ void Committer::run() {
         }
         changes.clear();
         for (const PendingWrite& write : batch) {
-            for (const StoredChange& change : write.changes) {
-                changes.push_back(&change);
+            if (write.changes != nullptr) {
+                for (const StoredChange& change : *write.changes) {
+                    changes.push_back(&change);
+                }
             }
         }
         const auto start = Clock::now();

@@ -25,7 +25,7 @@ namespace configsrvc {
 // The changes of one request, stored together or not at all. `ticket` is the submitter's own,
 // to tell its writes apart when they come back.
 struct PendingWrite {
-    std::vector<StoredChange> changes;
+    ChangeList changes;  // null: none
     uint64_t ticket = 0;
     // Once committed, carry everything committed so far into the main database file.
     bool checkpoint = false;

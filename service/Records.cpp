@@ -23,14 +23,14 @@ bool holds(const Records& records, const StoredChange& change) {
 RecordState::RecordState(Records committed)
     : committed_(std::move(committed)), accepted_(committed_) {}
 
-void RecordState::accept(const std::vector<StoredChange>& changes) {
-    for (const StoredChange& change : changes) {
+void RecordState::accept(ChangeList changes) {
+    for (const StoredChange& change : *changes) {
         accepted_.apply(change);
         if (change.kind == RecordKind::kValue) {
             valueVersions_[change.key] = ++acceptedChanges_;
         }
     }
-    inFlight_.push_back(changes);
+    inFlight_.push_back(std::move(changes));
 }
 
 bool RecordState::changesNothing(const std::vector<StoredChange>& changes) const {
@@ -47,7 +47,7 @@ void RecordState::finish(bool stored) {
         return;
     }
     if (stored) {
-        for (const StoredChange& change : inFlight_.front()) {
+        for (const StoredChange& change : *inFlight_.front()) {
             committed_.apply(change);
         }
         inFlight_.pop_front();
@@ -57,8 +57,8 @@ void RecordState::finish(bool stored) {
     // on its way, so the failed batch leaves no trace.
     inFlight_.pop_front();
     accepted_ = committed_;
-    for (const std::vector<StoredChange>& batch : inFlight_) {
-        for (const StoredChange& change : batch) {
+    for (const ChangeList& batch : inFlight_) {
+        for (const StoredChange& change : *batch) {
             accepted_.apply(change);
         }
     }

@@ -17,6 +17,7 @@
 
 #include <array>
 #include <deque>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -34,6 +35,10 @@ struct StoredChange {
     bool reset = false;
     std::vector<std::string> values;
 };
+
+// The changes of one request, once they are final: shared, never copied, by the request waiting
+// for its answer, the records in flight and the committer's thread, which only read them.
+using ChangeList = std::shared_ptr<const std::vector<StoredChange>>;
 
 class Records {
   public:
@@ -66,8 +71,11 @@ class RecordState {
     const Records& committed() const { return committed_; }
     const Records& accepted() const { return accepted_; }
 
-    // `changes` were handed to the disk, after every batch accepted before them.
-    void accept(const std::vector<StoredChange>& changes);
+    // `changes` (not null) were handed to the disk, after every batch accepted before them.
+    void accept(ChangeList changes);
+    void accept(const std::vector<StoredChange>& changes) {
+        accept(std::make_shared<const std::vector<StoredChange>>(changes));
+    }
     // The oldest accepted batch came back from the disk, stored or not.
     void finish(bool stored);
 
@@ -88,7 +96,7 @@ class RecordState {
   private:
     Records committed_;
     Records accepted_;
-    std::deque<std::vector<StoredChange>> inFlight_;
+    std::deque<ChangeList> inFlight_;
     std::unordered_map<std::string, uint64_t> valueVersions_;
     uint64_t acceptedChanges_ = 0;
 };

@@ -142,7 +142,8 @@ Server::Change Server::keep(const MSG_Sender& sender, Answer* answer, bool valid
         change.message.reset(answer->message->New());
         change.message->MergeFrom(*answer->message);
     }
-    change.changes = std::move(validateOnly ? answer->proposed : answer->changes);
+    change.changes = std::make_shared<const std::vector<StoredChange>>(
+        std::move(validateOnly ? answer->proposed : answer->changes));
     change.checkpoint = answer->checkpoint;
     change.validateOnly = validateOnly;
     change.requester = answer->requester;
@@ -334,8 +335,8 @@ void Server::finishWrites() {
 }
 
 bool Server::answersFirst(const FinishedWrite& done, const Change& change) const {
-    return done.committed && change.message != nullptr &&
-           subscribers_.count(change.address) == 0 && !callbacks_.any(ConfigIF::kOnChange);
+    return done.committed && change.message != nullptr && subscribers_.count(change.address) == 0 &&
+           !callbacks_.any(ConfigIF::kOnChange);
 }
 
 void Server::answerUnwatchedWriters() {
@@ -361,8 +362,8 @@ void Server::finishWrite(const FinishedWrite& done, Change change) {
     // What each record held before, for telling what really changed.
     std::vector<const std::vector<std::string>*> before;
     std::vector<std::vector<std::string>> copies;
-    copies.reserve(change.changes.size());
-    for (const StoredChange& one : change.changes) {
+    copies.reserve(change.changes->size());
+    for (const StoredChange& one : *change.changes) {
         const std::vector<std::string>* held = state_->committed().find(one.kind, one.key);
         copies.push_back(held != nullptr ? *held : std::vector<std::string>());
         before.push_back(held != nullptr ? &copies.back() : nullptr);

@@ -87,7 +87,7 @@ class Server {
         pid_t pid = 0;
         uint32_t msgId = 0;
         std::unique_ptr<google::protobuf::Message> message;  // null: nobody waits for an answer
-        std::vector<StoredChange> changes;
+        ChangeList changes;                                  // never null
         bool checkpoint = false;
         bool validateOnly = false;  // a ValidateReq: nothing is stored
         std::string requester;

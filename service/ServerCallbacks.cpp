@@ -136,7 +136,7 @@ uint64_t Server::ask(Change* change, ConfigIF::CallbackType type, Asked* asked) 
     const bool applying = type == ConfigIF::kOnChange;
     const Records& records = applying ? state_->committed() : state_->accepted();
     uint64_t sent = 0;
-    for (const StoredChange& one : change->changes) {
+    for (const StoredChange& one : *change->changes) {
         ResolvedVariable found;
         if (one.kind == RecordKind::kAttributes || one.kind == RecordKind::kComponents ||
             !service_->model().resolveKey(one.key, &found)) {
@@ -197,7 +197,7 @@ bool Server::askValidators(Change* change) {
     }
     asked.deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(settings_.deadlineMs);
-    asked.touched = touchedBy(change->changes);
+    asked.touched = touchedBy(*change->changes);
     asked.change = std::move(*change);
     asked_.emplace(nextAsked_++, std::move(asked));
     return true;
@@ -363,8 +363,9 @@ void Server::logCommit(const FinishedWrite& done, const Change& change,
     if (submission) {
         entries.push_back(submitNotice(change.submitScope, ConfigIF::kSubmitStart));
     }
-    for (size_t i = 0; i < change.changes.size(); ++i) {
-        noticesOf(service_->model(), state_->committed(), change.changes[i], before[i], &entries);
+    for (size_t i = 0; i < change.changes->size(); ++i) {
+        noticesOf(service_->model(), state_->committed(), (*change.changes)[i], before[i],
+                  &entries);
     }
     if (submission) {
         entries.push_back(submitNotice(change.submitScope, ConfigIF::kSubmitEnd));

@@ -312,8 +312,10 @@ TEST_F(ConfigServiceTest, CommitterAnswersEveryWriteInOrderAndBoundsWhatIsPendin
     Committer committer(store_.get(), 64);
     ASSERT_TRUE(committer.start(&error_)) << error_;
     for (uint32_t i = 0; i < 64; ++i) {
-        ASSERT_TRUE(committer.submit(
-            {{{RecordKind::kValue, "audio[1]/volume", false, {std::to_string(i)}}}, i}));
+        const std::vector<StoredChange> changes{
+            {RecordKind::kValue, "audio[1]/volume", false, {std::to_string(i)}}};
+        ASSERT_TRUE(
+            committer.submit({std::make_shared<const std::vector<StoredChange>>(changes), i}));
     }
     EXPECT_FALSE(committer.submit(PendingWrite()));
     committer.stop();
