@@ -7,10 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+#include <unordered_set>
 
 #include "Overrides.h"
 
@@ -648,6 +651,27 @@ bool ValueStore::step(int statement, std::string* error) {
     return done;
 }
 
+namespace {
+
+// The changes of a batch that decide what it stores: the last one of each record. An earlier
+// change of the same record would be overwritten within the same transaction, seen by no one,
+// so writing it only costs time on the commit path that every writer of the batch waits for.
+// In batch order.
+std::vector<const StoredChange*> lastOfEachRecord(const std::vector<const StoredChange*>& changes) {
+    std::array<std::unordered_set<std::string_view>, kRecordKinds> seen;
+    std::vector<const StoredChange*> last;
+    last.reserve(changes.size());
+    for (auto it = changes.rbegin(); it != changes.rend(); ++it) {
+        if (seen[static_cast<int>((*it)->kind)].insert((*it)->key).second) {
+            last.push_back(*it);
+        }
+    }
+    std::reverse(last.begin(), last.end());
+    return last;
+}
+
+}  // namespace
+
 bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::string* error) {
     if (changes.empty()) {
         return true;
@@ -657,8 +681,9 @@ bool ValueStore::commit(const std::vector<const StoredChange*>& changes, std::st
     }
     bool ok = true;
     std::string encoded;
-    for (size_t i = 0; ok && i < changes.size(); ++i) {
-        const StoredChange& change = *changes[i];
+    const std::vector<const StoredChange*> written = lastOfEachRecord(changes);
+    for (size_t i = 0; ok && i < written.size(); ++i) {
+        const StoredChange& change = *written[i];
         const bool isValue = change.kind == RecordKind::kValue;
         const Statement statement = isValue ? (change.reset ? kResetValue : kSetValue)
                                             : (change.reset ? kResetOverride : kSetOverride);

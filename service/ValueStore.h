@@ -54,7 +54,8 @@ class ValueStore {
     ValueStore(const ValueStore&) = delete;
     ValueStore& operator=(const ValueStore&) = delete;
 
-    // Disk side: writes every change in one transaction and waits until it is on disk. Only
+    // Disk side: writes every change in one transaction and waits until it is on disk (a record
+    // changed more than once in the batch is written once, as its last change leaves it). Only
     // one thread at a time may commit. On failure nothing of the batch is stored. A batch with
     // changes is a commit of its own: lastCommit() is one more afterwards; an empty one is not.
     bool commit(const std::vector<const StoredChange*>& changes, std::string* error);

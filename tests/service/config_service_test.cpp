@@ -339,6 +339,25 @@ TEST_F(ConfigServiceTest, CommitterAnswersEveryWriteInOrderAndBoundsWhatIsPendin
     EXPECT_EQ(store_->lastCommit(), before + 1);
 }
 
+// A batch that changes one record several times stores what its last change leaves: a reset
+// after a value, a value after a reset.
+TEST_F(ConfigServiceTest, ABatchStoresTheLastChangeOfEachRecord) {
+    const std::vector<StoredChange> batch{
+        {RecordKind::kValue, "audio[1]/volume", false, {"7"}},
+        {RecordKind::kValue, "audio[1]/volume", true, {}},
+        {RecordKind::kValue, "audio[1]/mute", true, {}},
+        {RecordKind::kValue, "audio[1]/mute", false, {"true"}},
+    };
+    std::vector<const StoredChange*> changes;
+    for (const StoredChange& change : batch) {
+        changes.push_back(&change);
+    }
+    ASSERT_TRUE(store_->commit(changes, &error_)) << error_;
+    ASSERT_TRUE(reopen()) << error_;
+    EXPECT_EQ(state_->committed().find(RecordKind::kValue, "audio[1]/volume"), nullptr);
+    EXPECT_EQ(*state_->committed().find(RecordKind::kValue, "audio[1]/mute"), Values{"true"});
+}
+
 // Whether a write may be answered without the disk: only when it changes neither what is
 // committed nor what is on its way there.
 TEST(RecordStateTest, ChangesNothingOnlyWhereCommittedAndAcceptedAgree) {
