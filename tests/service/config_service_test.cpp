@@ -355,7 +355,9 @@ TEST_F(ConfigServiceTest, ABatchStoresTheLastChangeOfEachRecord) {
     ASSERT_TRUE(store_->commit(changes, &error_)) << error_;
     ASSERT_TRUE(reopen()) << error_;
     EXPECT_EQ(state_->committed().find(RecordKind::kValue, "audio[1]/volume"), nullptr);
-    EXPECT_EQ(*state_->committed().find(RecordKind::kValue, "audio[1]/mute"), Values{"true"});
+    const Values* mute = state_->committed().find(RecordKind::kValue, "audio[1]/mute");
+    ASSERT_NE(mute, nullptr);
+    EXPECT_EQ(*mute, Values{"true"});
 }
 
 // Whether a write may be answered without the disk: only when it changes neither what is
