@@ -570,7 +570,7 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
     });
     ASSERT_EQ(MSG_OpenLocal("tool"), MSG_OK);
     uint32_t address = 0;
-    long long start = monotonicNs();
+    const long long start = monotonicNs();
     ASSERT_EQ(MSG_OpenRemoteSync("tool", "svc", 5000, &address), MSG_OK);
     EXPECT_GE(msSince(start), 100) << "connected before the service was there";
     // A receiver of another id waits alongside: it must leave the replies to their receiver.
@@ -585,9 +585,7 @@ TEST_F(MsgPassTest, RequestAndResponseWithALateRemoteThatThenDies) {
                   std::tie(address, service.pid, uid, gid));
     }
     EXPECT_EQ(MSG_SendMsg("tool", address, makeMsg(1, "quit")), MSG_OK);
-    start = monotonicNs();
-    EXPECT_EQ(MSG_RecvMsg("tool", 2, 10000), nullptr);
-    EXPECT_LT(msSince(start), 3000) << "the death of the service was not seen at once";
+    EXPECT_EQ(MSG_RecvMsg("tool", 2, 10000), nullptr);  // how soon: ClosedConnectionsAreToldOnce
     otherWaiter.join();
     EXPECT_EQ(other, nullptr);
     EXPECT_EQ(service.stop(0), 0) << "service exit status";
