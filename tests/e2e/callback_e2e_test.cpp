@@ -206,75 +206,71 @@ class Callbacks : public testing::Test {
 };
 
 struct CallbackCase {
-    const char* mode;  // of the watch_client registered for system.location
+    std::string mode;  // of the peer registered for system
     const char* writerName;
     eErrorType expected;
     const char* message;  // in the writer's error messages, "" for none
     bool reboot;
-    std::string printed;  // by the client once the write is answered, "" for nothing more
+    std::string kept;   // by the peer once the write is answered, "" for nothing more
+    bool goes = false;  // the peer goes once asked
 };
 
 // What a validator answers reaches the writer and decides whether the value is stored; an
 // applier's reboot_required reaches the writer; a validator that writes what it is asked about
-// is refused at once, not deadlocked. Each client goes before the next case: its registration
-// goes with its connection, so a veto of the past holds up nothing.
+// is refused at once, not deadlocked. While a validator keeps a write waiting, everyone else's
+// reads are answered at once; one that goes releases the write at once. Each peer goes before
+// the next case: its registration goes with its connection, so a veto of the past holds up
+// nothing.
 TEST_F(Callbacks, ValidatorsDecideAndAppliersAreHeardByTheWriter) {
     const CallbackCase cases[] = {
         {"veto", "skipper", kErrNoError, "", false, ""},  // validate_skipname: not asked
         {"veto", "test", kErrBadParameter, "vetoed by v-veto", false, ""},
         {"hang", "test", kErrTimeOut, "did not answer within 300 ms", false, ""},
+        {"hang", "test", kErrNoError, "", false, "", true},
         {"reboot", "test", kErrNoError, "", true, ""},
         {"write", "test", kErrNoError, "", false, "wrote 0 " + std::to_string(kErrBadState)},
     };
+    ServiceClient reader("reader");
     int round = 0;
     for (const CallbackCase& c : cases) {
-        SCOPED_TRACE(std::string(c.mode) + " for " + c.writerName);
-        Peer callback(c.mode, std::string("v-") + c.mode, "system");
+        SCOPED_TRACE(c.mode + " for " + c.writerName + (c.goes ? ", which goes" : ""));
+        auto callback = std::make_unique<Peer>(c.mode, "v-" + c.mode, "system");
         const std::string value = "value-" + std::to_string(++round);
         const std::string before = writer_->value(kLocation);
         const long long start = testsupport::monotonicNs();
-        const ConfigIF::ReturnMessage result = write(value, c.writerName);
-        const long took = testsupport::msSince(start);
+        ConfigIF::ReturnMessage result;
+        long long answered = 0;
+        std::thread writer([&] {
+            result = write(value, c.writerName);
+            answered = testsupport::monotonicNs();
+        });
+        EXPECT_TRUE(c.mode != "hang" || callback->asked());
+        for (int i = 0; i < 20 && c.mode == "hang"; ++i) {
+            const long long read = testsupport::monotonicNs();
+            EXPECT_EQ(reader.value("audio/volume"), "50");
+            EXPECT_LT(testsupport::msSince(read), 50);
+        }
+        const long long gone = testsupport::monotonicNs();
+        if (c.goes) {
+            callback.reset();
+        }
+        writer.join();
+        const long took = (answered - start) / 1000000;
         EXPECT_EQ(result.error(), c.expected);
         EXPECT_EQ(result.reboot_required(), c.reboot);
         const std::string messages = result.ShortDebugString();
         EXPECT_NE(messages.find(c.message), std::string::npos) << messages;
         EXPECT_EQ(writer_->value(kLocation), c.expected == kErrNoError ? value : before);
-        if (c.expected == kErrTimeOut) {
+        if (c.goes) {
+            EXPECT_LT((answered - gone) / 1000000, kReleasedWithinMs) << "waited for a peer gone";
+        } else if (c.expected == kErrTimeOut) {
             EXPECT_GE(took, kDeadlineMs - 5);
             EXPECT_LT(took, kDeadlineMs + 50);
         } else {
             EXPECT_LT(took, kDeadlineMs);
         }
-        EXPECT_TRUE(c.printed.empty() || callback.holds(c.printed));
+        EXPECT_TRUE(c.kept.empty() || callback->holds(c.kept));
     }
-}
-
-// While a validator keeps a write waiting, everyone else's reads are answered at once; killing
-// the validator releases the write.
-TEST_F(Callbacks, AHungValidatorHoldsOnlyItsChange) {
-    start({"--callback-timeout", "10000"});
-    auto validator = std::make_unique<Peer>("hang", "hung", "system.location");
-    ServiceClient reader("reader");
-    ConfigIF::ReturnMessage result;
-    long long answered = 0;
-    std::thread writer([&] {
-        result = write("held");
-        answered = testsupport::monotonicNs();
-    });
-    ASSERT_TRUE(validator->asked());
-    for (int i = 0; i < 20; ++i) {
-        const long long start = testsupport::monotonicNs();
-        EXPECT_EQ(reader.value("audio/volume"), "50");
-        EXPECT_LT(testsupport::msSince(start), 50);
-    }
-    const long long killed = testsupport::monotonicNs();
-    validator.reset();
-    writer.join();
-    EXPECT_LT((answered - killed) / 1000000, kReleasedWithinMs)
-        << "the write waited on for a validator gone";
-    EXPECT_EQ(result.error(), kErrNoError);
-    EXPECT_EQ(reader.value(kLocation), "held");
 }
 
 // Writes `count` distinct values to system/location from `threads` connections at once (their
