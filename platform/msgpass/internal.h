@@ -249,6 +249,7 @@ struct msg_endpoint {
     int closed;
     int leader;              /* a thread is waiting in epoll for the endpoint */
     int polling;             /* ... with poll() (receive.c), on what was there when it began */
+    unsigned poll_waits;     /* waits made with poll(), up to kMsgPollWaits (receive.c) */
     int foreign_ready;       /* a receive ends: a descriptor of MSG_WatchFd is readable, or */
                              /* with one watched, a connection closed or the name changed */
     int foreign_count;       /* descriptors watched (MSG_WatchFd) */

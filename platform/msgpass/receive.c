@@ -430,10 +430,17 @@ static int count_conns(const struct msg_endpoint* ep, int atMost) {
     return count;
 }
 
+/* An endpoint that only connects out waits with poll() for its first few waits: a client that
+ * makes one transaction then needs no epoll set. One that keeps waiting makes the set once and
+ * waits on it from then on: each poll() registers with every socket and unregisters again,
+ * where epoll_wait() finds what is ready already listed. */
+enum { kMsgPollWaits = 8 };
+
 /* One turn as leader: wait for the endpoint without its lock, then serve what came. -1 when
  * there is nothing to wait with. */
 static int lead(struct msg_endpoint* ep, int timeoutMs) {
-    if (ep->wait_fd < 0 && ep->listen_fd < 0 && count_conns(ep, kMaxEvents - 1) < kMaxEvents) {
+    if (ep->wait_fd < 0 && ep->listen_fd < 0 && count_conns(ep, kMaxEvents - 1) < kMaxEvents &&
+        ep->poll_waits++ < kMsgPollWaits) {
         return msg_endpoint_ensure_wake(ep) == 0 ? lead_with(ep, timeoutMs, wait_poll) : -1;
     }
     if (msg_endpoint_ensure_wait_set(ep) != 0) {
