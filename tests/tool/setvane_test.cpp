@@ -175,8 +175,9 @@ TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOn
     }
 }
 
-// ---- How the program is linked: libmsgpass dynamically and through its eleven client
-// operations only, so that the device's own library can take its place; the rest statically ----
+// ---- How the program is linked: libmsgpass through its eleven client operations only, so that
+// the device's own library can take its place (that it is found through LD_LIBRARY_PATH first,
+// by RUNPATH and not RPATH, the runs over the scripted libmsgpass show); the rest statically ----
 
 TEST(Binary, LoadsOnlyTheElevenClientOperationsOfLibmsgpassAndTheCLibrary) {
     EXPECT_EQ(runShell("nm -D --undefined-only " SETVANE_BINARY
@@ -186,10 +187,7 @@ TEST(Binary, LoadsOnlyTheElevenClientOperationsOfLibmsgpassAndTheCLibrary) {
               " MSG_GetPayloadBytes\n MSG_GetPayloadMutable\n MSG_OpenLocal\n"
               " MSG_OpenRemoteSync\n MSG_RecvMsg\n MSG_ReleaseMsg\n MSG_SendMsg\n");
     const std::string dynamic = runShell("readelf -d " SETVANE_BINARY).out;
-    EXPECT_NE(dynamic.find("[libmsgpass.so"), std::string::npos);
-    // RUNPATH, unlike RPATH, lets LD_LIBRARY_PATH choose another libmsgpass.
-    EXPECT_NE(dynamic.find("(RUNPATH)"), std::string::npos);
-    for (const char* absent : {"libprotobuf", "libstdc++", "libgcc_s", "(RPATH)"}) {
+    for (const char* absent : {"libprotobuf", "libstdc++", "libgcc_s"}) {
         EXPECT_EQ(dynamic.find(absent), std::string::npos) << absent;
     }
 }
