@@ -1,7 +1,7 @@
 // setvane as its users meet it: the shipped program, run with the command lines of
-// command_lines.txt, against the stand-in service (standin/) over the real libmsgpass and
-// against a libmsgpass that fails on request (fake_msgpass.c); how it is linked; and the
-// mirroring of its error lines into the system log.
+// command_lines.txt over a libmsgpass that records its calls and fails on request
+// (fake_msgpass.c); how it is linked; and the mirroring of its error lines into the system log.
+// With the real libmsgpass and service it runs in the vanectl sessions.
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -77,8 +77,20 @@ TEST(CommandLine, EndsWithStatusOneAndExactStandardError) {
     }
 }
 
-// ---- The stand-in service over the real libmsgpass: the request it receives (requests.txt), what
-// the tool prints for each answer, and its exit status ----
+// ---- Over a libmsgpass that answers as scripted, fails on request and records every call
+// (fake_msgpass.c): the request each command line sends (requests.txt); each failure reported
+// once, with its exit status, and the calls (order, arguments, the handles released) exactly
+// those listed with the case in setvane_runs.txt ----
+
+// setvane (its words separated by "|") over the scripted libmsgpass, which answers `reply` (hex),
+// fails as `fail` says and records its calls in the file `calls`.
+Outcome runScripted(const std::string& words, const std::string& calls, const std::string& reply,
+                    const std::string& fail = "") {
+    return runSetvane(split(words, "|"), {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR},
+                                          {"FAKE_MSGPASS_LOG", calls},
+                                          {"FAKE_MSGPASS_REPLY", reply},
+                                          {"FAKE_MSGPASS_FAIL", fail}});
+}
 
 // The message of type Message with the fields `text` (protobuf text format), encoded, in hex.
 template <typename Message>
@@ -92,37 +104,32 @@ std::string hexOf(const std::string& text) {
     return hex;
 }
 
-TEST(ServiceTest, ReceivesExactlyTheRequestOfTheCommandLine) {
+TEST(Requests, AreExactlyTheOnesOfTheCommandLine) {
     for (const CaseRow& row : toolCases("requests.txt").rows) {
         SCOPED_TRACE(row.where);
         TempDir dir;
         const bool write = row[1] == "WriteReq";
-        // A write that asks for a reboot succeeds silently: the tool does not act on it. The
-        // stand-in records each request as its id and its payload in hex.
-        Background service(
-            STANDIN_BINARY,
-            {"standin_service", "--reply-hex",
-             write ? hexOf<ConfigIF::WriteRsp>("ret_message { error: 0 reboot_required: true }")
-                   : hexOf<ConfigIF::ReadRsp>("error: 0"),
-             "--record", dir.file("requests")},
-            {{"MSGPASS_DIR", dir.path}}, dir.file("standin.log"));
-        ASSERT_TRUE(service.waitForLog("ready\n"));
-        const Outcome done = runSetvane(split(row[0], "|"), {{"MSGPASS_DIR", dir.path}});
+        // A write that asks for a reboot succeeds silently: the tool does not act on it.
+        const Outcome done = runScripted(
+            row[0], dir.file("calls"),
+            write ? hexOf<ConfigIF::WriteRsp>("ret_message { error: 0 reboot_required: true }")
+                  : hexOf<ConfigIF::ReadRsp>("error: 0"));
         EXPECT_EQ(done.status, 0);
         EXPECT_EQ(done.out + done.err, "");
         const std::string request = replaced(row[2], "{pid}", std::to_string(done.pid));
-        EXPECT_EQ(
-            readFile(dir.file("requests")),
+        const std::string hex =
+            write ? hexOf<ConfigIF::WriteReq>(request) : hexOf<ConfigIF::ReadReq>(request);
+        // The message made with the request's id and size, filled, and sent as it was filled.
+        const std::string sent =
+            "AllocMsg " +
             std::to_string(write ? ConfigProtocol::kWriteReqMsgId : ConfigProtocol::kReadReqMsgId) +
-                " " +
-                (write ? hexOf<ConfigIF::WriteReq>(request) : hexOf<ConfigIF::ReadReq>(request)) +
-                "\n");
+            " 0 " + std::to_string(hex.size() / 2) +
+            " -> msg1\nGetPayloadMutable msg1\nSendMsg setvane-" + std::to_string(done.pid) +
+            " 42 msg1 " + hex + " -> 0\n";
+        const std::string calls = readFile(dir.file("calls"));
+        EXPECT_NE(calls.find(sent), std::string::npos) << calls << "lacks\n" << sent;
     }
 }
-
-// ---- A libmsgpass that answers as scripted, fails on request and records every call: each
-// failure is reported once, with its exit status, and the calls (order, arguments, the handles
-// released) are exactly those listed with the case in setvane_runs.txt ----
 
 TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOnes) {
     const CaseFile file = toolCases("setvane_runs.txt");
@@ -138,19 +145,13 @@ TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOn
         }
         SCOPED_TRACE(block.head.where + ": " + block.head[0]);
         TempDir dir;
-        std::map<std::string, std::string> settings = {{"run", "--client|cli|a|1"},
-                                                       {"reply", "5000"}};
+        std::map<std::string, std::string> settings = {
+            {"run", "--client|cli|a|1"}, {"reply", "5000"}, {"fail", ""}};
         for (size_t i = 1; i < block.head.fields.size(); ++i) {
             const std::string& setting = block.head[i];
             const size_t blank = std::min(setting.find(' '), setting.size());
             settings[setting.substr(0, blank)] =
                 setting.substr(std::min(blank + 1, setting.size()));
-        }
-        Environment env = {{"LD_LIBRARY_PATH", FAKE_MSGPASS_DIR},
-                           {"FAKE_MSGPASS_LOG", dir.file("calls")},
-                           {"FAKE_MSGPASS_REPLY", settings["reply"]}};
-        if (settings.count("fail") != 0) {
-            env.push_back({"FAKE_MSGPASS_FAIL", settings["fail"]});
         }
         std::string err, out, calls;
         for (const CaseRow& row : block.body) {
@@ -163,8 +164,9 @@ TEST(FailureInjection, EachFailureIsReportedOnceAndTheCallsAreExactlyTheListedOn
                 calls += row[0] + "\n";
             }
         }
-        EXPECT_EQ(settings.size(), settings.count("fail") + 3) << "unknown setting";
-        const Outcome run = runSetvane(split(settings["run"], "|"), env);
+        EXPECT_EQ(settings.size(), 4u) << "unknown setting";
+        const Outcome run =
+            runScripted(settings["run"], dir.file("calls"), settings["reply"], settings["fail"]);
         EXPECT_EQ(std::to_string(run.status), settings["status"]);
         EXPECT_EQ(run.out, out);
         EXPECT_EQ(run.err, err);
