@@ -27,11 +27,10 @@ constexpr char kFiller[] = "FILLER=1";
 class NotifySocket {
   public:
     explicit NotifySocket(const std::string& path) : path(path) {
+        address_.sun_family = AF_UNIX;
+        std::strncpy(address_.sun_path, path.c_str(), sizeof address_.sun_path - 1);
         fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        bound = bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        bound = bind(fd_, reinterpret_cast<sockaddr*>(&address_), sizeof address_) == 0;
     }
     virtual ~NotifySocket() { close(fd_); }
 
@@ -39,18 +38,10 @@ class NotifySocket {
     // room: what it does after notifying waits, what it did before is there to see. True when
     // the queue is full.
     bool fill() {
-        int filler = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        bool full = false;
-        if (connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-            while (send(filler, kFiller, sizeof kFiller - 1, 0) > 0) {
-            }
-            full = errno == EAGAIN;
+        while (sendto(fd_, kFiller, sizeof kFiller - 1, MSG_DONTWAIT,
+                      reinterpret_cast<sockaddr*>(&address_), sizeof address_) > 0) {
         }
-        close(filler);
-        return full;
+        return errno == EAGAIN;
     }
 
     // The next notification (past the fillers), or "" when none came within `timeoutMs`.
@@ -73,6 +64,7 @@ class NotifySocket {
     bool bound = false;
 
   private:
+    sockaddr_un address_{};
     int fd_ = -1;
 };
 
