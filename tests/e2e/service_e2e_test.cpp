@@ -1,9 +1,8 @@
-// End to end: clients of the real configsrvc that push it hard (load, floods, SIGKILL), and what
-// only a real process shows (claims by the peer's uid); each test with a service of its own.
+// End to end: clients of the real configsrvc that push it hard (load, floods, SIGKILL); each test
+// with a service of its own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -28,32 +27,6 @@ using testsupport::kConnectMs;
 
 using Service = testsupport::ServiceTest;
 using testsupport::ServiceClient;
-
-// A service on the example model in which this process's uid may claim up to kSystem.
-class LimitedPeer : public testing::Test {
-  protected:
-    void SetUp() override {
-        std::string model = testsupport::readFile(testsupport::kExampleModel);
-        const std::string claims = "<claims others=\"kAdmin\">";
-        ASSERT_NE(model.find(claims), std::string::npos);
-        model.insert(model.find(claims) + claims.size(),
-                     "<uid id=\"" + std::to_string(geteuid()) + "\" max=\"kSystem\"/>");
-        service_.model = service_.root() + "/model.xml";
-        ASSERT_TRUE(testsupport::writeFile(service_.model, model));
-        ASSERT_TRUE(service_.start(&error_)) << error_;
-    }
-
-    testsupport::ServiceProcess service_;
-    std::string error_;
-};
-
-// Claims are judged by the uid the endpoint tells of the peer.
-TEST_F(LimitedPeer, ClaimsFollowThePeersUid) {
-    ServiceClient client("claims");
-    EXPECT_EQ(client.call("BatchRead", kProvisioning, "instance { {{audio/volume}} }"),
-              kErrNotAuthorized);
-    EXPECT_EQ(client.value("audio/volume", kSystem), "50");
-}
 
 // Each client owns a variable that takes a short text: every fourth request writes the next
 // value to it, two read another client's, and one reads an instance the model lacks.

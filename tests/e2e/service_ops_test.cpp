@@ -1,8 +1,9 @@
-// Operating the real configsrvc: its log where it runs, its command line, and reloading its model
-// on SIGHUP while clients read and write.
+// Operating the real configsrvc: its log where it runs, its command line, reloading its model on
+// SIGHUP while clients read and write, and the claims of its peers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -127,6 +128,34 @@ TEST_F(Operated, ReloadServesTheNewModelAndARefusedOneChangesNothing) {
                    service_.model + ":2: unknown element <nod> in <device-model>\n");
     EXPECT_EQ(read("audio/volume"), "50");
     EXPECT_EQ(client_->write("audio/volume", {"70"}), kErrBadParameter) << "the narrower model";
+}
+
+// Claims are judged by the uid the endpoint tells of the peer, not by the service's own: here a
+// peer the reloaded model lets claim up to kSystem, in a child of its own (as root, of uid 65534).
+TEST_F(Operated, ClaimsFollowThePeersUid) {
+    const uid_t peer = geteuid() == 0 ? 65534 : geteuid();
+    const std::string claims = "<claims others=\"kAdmin\">";
+    const std::string limited = "<uid id=\"" + std::to_string(peer) + "\" max=\"kSystem\"/>";
+    reloadWith(testsupport::replaced(example_, claims, claims + limited), reloaded());
+    const pid_t child = fork();
+    if (child == 0) {
+        configclient::ConfigSession session;
+        ConfigIF::ReadRsp above, within;
+        const auto ask = [&](eSecurityRole role, ConfigIF::ReadRsp* answer) {
+            return session.read(testsupport::readRequest("audio/volume", role), answer,
+                                testsupport::kAnswerMs) == configclient::ConfigSession::kOk;
+        };
+        const bool judged = (peer == geteuid() || (setresgid(peer, peer, peer) == 0 &&
+                                                   setresuid(peer, peer, peer) == 0)) &&
+                            session.connect("claims", testsupport::kConnectMs) ==
+                                configclient::ConfigSession::kOk &&
+                            ask(kProvisioning, &above) && above.error() == kErrNotAuthorized &&
+                            ask(kSystem, &within) && within.error() == kErrNoError;
+        _exit(judged ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "uid " << peer << " was not judged by its claims";
 }
 
 // A store that cannot be opened again at a reload, for the new model or the one before, ends the

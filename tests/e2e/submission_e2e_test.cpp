@@ -96,7 +96,8 @@ TEST_F(Submissions, ProfilesAreFilesOfTheStateFolder) {
 }
 
 // A bare command is obeyed with no answer: its change shows once it is stored. (Whose are
-// obeyed is decided in the service core, by the uid the endpoint tells: LimitedPeer.)
+// obeyed is decided in the service core, by the uid the endpoint tells:
+// Operated.ClaimsFollowThePeersUid.)
 TEST_F(Submissions, BareCommandsAreObeyedWithoutAnAnswer) {
     ServiceClient client("commands");
     ASSERT_EQ(client.write(mtuOf(1), {"1400"}), kErrNoError);
