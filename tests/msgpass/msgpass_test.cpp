@@ -399,7 +399,9 @@ TEST_F(MsgPassTest, WaitsEndAtTheirTimeOut) {
 // set, a client with poll().
 TEST_F(MsgPassTest, LongWaitsSleepUntilTheEndpointCloses) {
     const std::pair<int, bool> waits[] = {{-1, true}, {INT_MAX, true}, {-1, false}};
-    for (const auto& [timeoutMs, published] : waits) {
+    for (const auto& wait : waits) {
+        const int timeoutMs = wait.first;  // a plain name: lambdas may not capture bindings
+        const bool published = wait.second;
         ASSERT_EQ(published ? MSG_OpenService("server") : MSG_OpenLocal("server"), MSG_OK);
         std::atomic<int> ended{0};
         auto receive = [&] {
@@ -902,8 +904,10 @@ TEST_F(MsgPassTest, EndpointFilesGoWithTheirProcessOrAreSwept) {
     int opened[2];
     ASSERT_EQ(pipe(opened), 0);
     auto sayThenWaitForKill = [&opened] {
-        for (bool said = write(opened[1], "o", 1) == 1; said;) {
-            pause();
+        if (write(opened[1], "o", 1) == 1) {
+            for (;;) {
+                pause();
+            }
         }
         return 21;
     };
