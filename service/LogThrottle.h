@@ -34,7 +34,14 @@ class LogThrottle {
 
     // Writes the summary of every window that ended by `now` and had lines suppressed, and
     // forgets the senders whose window ended. Call it every second or so.
-    void tick(Clock::time_point now = Clock::now());
+    void tick(Clock::time_point now);
+    // The same at the time it is called; nothing, not even a look at the clock, when no sender
+    // has a window open (a service's loop ticks once a round).
+    void tick() {
+        if (!windows_.empty()) {
+            tick(Clock::now());
+        }
+    }
     // Writes the summaries of every window, ended or not (when the service stops).
     void flush() { tick(Clock::time_point::max()); }
 

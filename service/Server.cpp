@@ -167,6 +167,7 @@ void Server::submit(Change change) {
     }
     state_->accept(change.changes);
     waiting_.push_back({ticket, std::move(change)});
+    submitted_ = true;
 }
 
 void Server::dispatch(MSG_Msg* request) {
@@ -497,7 +498,10 @@ bool Server::run(int stopFd, Pause* pause) {
         expireAsks();
         pumpAll();
         // Whatever this round submitted goes to the disk together.
-        committer_->release();
+        if (submitted_) {
+            committer_->release();
+            submitted_ = false;
+        }
     }
     logmsg_info(kLogModule, "stopping: answering the writes already submitted\n");
     committer_->stop();

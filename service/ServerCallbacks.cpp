@@ -325,6 +325,9 @@ void Server::veto(uint64_t id, CommonIF::eErrorType error,
 }
 
 void Server::expireAsks() {
+    if (asked_.empty()) {
+        return;  // the common case, and no look at the clock
+    }
     const auto now = std::chrono::steady_clock::now();
     // Deadlines grow with the ids, so the expired ones come first.
     while (!asked_.empty() && asked_.begin()->second.deadline <= now) {
