@@ -3,7 +3,6 @@
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <regex>
@@ -78,14 +77,13 @@ std::string expandText(const std::string& text) {
     // Paths first, so that a repeated text is expanded once and not once per copy.
     const std::string paths = replaceAll(
         text, kPath, [](const std::smatch& match) { return instOf(match[1]).ShortDebugString(); });
-    const std::string repeated = replaceAll(paths, kRepeat, [](const std::smatch& match) {
+    return replaceAll(paths, kRepeat, [](const std::smatch& match) {
         std::string copies;
         for (int i = std::stoi(match[1]); i > 0; --i) {
             copies += match[2].str() + " ";
         }
         return copies;
     });
-    return replaced(repeated, "$UID", std::to_string(geteuid()));
 }
 
 std::unique_ptr<google::protobuf::Message> messageOf(const std::string& type,

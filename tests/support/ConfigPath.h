@@ -27,7 +27,7 @@ ConfigIF::SubmitReq submitRequest(const std::string& path, ConfigIF::SubmitType 
                                   CommonIF::eSecurityRole role);
 
 // `text` with its shorthands written out: "{{a/b 2}}" is the nodes of that path (instOf),
-// "<<N: text>> " N copies of text, "$UID" this process's uid; "-" alone is nothing.
+// "<<N: text>> " N copies of text; "-" alone is nothing.
 std::string expandText(const std::string& text);
 
 // A new message of the protocol's type `type` ("ReadReq") with the fields of `text` (shorthands
