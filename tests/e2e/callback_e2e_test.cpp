@@ -60,7 +60,8 @@ struct Record {
 };
 
 // A client registered for `path` as `mode` says: watch (notifications kept as lineOf() lines),
-// resume (the same into `record`, after resuming from its mark, or from now on when it has none),
+// resume (the same into `record`, after resuming from its mark, or from now on when it has none;
+// "resume-late" registers first and resumes after),
 // veto (a validator that refuses with "vetoed by NAME", not asked about the writes of the client
 // named "skipper"), write (a validator that first writes what it is asked about, and keeps
 // "wrote STATUS ERROR"), reboot (an applier that asks for a reboot), hang (a validator never
@@ -73,17 +74,27 @@ class Peer : public configclient::CallbackHandler {
         : mode_(mode), record_(record), client_(name), dispatcher_(&client_.session, this) {
         eErrorType error = kErrNoError;
         uint64_t sequence = 0;
-        EXPECT_TRUE(record == nullptr ||
-                    dispatcher_.resume(name, kAdmin, record->mark != 0 ? &record->mark : nullptr,
-                                       kAnswerMs, &error, &sequence) == ConfigSession::kOk);
-        const std::string type = mode == "watch" || mode == "resume" ? "kChangeNotify"
-                                 : mode == "reboot"                  ? "kOnChange"
-                                                                     : "kDynamicValidator";
+        const auto resume = [&] {
+            EXPECT_TRUE(record == nullptr ||
+                        dispatcher_.resume(name, kAdmin,
+                                           record->mark != 0 ? &record->mark : nullptr, kAnswerMs,
+                                           &error, &sequence) == ConfigSession::kOk);
+        };
+        const bool late = mode == "resume-late";
+        if (!late) {
+            resume();
+        }
+        const std::string type = mode == "watch" || mode.rfind("resume", 0) == 0 ? "kChangeNotify"
+                                 : mode == "reboot"                              ? "kOnChange"
+                                                    : "kDynamicValidator";
         EXPECT_EQ(client_.call("RegisterClientCallback", kAdmin,
                                "node_name: '" + path + "' user_context: 'ctx' type: " + type +
                                    (mode == "veto" ? " validate_skipname: 'skipper'" : "")),
                   kErrNoError)
             << name << " resumed with " << error;
+        if (late) {
+            resume();
+        }
         if (mode != "hang") {
             serve();
         }
@@ -401,6 +412,23 @@ TEST_F(Callbacks, ASubscriberGoneAThousandTimesResumesWithoutGapsOrRepeats) {
     EXPECT_TRUE(last.holds("v system.location s-0-" + std::to_string(written - 1), 1, 10000));
     EXPECT_FALSE(record.resynced);
     EXPECT_TRUE(holdsEveryWriteOnceInOrder(record.lines, "s", written));
+}
+
+// A subscriber that registers again before it resumes, rather than after, is sent from its mark
+// on what it missed all the same: the resume takes its registration back to that point.
+TEST_F(Callbacks, ASubscriberThatRegistersBeforeResumingGetsWhatItMissed) {
+    Record record;
+    {
+        Peer before("resume", "resumer", "system.location", &record);
+        write("r-0-0");
+        EXPECT_TRUE(before.holds("v system.location r-0-0"));
+    }
+    for (int i = 1; i < 5; ++i) {
+        write("r-0-" + std::to_string(i));
+    }
+    Peer after("resume-late", "resumer", "system.location", &record);
+    EXPECT_TRUE(after.holds("v system.location r-0-4"));
+    EXPECT_TRUE(holdsEveryWriteOnceInOrder(record.lines, "r", 5));
 }
 
 // A writer that also watches gets the notification of its own change before the answer to its
