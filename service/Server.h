@@ -212,11 +212,10 @@ class Server {
     // first block is ours, so serving a read allocates nothing.
     std::vector<char> arenaBlock_;
     std::unique_ptr<google::protobuf::Arena> arena_;
-    Submissions submissions_;  // open on the connections, by address
-    std::string encoded_;      // answers written straight as bytes, reused
-    std::deque<Waiting> waiting_;
-    bool submitted_ = false;  // a write went to the committer since its last release()  // in
-                              // submission order, as the committer finishes them
+    Submissions submissions_;      // open on the connections, by address
+    std::string encoded_;          // answers written straight as bytes, reused
+    std::deque<Waiting> waiting_;  // in submission order, as the committer finishes them
+    bool submitted_ = false;       // a write went to the committer since its last release()
     std::vector<FinishedWrite> finished_;
     LogThrottle throttle_;  // of the lines about requests, per sender
 
