@@ -545,9 +545,8 @@ static int change_watch(const char* localName, int fd, int watch) {
                          : MSG_ERR_SYSTEM;
         } else {
             ep->foreign_count += watch ? 1 : -1;
-            if (ep->polling) {
-                msg_endpoint_wake_poller(ep); /* its poll() does not follow the new epoll set */
-            }
+            /* A poll() under way does not follow the epoll set: it begins again. */
+            msg_endpoint_wake_poller(ep);
         }
     }
     pthread_mutex_unlock(&ep->lock);
