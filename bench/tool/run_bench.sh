@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Times a whole `setvane` read against a stand-in service that answers at once: as installed (the
 # loader finds libmsgpass through its cache) and from the build tree, beside /bin/true, the runtime
-# floor (the same runtime linked, nothing of ours) and two minimal clients, in one hyperfine run,
-# all pinned to one CPU (service and clients alike); then the peak RSS of each.
+# floor (the same runtime linked, nothing of ours), the schema floor (the same with our two schema
+# files registered) and two minimal clients, in one hyperfine run, all pinned to one CPU (service
+# and clients alike); then the peak RSS of each.
 #
 # Usage: bench/tool/run_bench.sh [BUILD_DIR] [RUNS]     (default: build/release, 1000)
 #
@@ -23,7 +24,7 @@ setvane=$build/tool/setvane
 standin=$build/standin/standin_service
 bin=$build/bench/tool
 for program in "$setvane" "$standin" "$bin/peak_rss" "$bin/raw_client" "$bin/raw_server" \
-               "$bin/msgpass_client" "$bin/runtime_floor"; do
+               "$bin/msgpass_client" "$bin/runtime_floor" "$bin/schema_floor"; do
     [[ -x $program ]] || { echo "missing $program: build target bench_tool_programs first" >&2; exit 1; }
 done
 
@@ -83,12 +84,13 @@ fi
 # page cache: a freshly linked or copied file maps differently from one read back from disk. Drop
 # the programs' cached pages so that each is read back as it would be after a reboot.
 for program in "$setvane" "$bin/raw_client" "$bin/msgpass_client" "$bin/runtime_floor" \
-               "$build/platform/msgpass/libmsgpass.so" ${installed:+"$installed" "$libdir/libmsgpass.so.1"}; do
+               "$bin/schema_floor" "$build/platform/msgpass/libmsgpass.so" \
+               ${installed:+"$installed" "$libdir/libmsgpass.so.1"}; do
     file=$(readlink -f "$program")
     sync "$file" && dd if="$file" iflag=nocache count=0 status=none 2>/dev/null || true
 done
 
-commands=(-n true /bin/true -n floor "$bin/runtime_floor")
+commands=(-n true /bin/true -n floor "$bin/runtime_floor" -n schema_floor "$bin/schema_floor")
 [[ -n $installed ]] && commands+=(-n installed "$installed x")
 commands+=(-n setvane "$setvane x" -n raw_client "$bin/raw_client $work/raw.sock"
            -n msgpass_client "$bin/msgpass_client")
@@ -112,7 +114,7 @@ ratio() {
         'BEGIN { printf "%.3f ms  %.2fx /bin/true  %.2fx floor", t * 1000, t / b, t / f }'
 }
 echo
-for name in true floor installed setvane raw_client msgpass_client; do
+for name in true floor schema_floor installed setvane raw_client msgpass_client; do
     [[ -n $(median "$name") ]] && printf 'median %-15s %s\n' "$name" "$(ratio "$name")"
 done
 echo "(target: installed <= 1.25x floor)"
@@ -121,6 +123,7 @@ echo
 rss() { "$bin/peak_rss" 50 "$@"; }
 echo "peak RSS /bin/true       $(rss /bin/true) KiB"
 echo "peak RSS runtime_floor   $(rss "$bin/runtime_floor") KiB"
+echo "peak RSS schema_floor    $(rss "$bin/schema_floor") KiB"
 echo "peak RSS setvane x       $(rss "$setvane" x) KiB  (target <= 3072 KiB)"
 echo "peak RSS raw_client      $(rss "$bin/raw_client" "$work/raw.sock") KiB"
 echo "peak RSS msgpass_client  $(rss "$bin/msgpass_client") KiB"
