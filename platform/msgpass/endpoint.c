@@ -264,7 +264,7 @@ int msg_endpoint_ensure_wake(struct msg_endpoint* ep) {
 }
 
 void msg_endpoint_wake_poller(struct msg_endpoint* ep) {
-    if (ep->polling) {
+    if (ep->polling && ep->wake_fd >= 0) {
         uint64_t one = 1;
         ssize_t ignored = write(ep->wake_fd, &one, sizeof(one));
         (void)ignored;

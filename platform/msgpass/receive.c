@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/single_threaded.h>
 #include <unistd.h>
 
 #include "internal.h"
@@ -388,12 +389,17 @@ static int wait_epoll(struct msg_endpoint* ep, struct epoll_event* events, int t
 /* An endpoint that only connects out waits with poll() on its few connections: a client's
  * transaction then needs no epoll set, nor the calls that make, fill and close it. Changes made
  * meanwhile by other threads (a new connection, a paused one, output that waits) write the wake
- * event, and the next turn polls what is there then. Results come back as epoll events. */
+ * event, and the next turn polls what is there then; without a wake event (see lead()) there is
+ * no other thread to make any. Results come back as epoll events. */
 static int wait_poll(struct msg_endpoint* ep, struct epoll_event* events, int timeoutMs) {
     struct pollfd fds[kMaxEvents];
     uint32_t addresses[kMaxEvents];
     int count = 0;
-    fds[count++] = (struct pollfd){.fd = ep->wake_fd, .events = POLLIN};
+    const int wakeable = ep->wake_fd >= 0;
+    if (wakeable) {
+        fds[count++] = (struct pollfd){.fd = ep->wake_fd, .events = POLLIN};
+    }
+    const int firstConn = count;
     for (struct msg_conn* conn = ep->conns; conn; conn = conn->next) {
         short wanted = (short)((conn->paused ? 0 : POLLIN) | (conn->want_output ? POLLOUT : 0));
         if (wanted) {
@@ -406,11 +412,11 @@ static int wait_poll(struct msg_endpoint* ep, struct epoll_event* events, int ti
     int ready = poll(fds, (nfds_t)count, timeoutMs);
     pthread_mutex_lock(&ep->lock);
     ep->polling = 0;
-    if (ready > 0 && fds[0].revents) {
+    if (ready > 0 && wakeable && fds[0].revents) {
         take_wake(ep);
     }
     int found = 0;
-    for (int i = 1; ready > 0 && i < count; i++) {
+    for (int i = firstConn; ready > 0 && i < count; i++) {
         const short got = fds[i].revents;
         if (got) {
             events[found].data.u64 = addresses[i];
@@ -437,11 +443,17 @@ static int count_conns(const struct msg_endpoint* ep, int atMost) {
 enum { kMsgPollWaits = 8 };
 
 /* One turn as leader: wait for the endpoint without its lock, then serve what came. -1 when
- * there is nothing to wait with. */
+ * there is nothing to wait with. A process with a single thread polls without a wake event:
+ * while its only thread waits, no other can connect, pause, queue output or close, so nothing
+ * would ever write the event, and a one-shot client saves making and closing it. The first wait
+ * after a second thread starts makes it. */
 static int lead(struct msg_endpoint* ep, int timeoutMs) {
     if (ep->wait_fd < 0 && ep->listen_fd < 0 && count_conns(ep, kMaxEvents - 1) < kMaxEvents &&
         ep->poll_waits++ < kMsgPollWaits) {
-        return msg_endpoint_ensure_wake(ep) == 0 ? lead_with(ep, timeoutMs, wait_poll) : -1;
+        if (!__libc_single_threaded && msg_endpoint_ensure_wake(ep) != 0) {
+            return -1;
+        }
+        return lead_with(ep, timeoutMs, wait_poll);
     }
     if (msg_endpoint_ensure_wait_set(ep) != 0) {
         return -1;
