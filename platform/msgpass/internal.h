@@ -237,7 +237,8 @@ struct msg_endpoint {
     ino_t socket_ino;
     int listen_fd;
     int wait_fd;    /* epoll set: listen socket, wake event, every unpaused connection; or -1 */
-    int wake_fd;    /* eventfd that interrupts the leader (msg_endpoint_ensure_wake); or -1 */
+    int wake_fd;    /* eventfd that interrupts the leader (msg_endpoint_ensure_wake); or -1,
+                     * also while a single-threaded process polls (receive.c, lead()) */
     int poll_fd;    /* epoll set handed out by MSG_GetPollFd (wait_fd + pending_fd), or -1 */
     int pending_fd; /* eventfd readable while the queue is not empty, or -1 */
     int pending_signalled; /* what pending_fd says now (it lags the queue under the lock) */
@@ -278,7 +279,8 @@ void msg_endpoint_free(struct msg_endpoint* ep);
  * poll(), when what it should wait for changes. Endpoint's lock held; 0, or -1 with errno. */
 int msg_endpoint_ensure_wake(struct msg_endpoint* ep);
 /* Endpoint's lock held: interrupts a leader that waits with poll(), whose descriptors and events
- * were fixed when it began (the epoll set follows changes by itself). */
+ * were fixed when it began (the epoll set follows changes by itself). Nothing to do when the
+ * leader polls without a wake event: its process has no other thread that could call this. */
 void msg_endpoint_wake_poller(struct msg_endpoint* ep);
 
 /* Makes the epoll set of an endpoint that has none yet (with the wake-up event in it): published
